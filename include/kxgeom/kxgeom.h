@@ -1,0 +1,17 @@
+// kxgeom: geometry algorithms for interactive 3D modelling.
+//
+// The umbrella header: includes every public header of the library,
+// the platform types included.
+#pragma once
+
+#include <kxgeom/platform/arrayofsets.h>
+#include <kxgeom/platform/bitvector.h>
+#include <kxgeom/platform/boundingbox.h>
+#include <kxgeom/platform/containers.h>
+#include <kxgeom/platform/linear.h>
+#include <kxgeom/platform/mesh.h>
+#include <kxgeom/platform/os.h>
+#include <kxgeom/platform/progress.h>
+#include <kxgeom/platform/remap.h>
+#include <kxgeom/platform/strings.h>
+#include <kxgeom/platform/threads.h>

@@ -1,0 +1,160 @@
+// The threaded-pass pattern: range rule, combination order, determinism
+// across thread counts, nested runs, and the parallel stable sort.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <random>
+#include <vector>
+
+#include <kxgeom/kxgeom.h>
+
+namespace {
+
+using kxUtil::ThreadedAlgBase;
+using kxUtil::ThreadPool;
+
+TEST(RangeRule, SlicesAreContiguousDisjointAndBalanced) {
+  for (int n : {0, 1, 7, 8, 9, 100, 1001}) {
+    for (int threads : {1, 2, 3, 8, 13}) {
+      int expectedBegin = 0;
+      for (int t = 0; t < threads; ++t) {
+        const int b = ThreadedAlgBase::getBeginIndex(t, threads, n);
+        const int e = ThreadedAlgBase::getBeginIndex(t + 1, threads, n);
+        EXPECT_EQ(b, expectedBegin);
+        // The first n % threads slices take one element more.
+        EXPECT_EQ(e - b, n / threads + (t < n % threads ? 1 : 0)) << n << " " << threads;
+        expectedBegin = e;
+      }
+      EXPECT_EQ(expectedBegin, n);
+    }
+  }
+}
+
+// Records which slice each thread saw, and a float sum whose value depends on
+// the summation order: folding in thread order must give the same answer as
+// the same slices summed serially.
+class SliceRecorder : public kxUtil::ThreadedAlg<std::vector<int>> {
+ public:
+  explicit SliceRecorder(int n) : ThreadedAlg(n) {}
+  int initialized = 0, finalized = 0;
+  void initialize(int numThreads) override {
+    ++initialized;
+    ThreadedAlg::initialize(numThreads);
+  }
+  void finalize() override { ++finalized; }
+
+ protected:
+  void process(int, int begin, int end, std::vector<int>& out) override {
+    for (int i = begin; i < end; ++i) out.push_back(i);
+  }
+};
+
+TEST(ThreadPool, RunsEveryThreadOnItsOwnSliceAndCombinesInThreadOrder) {
+  for (int threads : {1, 2, 3, 8}) {
+    ThreadPool pool(threads);
+    SliceRecorder alg(1000);
+    pool.run(alg);
+    EXPECT_EQ(alg.initialized, 1);
+    EXPECT_EQ(alg.finalized, 1);
+    ASSERT_EQ(static_cast<int>(alg.results().size()), threads);
+    std::vector<int> all;
+    for (const auto& part : alg.results()) all.insert(all.end(), part.begin(), part.end());
+    std::vector<int> expected(1000);
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(all, expected);
+  }
+}
+
+TEST(ThreadPool, NestedRunsExecuteSeriallyWithoutDeadlock) {
+  ThreadPool pool(4);
+  std::vector<int> inner(4, 0);
+  kxUtil::forEachRange(pool, 4, [&](int, int b, int e) {
+    for (int i = b; i < e; ++i) {
+      int count = 0;
+      kxUtil::forEachRange(pool, 100, [&](int, int ib, int ie) { count += ie - ib; });
+      inner[i] = count;
+    }
+  });
+  EXPECT_EQ(inner, std::vector<int>(4, 100));
+}
+
+TEST(ThreadPool, ChunkResultsAreIndependentOfThreadCount) {
+  struct SumChunks : kxUtil::ThreadedChunkAlg<float> {
+    explicit SumChunks(const std::vector<float>& v) : ThreadedChunkAlg(int(v.size()), 37), v_(v) {}
+    void process(int, int b, int e, float& s) override {
+      for (int i = b; i < e; ++i) s += v_[i];
+    }
+    const std::vector<float>& v_;
+  };
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<float> u(-1e6f, 1e6f);
+  std::vector<float> v(5000);
+  for (float& x : v) x = u(rng);
+  float reference = 0;
+  for (int threads : {1, 2, 3, 8}) {
+    ThreadPool pool(threads);
+    SumChunks alg(v);
+    pool.run(alg);
+    float total = 0;
+    for (float s : alg.results()) total += s;
+    if (threads == 1) reference = total;
+    EXPECT_EQ(total, reference) << threads;
+  }
+}
+
+TEST(SMPSortMerge, IsStableAndIdenticalForEveryThreadCount) {
+  std::mt19937 rng(7);
+  std::vector<std::pair<int, int>> input(20000);
+  for (int i = 0; i < int(input.size()); ++i) input[i] = {int(rng() % 50), i};
+  auto byKey = [](const std::pair<int, int>& a, const std::pair<int, int>& b) {
+    return a.first < b.first;
+  };
+  std::vector<std::pair<int, int>> expected = input;
+  std::stable_sort(expected.begin(), expected.end(), byKey);
+  for (int threads : {1, 2, 3, 8}) {
+    ThreadPool pool(threads);
+    std::vector<std::pair<int, int>> data = input;
+    kxUtil::SMPSortMerge(data.data(), int(data.size()), byKey, pool);
+    EXPECT_EQ(data, expected) << threads;
+  }
+}
+
+TEST(Progress, SubPhasesAdvanceTheParentByTheirShare) {
+  kxUtil::Progress root;
+  std::vector<double> seen;
+  std::string lastCaption;
+  root.setObserver([&](double f, const char* c) {
+    seen.push_back(f);
+    lastCaption = c;
+  });
+  kxUtil::Progress a, b;
+  root.subPhase(0.8, a);
+  a.set(0.5);
+  EXPECT_DOUBLE_EQ(root.get(), 0.4);
+  a.set(1.0);
+  root.subPhase(0.2, b);
+  b.setCaption("second");
+  b.set(0.5);
+  EXPECT_DOUBLE_EQ(root.get(), 0.9);
+  EXPECT_EQ(lastCaption, "second");
+  EXPECT_DOUBLE_EQ(seen.back(), 0.9);
+  EXPECT_FALSE(b.cancelled());
+  root.cancel();
+  EXPECT_TRUE(b.cancelled());
+}
+
+TEST(Progress, OverriddenCancelledAtTheRootReachesEveryPhase) {
+  struct StopButton : kxUtil::Progress {
+    bool pressed = false;
+    bool cancelled() const override { return pressed; }
+  } root;
+  kxUtil::Progress child, grandchild;
+  root.subPhase(1.0, child);
+  child.subPhase(1.0, grandchild);
+  EXPECT_FALSE(grandchild.cancelled());
+  root.pressed = true;
+  EXPECT_TRUE(grandchild.cancelled());
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+// Meshes and helpers shared by the unit tests. Built independently of the
+// library's own constructors so that tests of those have an oracle.
+#pragma once
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <kxgeom/kxgeom.h>
+
+namespace kxtest {
+
+/// An nx by ny grid of unit squares in the z = 0 plane, two triangles per
+/// square, wound counter-clockwise seen from +z. Vertex (i, j) is j*(nx+1)+i.
+inline kxGeom::CompactMesh makeGrid(int nx, int ny) {
+  std::vector<kxGeom::MeshVertex> v;
+  for (int j = 0; j <= ny; ++j) {
+    for (int i = 0; i <= nx; ++i) v.push_back({float(i), float(j), 0.0f});
+  }
+  std::vector<int> t;
+  for (int j = 0; j < ny; ++j) {
+    for (int i = 0; i < nx; ++i) {
+      const int a = j * (nx + 1) + i, b = a + 1, c = a + nx + 1, d = c + 1;
+      t.insert(t.end(), {a, b, d, a, d, c});
+    }
+  }
+  kxGeom::CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  m.copyTriangles(int(t.size() / 3), t.data());
+  return m;
+}
+
+/// A closed latitude-longitude sphere (outward winding) with `rings` rings
+/// between the poles and `segments` segments; vertex 0 is the north pole,
+/// the last vertex the south pole.
+inline kxGeom::CompactMesh makeLatLongSphere(int rings, int segments, double radius = 1.0,
+                                             kxLinear::Point center = {}) {
+  const double pi = 3.14159265358979323846;
+  std::vector<kxGeom::MeshVertex> v;
+  v.push_back({float(center.x), float(center.y), float(center.z + radius)});
+  for (int r = 1; r < rings; ++r) {
+    const double theta = pi * r / rings;
+    for (int s = 0; s < segments; ++s) {
+      const double phi = 2 * pi * s / segments;
+      v.push_back({float(center.x + radius * std::sin(theta) * std::cos(phi)),
+                   float(center.y + radius * std::sin(theta) * std::sin(phi)),
+                   float(center.z + radius * std::cos(theta))});
+    }
+  }
+  v.push_back({float(center.x), float(center.y), float(center.z - radius)});
+  const int south = int(v.size()) - 1;
+  auto at = [&](int r, int s) { return 1 + (r - 1) * segments + (s % segments); };
+  std::vector<int> t;
+  for (int s = 0; s < segments; ++s) t.insert(t.end(), {0, at(1, s), at(1, s + 1)});
+  for (int r = 1; r + 1 < rings; ++r) {
+    for (int s = 0; s < segments; ++s) {
+      t.insert(t.end(), {at(r, s), at(r + 1, s), at(r + 1, s + 1)});
+      t.insert(t.end(), {at(r, s), at(r + 1, s + 1), at(r, s + 1)});
+    }
+  }
+  for (int s = 0; s < segments; ++s) t.insert(t.end(), {south, at(rings - 1, s + 1), at(rings - 1, s)});
+  kxGeom::CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  m.copyTriangles(int(t.size() / 3), t.data());
+  return m;
+}
+
+/// `numTriangles` random triangles over `numVertices` random vertices in
+/// [-1, 1]^3 (corners may repeat: degenerate triangles included).
+inline kxGeom::CompactMesh makeRandomMesh(int numVertices, int numTriangles, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> coord(-1.0f, 1.0f);
+  std::uniform_int_distribution<int> index(0, numVertices - 1);
+  std::vector<kxGeom::MeshVertex> v(numVertices);
+  for (auto& p : v) p = {coord(rng), coord(rng), coord(rng)};
+  std::vector<int> t(3 * std::size_t(numTriangles));
+  for (int& i : t) i = index(rng);
+  kxGeom::CompactMesh m(numVertices, v.data(), nullptr, nullptr, nullptr);
+  m.copyTriangles(numTriangles, t.data());
+  return m;
+}
+
+/// Captures everything printed on the geometry debug channel while alive.
+class LogCapture {
+ public:
+  LogCapture() {
+    kxGeom::debugChannel().setSink([this](const char* text) { lines_.emplace_back(text); });
+  }
+  ~LogCapture() { kxGeom::debugChannel().setSink(nullptr); }
+  const std::vector<std::string>& lines() const { return lines_; }
+  std::string all() const {
+    std::string s;
+    for (const auto& l : lines_) s += l;
+    return s;
+  }
+
+ private:
+  std::vector<std::string> lines_;
+};
+
+/// Replaces every "%f"-style number after `prefix` so timings can be compared:
+/// returns true when `line` starts with `prefix` and ends with `suffix`.
+inline bool matchesLogLine(const std::string& line, const std::string& prefix,
+                           const std::string& suffix) {
+  return line.size() >= prefix.size() + suffix.size() && line.compare(0, prefix.size(), prefix) == 0 &&
+         line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+}  // namespace kxtest
