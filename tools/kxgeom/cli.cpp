@@ -1,0 +1,178 @@
+#include "cli.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <kxgeom/mesh_io.h>
+
+namespace kxtool {
+
+namespace {
+
+std::atomic<bool> interrupted{false};
+
+extern "C" void onInterrupt(int) { interrupted.store(true); }
+
+bool endsWith(const std::string& s, const char* suffix) {
+  const std::size_t n = std::strlen(suffix);
+  if (s.size() < n) return false;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (std::tolower(static_cast<unsigned char>(s[s.size() - n + i])) != suffix[i]) return false;
+  }
+  return true;
+}
+
+bool isObj(const std::string& path) { return endsWith(path, ".obj"); }
+
+void drawBar(double fraction, const char* caption) {
+  const int width = 30;
+  const int filled = static_cast<int>(fraction * width + 0.5);
+  std::fprintf(stderr, "\r[%.*s%*s] %3d%% %-40.40s", filled, "##############################",
+               width - filled, "", static_cast<int>(fraction * 100 + 0.5), caption);
+  std::fflush(stderr);
+}
+
+// The index of the first triangle with a corner outside [0, n), or -1.
+int firstBadTriangle(const kxGeom::CompactMesh& mesh) {
+  const int n = mesh.getNumVertices();
+  const int* t = mesh.getTrianglesRaw();
+  for (int i = 0; i < 3 * mesh.getNumTriangles(); ++i) {
+    if (t[i] < 0 || t[i] >= n) return i / 3;
+  }
+  return -1;
+}
+
+}  // namespace
+
+Args::Args(int argc, char** argv, const std::vector<std::string>& valued,
+           const std::vector<std::string>& flags) {
+  auto declared = [](const std::vector<std::string>& list, const std::string& name) {
+    for (const auto& o : list) {
+      if (o == name) return true;
+    }
+    return false;
+  };
+  for (int i = 0; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
+      const std::string name = a.substr(2);
+      if (declared(flags, name)) {
+        options_[name] = "1";
+      } else if (declared(valued, name)) {
+        if (i + 1 >= argc) throw Failure("option --" + name + " needs a value");
+        options_[name] = argv[++i];
+      } else {
+        throw Failure("unknown option " + a + " (see --help)");
+      }
+    } else if (a == "-o" && declared(valued, "output")) {
+      if (i + 1 >= argc) throw Failure("option -o needs a value");
+      options_["output"] = argv[++i];
+    } else {
+      positional_.push_back(a);
+    }
+  }
+}
+
+std::string Args::get(const std::string& name, const std::string& fallback) const {
+  const auto it = options_.find(name);
+  return it == options_.end() ? fallback : it->second;
+}
+
+int Args::getInt(const std::string& name, int fallback) const {
+  if (!has(name)) return fallback;
+  char* end = nullptr;
+  const long v = std::strtol(get(name).c_str(), &end, 10);
+  if (*end != '\0' || end == get(name).c_str()) throw Failure("--" + name + " expects an integer");
+  return static_cast<int>(v);
+}
+
+double Args::getDouble(const std::string& name, double fallback) const {
+  if (!has(name)) return fallback;
+  char* end = nullptr;
+  const double v = std::strtod(get(name).c_str(), &end);
+  if (*end != '\0' || end == get(name).c_str()) throw Failure("--" + name + " expects a number");
+  return v;
+}
+
+void Args::expectPositional(std::size_t n, const char* usage) const {
+  if (positional_.size() != n) throw Failure(std::string("usage: ") + usage);
+}
+
+TerminalProgress::TerminalProgress() {
+  interrupted.store(false);
+  std::signal(SIGINT, onInterrupt);
+  if (isatty(STDERR_FILENO)) {
+    setObserver([this](double f, const char* caption) {
+      drawn_ = true;
+      drawBar(f, caption);
+    });
+  }
+}
+
+TerminalProgress::~TerminalProgress() {
+  std::signal(SIGINT, SIG_DFL);
+  if (drawn_) std::fprintf(stderr, "\r%*s\r", 80, "");
+}
+
+bool TerminalProgress::cancelled() const { return interrupted.load() || Progress::cancelled(); }
+
+void TerminalProgress::throwIfCancelled() const {
+  if (cancelled()) throw Failure("cancelled");
+}
+
+kxGeom::CompactMesh readMesh(const std::string& path) {
+  if (FILE* f = std::fopen(path.c_str(), "rb")) {
+    std::fclose(f);
+  } else {
+    throw Failure(path + ": cannot open: " + std::strerror(errno));
+  }
+  kxGeom::CompactMesh mesh;
+  std::string detail;
+  kxGeom::debugChannel().setSink([&](const char* line) { detail = line; });
+  const bool ok = isObj(path) ? kxGeom::meshReadObj(mesh, path) : kxGeom::meshRead(mesh, path);
+  kxGeom::debugChannel().setSink(nullptr);
+  if (!ok) {
+    while (!detail.empty() && detail.back() == '\n') detail.pop_back();
+    throw Failure(path + ": not a readable mesh" + (detail.empty() ? "" : " (" + detail + ")"));
+  }
+  const int bad = firstBadTriangle(mesh);
+  if (bad >= 0) {
+    throw Failure(path + ": triangle " + std::to_string(bad) + " refers to a vertex that does not exist");
+  }
+  return mesh;
+}
+
+void writeAtomically(const std::string& path, const std::function<bool(const std::string&)>& write) {
+  const std::string tmp = path + ".part" + std::to_string(getpid());
+  if (!write(tmp) || std::rename(tmp.c_str(), path.c_str()) != 0) {
+    const int err = errno;
+    std::remove(tmp.c_str());
+    throw Failure(path + ": cannot write" + (err ? std::string(": ") + std::strerror(err) : ""));
+  }
+}
+
+void writeMesh(const kxGeom::CompactMesh& mesh, const std::string& path) {
+  writeAtomically(path, [&](const std::string& tmp) {
+    errno = 0;
+    if (isObj(path)) return kxGeom::meshWriteObj(mesh, tmp);
+    return kxGeom::meshWrite(mesh, tmp);
+  });
+}
+
+void applyCommonOptions(const Args& args) {
+  if (args.has("threads")) {
+    const int n = args.getInt("threads", 0);
+    if (n < 1) throw Failure("--threads expects a positive integer");
+    kxUtil::ThreadPool::setNumThreads(n);
+  }
+  if (args.has("verbose")) {
+    kxGeom::debugChannel().setSink([](const char* text) { std::fputs(text, stderr); });
+  }
+}
+
+}  // namespace kxtool
