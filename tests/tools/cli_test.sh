@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# End-to-end tests of the kxgeom tool: every subcommand's output and exit
+# status, every error path, and the demo. Usage: cli_test.sh PATH/TO/kxgeom
+set -uo pipefail
+tool=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+passed=0
+failed=0
+
+check() {  # check NAME CONDITION...
+  local name=$1
+  shift
+  if "$@"; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+    echo "FAILED: $name"
+  fi
+}
+# run EXPECTED_STATUS ARGS...: runs the tool, keeps stdout/stderr in $out/$err
+run() {
+  local expected=$1
+  shift
+  "$tool" "$@" >"$work/out" 2>"$work/err"
+  status=$?
+  out=$(cat "$work/out")
+  err=$(cat "$work/err")
+  [ "$status" -eq "$expected" ]
+}
+contains() { [[ "$1" == *"$2"* ]]; }
+
+# A unit square split into two triangles, in both formats.
+cat >"$work/square.obj" <<'OBJ'
+v 0 0 0
+v 1 0 0
+v 1 1 0
+v 0 1 0
+f 1 2 3
+f 1 3 4
+OBJ
+printf '4 2\n0 0 0\n1 0 0\n1 1 0\n0 1 0\n3 0 1 2\n3 0 2 3\n' >"$work/square.mesh"
+
+check "info runs" run 0 info "$work/square.obj"
+check "info counts" contains "$out" "vertices:       4"
+check "info triangles" contains "$out" "triangles:      2"
+check "info one boundary loop" contains "$out" "boundary loops: 1"
+check "info longest edge is the diagonal" contains "$out" "longest edge:   1.41421"
+check "info indexed format" run 0 info "$work/square.mesh"
+
+check "convert obj -> mesh" run 0 convert "$work/square.obj" "$work/out.mesh"
+check "converted file matches" diff -q "$work/out.mesh" "$work/square.mesh"
+check "convert mesh -> obj" run 0 convert "$work/square.mesh" "$work/back.obj"
+check "round trip keeps counts" run 0 info "$work/back.obj"
+check "round trip keeps triangles" contains "$out" "triangles:      2"
+
+# Two triangles with separate copies of the shared corners weld to 4 vertices.
+printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3\nf 4 5 6\n' >"$work/soup.obj"
+check "weld runs" run 0 weld "$work/soup.obj" "$work/welded.obj"
+check "weld reports the merge" contains "$out" "welded 6 vertices into 4"
+check "normals runs" run 0 normals "$work/square.obj" "$work/normals.obj"
+check "normals written" grep -q '^vn 0 0 1' "$work/normals.obj"
+
+printf '# query points\n0.5 0.25 2\n2 2 0\n' >"$work/points.txt"
+check "closest runs" run 0 closest "$work/square.obj" "$work/points.txt"
+check "closest above the square" contains "$out" "0.5 0.25 2 -> 0.5 0.25 0"
+check "closest distance" contains "$out" " 2"$'\n'
+check "closest beyond the corner" contains "$out" "2 2 0 -> 1 1 0"
+check "closest random" run 0 closest "$work/square.obj" --random 5 --threads 2
+check "closest random count" [ "$(grep -c -- '->' "$work/out")" -eq 5 ]
+
+check "render runs" run 0 render "$work/square.obj" -o "$work/image.png" --size 64x48 --view 0,0,-1
+check "render writes a png" bash -c "head -c 8 '$work/image.png' | od -An -c | grep -q 'P   N   G'"
+check "render verbose prints rays per second" run 0 render "$work/square.obj" -o "$work/v.png" --size 16x16 --verbose
+check "rays per second line" contains "$err" "rays/s"
+
+# Error paths: one message naming the file, status 1, no partial output.
+check "missing file" run 1 info "$work/nope.obj"
+check "missing file named" contains "$err" "nope.obj"
+printf 'v 0 0 0\nv 1 0 0\nv 0 x 0\nf 1 2 3\n' >"$work/bad.obj"
+check "malformed obj" run 1 convert "$work/bad.obj" "$work/bad-out.mesh"
+check "malformed obj names the line" contains "$err" "3"
+check "no partial output" [ ! -e "$work/bad-out.mesh" ]
+printf '3 1\n0 0 0\n1 0 0\n0 1 0\n3 0 1 7\n' >"$work/range.mesh"
+check "index out of range" run 1 weld "$work/range.mesh" "$work/range-out.obj"
+check "index out of range message" contains "$err" "does not exist"
+check "no output for bad indices" [ ! -e "$work/range-out.obj" ]
+check "unwritable output" run 1 convert "$work/square.obj" "$work/no/such/dir/x.obj"
+check "unwritable output named" contains "$err" "x.obj"
+check "bad points file" bash -c "printf '1 2\n' > '$work/p.txt'"
+check "bad points line" run 1 closest "$work/square.obj" "$work/p.txt"
+check "bad points line number" contains "$err" "p.txt:1"
+check "unknown option" run 1 info "$work/square.obj" --bogus
+check "unknown command" run 2 frobnicate
+check "help for a command" run 0 render --help
+check "help text" contains "$out" "usage: kxgeom render"
+
+check "demo runs" run 0 demo --output "$work/demo"
+check "demo writes an image" [ -s "$work/demo/render.png" ]
+check "demo writes a report" [ -s "$work/demo/report.txt" ]
+check "demo report mentions welding" grep -q "weld" "$work/demo/report.txt"
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,135 @@
+#include "render.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace kxtool {
+
+namespace {
+
+using kxLinear::Point;
+using kxLinear::Vector;
+using kxLinear::VectorFlt;
+
+constexpr float kNoHit = 3.4028235e38f;
+
+struct Camera {
+  Point eye;
+  Vector forward, right, up;  // right and up scaled to the image plane at distance 1
+  int width, height;
+
+  VectorFlt direction(double px, double py) const {
+    const double sx = 2.0 * (px + 0.5) / width - 1.0;
+    const double sy = 1.0 - 2.0 * (py + 0.5) / height;
+    return VectorFlt(kxLinear::normalized(forward + right * sx + up * sy));
+  }
+};
+
+Camera frame(const kxGeom::BoundingBox& box, const RenderOptions& o) {
+  const kxLinear::PointFlt c = box.center();
+  const double radius = std::max(1e-6, double(box.halfDiagonal().length()));
+  const Vector f = kxLinear::normalized(o.view);
+  const double halfTan = std::tan(o.fovDegrees * 3.14159265358979 / 360.0);
+  const double distance = radius / halfTan * 1.1;
+  Vector worldUp = std::fabs(f.z) < 0.95 ? Vector(0, 0, 1) : Vector(0, 1, 0);
+  const Vector right = kxLinear::normalized(kxLinear::cross(f, worldUp));
+  const Vector up = kxLinear::cross(right, f);
+  const double aspect = double(o.width) / o.height;
+  return {Point(c) - f * distance, f, right * (halfTan * aspect), up * halfTan, o.width, o.height};
+}
+
+// Traces rows [y0, y1) (y0 even) into `depth` (ray parameter per pixel).
+void traceRows(const Camera& cam, kxGeom::QuadRayTracer& tracer, int y0, int y1,
+               std::vector<float>& depth) {
+  const kxLinear::PointFlt origin(cam.eye);
+  for (int y = y0; y < y1; y += 2) {
+    for (int x = 0; x < cam.width; x += 2) {
+      const int px[4] = {x, std::min(x + 1, cam.width - 1), x, std::min(x + 1, cam.width - 1)};
+      const int py[4] = {y, y, std::min(y + 1, cam.height - 1), std::min(y + 1, cam.height - 1)};
+      kxGeom::QuadRay packet(origin, cam.direction(px[0], py[0]), cam.direction(px[1], py[1]),
+                             cam.direction(px[2], py[2]), cam.direction(px[3], py[3]), true);
+      tracer.intersect(packet);
+      for (int k = 0; k < 4; ++k) {
+        depth[std::size_t(py[k]) * cam.width + px[k]] =
+            packet.triHit(k) ? packet.triIntersectionRayParam(k) : kNoHit;
+      }
+    }
+  }
+}
+
+// Hit position of a pixel, or false when its ray missed.
+bool hitPoint(const Camera& cam, const std::vector<float>& depth, int x, int y, Vector& p) {
+  if (x < 0 || y < 0 || x >= cam.width || y >= cam.height) return false;
+  const float t = depth[std::size_t(y) * cam.width + x];
+  if (t == kNoHit) return false;
+  p = cam.eye + Vector(cam.direction(x, y)) * double(t);
+  return true;
+}
+
+// Normal from the hit positions of the pixel's neighbours (one-sided where a
+// neighbour missed), turned towards the camera.
+Vector pixelNormal(const Camera& cam, const std::vector<float>& depth, int x, int y, const Vector& p) {
+  Vector l, r, d, u;
+  const bool hl = hitPoint(cam, depth, x - 1, y, l), hr = hitPoint(cam, depth, x + 1, y, r);
+  const bool hd = hitPoint(cam, depth, x, y + 1, d), hu = hitPoint(cam, depth, x, y - 1, u);
+  const Vector dx = hr ? r - p : (hl ? p - l : Vector());
+  const Vector dy = hu ? u - p : (hd ? p - d : Vector());
+  Vector n = kxLinear::normalized(kxLinear::cross(dx, dy));
+  if (n.length2() == 0.0) n = -cam.forward;
+  return kxLinear::dot(n, cam.forward) > 0 ? -n : n;
+}
+
+void shade(const Camera& cam, const std::vector<float>& depth, Image& image, RenderStats& stats) {
+  const Vector light = kxLinear::normalized(Vector(0.4, 0.3, 1.0) - cam.forward);
+  for (int y = 0; y < cam.height; ++y) {
+    for (int x = 0; x < cam.width; ++x) {
+      std::uint8_t* px = image.pixel(x, y);
+      Vector p;
+      if (!hitPoint(cam, depth, x, y, p)) {
+        const double g = 0.92 - 0.25 * y / cam.height;
+        px[0] = px[1] = std::uint8_t(255 * g * 0.93);
+        px[2] = std::uint8_t(255 * g);
+        continue;
+      }
+      ++stats.hitPixels;
+      const Vector n = pixelNormal(cam, depth, x, y, p);
+      const double diffuse = std::max(0.0, kxLinear::dot(n, light));
+      const double v = 0.18 + 0.8 * diffuse;
+      px[0] = std::uint8_t(std::min(255.0, 255 * v * 0.85));
+      px[1] = std::uint8_t(std::min(255.0, 255 * v * 0.62));
+      px[2] = std::uint8_t(std::min(255.0, 255 * v * 0.38));
+    }
+  }
+}
+
+}  // namespace
+
+Image renderMesh(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
+                 kxUtil::Progress& progress, RenderStats& stats) {
+  kxGeom::BoundingBox box;
+  kxGeom::meshBoundingBox(mesh, box);
+  const Camera cam = frame(box, options);
+  Image image(options.width, options.height);
+  std::vector<float> depth(std::size_t(options.width) * options.height, kNoHit);
+  if (mesh.getNumTriangles() > 0 && box.isValid()) {
+    kxGeom::Octree octree(mesh.getNumVertices(), mesh.getVerticesRaw(), box, true, 16);
+    kxGeom::OctreeTris tris;
+    kxGeom::computeOctreeTris(mesh, octree, tris);
+    const int bands = (options.height + 15) / 16;  // 16-row bands, even starts
+    kxOS::StopWatch watch;
+    kxUtil::forEachRange(kxUtil::ThreadPool::get(), bands, [&](int thread, int b0, int b1) {
+      kxGeom::QuadRayTracer tracer(octree, tris, &mesh);
+      for (int b = b0; b < b1 && !progress.cancelled(); ++b) {
+        traceRows(cam, tracer, b * 16, std::min(options.height, (b + 1) * 16), depth);
+        if (thread == 0) progress.set(double(b + 1 - b0) / (b1 - b0));
+      }
+    });
+    stats.traceSeconds = watch.stop();
+    stats.rays = (long long)((options.width + 1) / 2) * ((options.height + 1) / 2) * 4;
+  }
+  shade(cam, depth, image, stats);
+  return image;
+}
+
+}  // namespace kxtool

@@ -1,0 +1,33 @@
+// Shaded images of a mesh traced with four-wide ray packets.
+#pragma once
+
+#include <kxgeom/kxgeom.h>
+
+#include "png_writer.h"
+
+namespace kxtool {
+
+struct RenderOptions {
+  int width = 800;
+  int height = 800;
+  /// Viewing direction (from the camera towards the model).
+  kxLinear::Vector view{-1.0, -0.8, -0.6};
+  /// Vertical field of view in degrees.
+  double fovDegrees = 35.0;
+};
+
+struct RenderStats {
+  double traceSeconds = 0;  // wall time of the tracing
+  long long rays = 0;
+  int hitPixels = 0;
+};
+
+/// Renders `mesh` with a pinhole camera framing its bounding box. Rays are
+/// traced as 2x2 pixel packets in nearest-hit mode; the surface normal of
+/// each pixel is reconstructed from the hit positions of its neighbours, so
+/// the packets never need triangle indices. Rows are split over the shared
+/// thread pool. Cancellation is polled once per row band.
+Image renderMesh(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
+                 kxUtil::Progress& progress, RenderStats& stats);
+
+}  // namespace kxtool
