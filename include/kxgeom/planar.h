@@ -29,7 +29,10 @@ enum pointPolygonRelation : std::int32_t {
 /// Returns true when the point is inside, or lies on a horizontal edge. A
 /// point exactly on a non-horizontal edge counts that edge as a crossing at or
 /// right of it, so its answer follows parity (on the right side of the unit
-/// square: inside; on the left side: outside). n < 3 gives false.
+/// square: inside; on the left side: outside). A vertex exactly on the point's
+/// horizontal line, right of the point, counts as one crossing (the edge
+/// starting there), also where the boundary only touches the line, so points
+/// on the line of such a tip get the flipped answer. n < 3 gives false.
 /// Cost O(n). Re-entrant.
 KXGEOM_API bool pointPolygonIntersect2D(const float point[2], const float (*points)[2], int n);
 
