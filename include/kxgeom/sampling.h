@@ -51,9 +51,6 @@ class KXGEOM_API HammersleyPermutation2 {
   const int* table() const { return table_; }
 
  private:
-  void release();
-  void copyFrom(const HammersleyPermutation2& o);
-
   int* table_ = nullptr;
   int n_ = 0;
 };
@@ -88,9 +85,6 @@ class KXGEOM_API ScrambledHammersleySequence {
   int count() const { return count_; }
 
  private:
-  void release();
-  void copyFrom(const ScrambledHammersleySequence& o);
-
   float* values_ = nullptr;
   int base_ = 0;
   int count_ = 0;

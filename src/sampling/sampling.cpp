@@ -53,43 +53,34 @@ float scrambledRadicalInverse(int i, int base, const int* perm) {
   return value;
 }
 
+// Replaces dst (n entries) by a copy of src (srcN entries); an absent or
+// empty source, or a failed allocation, leaves dst null and n 0.
 template <class T>
-T* copyArray(const T* src, int n) {
-  if (!src || n <= 0) return nullptr;
-  T* out = new T[std::size_t(n)];
-  std::memcpy(out, src, sizeof(T) * std::size_t(n));
-  return out;
+void assignArray(T*& dst, int& n, const T* src, int srcN) {
+  T* fresh = src && srcN > 0 ? new (std::nothrow) T[std::size_t(srcN)] : nullptr;
+  if (fresh) std::memcpy(fresh, src, sizeof(T) * std::size_t(srcN));
+  delete[] dst;
+  dst = fresh;
+  n = fresh ? srcN : 0;
 }
 
 }  // namespace
 
 // --- HammersleyPermutation2 ---------------------------------------------------
 
-HammersleyPermutation2::HammersleyPermutation2(const HammersleyPermutation2& o) { copyFrom(o); }
+HammersleyPermutation2::HammersleyPermutation2(const HammersleyPermutation2& o) {
+  assignArray(table_, n_, o.table_, o.n_);
+}
 
 HammersleyPermutation2& HammersleyPermutation2::operator=(const HammersleyPermutation2& o) {
-  if (this != &o) {
-    release();
-    copyFrom(o);
-  }
+  if (this != &o) assignArray(table_, n_, o.table_, o.n_);
   return *this;
 }
 
-HammersleyPermutation2::~HammersleyPermutation2() { release(); }
-
-void HammersleyPermutation2::release() {
-  delete[] table_;
-  table_ = nullptr;
-  n_ = 0;
-}
-
-void HammersleyPermutation2::copyFrom(const HammersleyPermutation2& o) {
-  table_ = copyArray(o.table_, o.n_);
-  n_ = table_ ? o.n_ : 0;
-}
+HammersleyPermutation2::~HammersleyPermutation2() { delete[] table_; }
 
 void HammersleyPermutation2::calculate(int bits) {
-  release();
+  assignArray(table_, n_, static_cast<const int*>(nullptr), 0);
   const int shift = bits & 31;
   if (shift == 31) return;  // 2^31 entries do not fit an int count
   const int n = 1 << shift;
@@ -103,35 +94,23 @@ void HammersleyPermutation2::calculate(int bits) {
 // --- ScrambledHammersleySequence ----------------------------------------------
 
 ScrambledHammersleySequence::ScrambledHammersleySequence(const ScrambledHammersleySequence& o) {
-  copyFrom(o);
+  *this = o;
 }
 
 ScrambledHammersleySequence& ScrambledHammersleySequence::operator=(
     const ScrambledHammersleySequence& o) {
   if (this != &o) {
-    release();
-    copyFrom(o);
+    assignArray(values_, count_, o.values_, o.count_);
+    base_ = count_ > 0 ? o.base_ : 0;
   }
   return *this;
 }
 
-ScrambledHammersleySequence::~ScrambledHammersleySequence() { release(); }
-
-void ScrambledHammersleySequence::release() {
-  delete[] values_;
-  values_ = nullptr;
-  base_ = 0;
-  count_ = 0;
-}
-
-void ScrambledHammersleySequence::copyFrom(const ScrambledHammersleySequence& o) {
-  values_ = copyArray(o.values_, o.count_);
-  base_ = o.base_;
-  count_ = values_ ? o.count_ : 0;
-}
+ScrambledHammersleySequence::~ScrambledHammersleySequence() { delete[] values_; }
 
 void ScrambledHammersleySequence::calculate(int base, int count) {
-  release();
+  assignArray(values_, count_, static_cast<const float*>(nullptr), 0);
+  base_ = 0;
   const int* perm = scramblingTable(base);
   if (!perm || count < 0) return;
   values_ = new (std::nothrow) float[std::size_t(count)];
