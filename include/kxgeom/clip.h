@@ -212,12 +212,12 @@ class KXGEOM_API TriangleAlgorithm {
   /// Cost O(vertices + triangles).
   bool evaluateMesh(const CompactMesh& mesh, const kxLinear::ProjMatrixFlt& matrix);
 
-  /// Tests one triangle given by projected vertices and reports its pieces.
+  /// Tests one triangle given by projected vertices and reports its pieces
+  /// (unless the piece function returned false earlier in the current walk).
   /// [in] a, b, c  the projected corners in winding order.
   /// [in] uvs      the corners' UVs (three), or null.
   /// Returns false when the triangle is culled, lies beyond one plane or is
-  /// clipped away, or when a piece function returned false earlier in the
-  /// walk; true otherwise. Cost O(1).
+  /// clipped away; true otherwise. Cost O(1).
   bool evaluateTriangle(const Vertex& a, const Vertex& b, const Vertex& c, const MeshUV* uvs);
 
   /// Facing of a triangle from homogeneous screen positions (x, y, w) stored
@@ -280,22 +280,31 @@ class KXGEOM_API LineAlgorithm {
 
   /// Tests the mesh's lines, then the segments of its line strips; segment
   /// numbers count the lines first, then the strip segments. Lines or strip
-  /// points with an index outside [0, vertices) are skipped.
+  /// points with an index outside [0, vertices) are skipped; strip lengths
+  /// are clamped to the strip points that remain. A mesh vertex inside the
+  /// volume answers nothing by itself (it need not lie on a line).
+  /// [in] mesh    the lines and line strips with their vertices.
+  /// [in] matrix  the projection.
   /// Returns whether any segment meets the volume (without a segment function
   /// the walk stops at the first).
   /// Cost O(vertices + lines + strip points).
   bool evaluateMesh(const CompactMesh& mesh, const kxLinear::ProjMatrixFlt& matrix);
   /// Tests independent segments (0,1), (2,3), ...; an odd last point is
   /// ignored.
-  /// [in] points  n packed float triples.
+  /// [in] points  n packed float triples (model units).
   /// [in] n       number of points.
+  /// [in] matrix  the projection.
   /// Returns as `evaluateMesh`. Cost O(n).
   bool evaluateSegments(const float* points, int n, const kxLinear::ProjMatrixFlt& matrix);
-  /// Tests the connected polyline (0,1), (1,2), ..., (n-2, n-1).
+  /// Tests the connected polyline (0,1), (1,2), ..., (n-2, n-1); fewer than
+  /// two points give false.
+  /// [in] points, n, matrix  as `evaluateSegments`.
   /// Returns as `evaluateMesh`. Cost O(n).
   bool evaluateStrip(const float* points, int n, const kxLinear::ProjMatrixFlt& matrix);
 
-  /// Tests one segment of projected vertices (and reports it on a hit).
+  /// Tests one segment of projected vertices and reports it on a hit (unless
+  /// the segment function returned false earlier in the current walk).
+  /// [in] a, b  the projected endpoints.
   /// Returns whether it meets the volume. Cost O(1).
   bool evaluateSegment(const Vertex& a, const Vertex& b);
 

@@ -1,6 +1,7 @@
 // Mesh and segment walks over the clip volume.
 #include <kxgeom/clip.h>
 
+#include <algorithm>
 #include <array>
 
 namespace kxGeom {
@@ -267,8 +268,8 @@ bool LineAlgorithm::evaluateMesh(const CompactMesh& mesh, const kxLinear::ProjMa
   const int numPoints = mesh.getNumLineStripPoints();
   int start = 0;
   for (int s = 0; s < mesh.getNumLineStrips() && start < numPoints; ++s) {
-    const int end =
-        lengths[s] > 0 && lengths[s] <= numPoints - start ? start + lengths[s] : numPoints;
+    // Lengths are clamped to the points that remain.
+    const int end = start + std::min(std::max(lengths[s], 0), numPoints - start);
     for (int p = start; p + 1 < end; ++p, ++segment) {
       if (!validIndex(points[p], nv) || !validIndex(points[p + 1], nv)) continue;
       if (!testPair(segment, points[p], points[p + 1], any)) return any;
