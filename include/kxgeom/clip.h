@@ -153,7 +153,7 @@ enum RegionKind : std::int32_t {
   RegionFace = 1,     ///< outside on one axis
   RegionEdge = 2,     ///< outside on two axes
   RegionCorner = 3,   ///< outside on all three axes
-  RegionInvalid = 4,  ///< both sides of one axis set (cannot arise)
+  RegionInvalid = 4,  ///< both sides of one axis set (only when w < 0)
 };
 
 /// One entry of the 64-entry region table.

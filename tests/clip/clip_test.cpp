@@ -288,6 +288,34 @@ TEST(ClipTriangle, InterpolatesExactlyTheMaskedAttributes) {
   }
 }
 
+TEST(ClipTriangle, HostileInputStaysWithinCapacity) {
+  // Random polygons of any count, non-convex, with w of either sign, NaN and
+  // infinity: the count must stay within the capacity and nothing is read or
+  // written out of bounds (checked under the sanitizer builds).
+  std::mt19937 rng(41);
+  std::uniform_real_distribution<double> u(-3, 3);
+  const double specials[] = {std::nan(""), HUGE_VAL, -HUGE_VAL, 0.0};
+  for (int i = 0; i < 20000; ++i) {
+    ClipPolygon poly;
+    poly.count = int(rng() % 11);
+    poly.mask = std::uint32_t(rng());
+    for (int v = 0; v < ClipPolygon::kCapacity; ++v) {
+      for (int k = 0; k < 16; ++k) poly.vertices[v][k] = u(rng);
+      if (rng() % 50 == 0) poly.vertices[v][rng() % 4] = specials[rng() % 4];
+    }
+    kxGeom::clipTriangle(poly, ClipBox());
+    ASSERT_GE(poly.count, 0);
+    ASSERT_LE(poly.count, ClipPolygon::kCapacity);
+  }
+  // A convex quadrilateral cut by four planes.
+  ClipPolygon quad = triangle({-3, 0.5, 0.9}, {0.9, -3, 0.9}, {3, 0.5, 0.9});
+  quad.count = 4;
+  quad.vertices[3] = quad.vertices[2];
+  quad.vertices[3][0] = 0.9, quad.vertices[3][1] = 3, quad.vertices[3][2] = 0.9;
+  EXPECT_EQ(kxGeom::clipTriangle(quad, ClipBox()), kxGeom::Clipped);
+  EXPECT_LE(quad.count, ClipPolygon::kCapacity);
+}
+
 // --- Segment test ----------------------------------------------------------------
 
 TEST(SegmentRegions, TableMatchesAxisCounting) {
