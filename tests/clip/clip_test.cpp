@@ -322,6 +322,9 @@ TEST(SegmentTest, FaceCrossingSlackIsOnePartInAMillionOfW) {
     EXPECT_TRUE(segmentHits({2, 0.3, 0.3}, {-2, -0.9, 0.9}, withFunc));  // across the x slab
     EXPECT_FALSE(segmentHits({2, 0.5, 0}, {0.5, 2, 0}, withFunc));       // passes the x-y edge
     EXPECT_TRUE(segmentHits({2, 0.5, 0}, {0.5, 1.2, 0}, withFunc));      // cuts across it
+    // Enters through the z face from the x-z edge region, which tests the x
+    // and y faces (the y plane is parallel here): a miss, as established.
+    EXPECT_FALSE(segmentHits({1.5, 0.3, 3}, {-2, 0.3, -3}, withFunc));
   }
 }
 
