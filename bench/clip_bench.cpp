@@ -60,6 +60,7 @@ void BM_TriangleWalk(benchmark::State& state) {
   long pieces = 0;
   alg.setTriangleFunc(countPiece, &pieces);
   for (auto _ : state) benchmark::DoNotOptimize(alg.evaluateMesh(mesh, m));
+  state.counters["pieces/walk"] = double(pieces) / double(state.iterations());
   state.counters["triangles/s"] = benchmark::Counter(
       double(state.iterations()) * mesh.getNumTriangles(), benchmark::Counter::kIsRate);
 }
