@@ -11,7 +11,13 @@
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
 #include <kxgeom/platform/os.h>
+#include <kxgeom/platform/polyline.h>
 #include <kxgeom/platform/progress.h>
+#include <kxgeom/platform/random.h>
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
+
+#include <kxgeom/clip.h>
+#include <kxgeom/planar.h>
+#include <kxgeom/sampling.h>
