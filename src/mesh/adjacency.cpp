@@ -1,0 +1,443 @@
+#include <kxgeom/adjacency.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+
+#include <kxgeom/platform/bitvector.h>
+#include <kxgeom/platform/os.h>
+
+namespace kxGeom {
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Vertex to vertices
+
+// Collects the distinct neighbours of a vertex. A stamp per vertex marks the
+// vertices already seen for the current centre, so nothing is cleared between
+// centres; the array is wiped only when the 32-bit stamp wraps.
+class NeighbourCollector {
+ public:
+  NeighbourCollector(int numVertices, const MeshTriangle* triangles, const MeshAdjTris& adjTris)
+      : stamps_(std::size_t(numVertices), 0u), triangles_(triangles), adjTris_(adjTris) {}
+
+  // Calls emit(w) for each neighbour w of v in order of first appearance and
+  // returns their number.
+  template <class Emit>
+  int collect(int v, Emit emit) {
+    const std::uint32_t stamp = nextStamp();
+    stamps_[v] = stamp;
+    int count = 0;
+    const int* tris = adjTris_.triIndices(v);
+    const int numTris = adjTris_.numTris(v);
+    for (int i = 0; i < numTris; ++i) {
+      const MeshTriangle& tri = triangles_[tris[i]];
+      for (int c = 0; c < 3; ++c) {
+        const int w = tri[c];
+        if (stamps_[w] == stamp) continue;
+        stamps_[w] = stamp;
+        emit(w);
+        ++count;
+      }
+    }
+    return count;
+  }
+
+ private:
+  std::uint32_t nextStamp() {
+    if (++current_ == 0xFFFFFFFFu) {
+      std::fill(stamps_.begin(), stamps_.end(), 0u);
+      current_ = 1;
+    }
+    return current_;
+  }
+
+  kx::vector<std::uint32_t> stamps_;
+  std::uint32_t current_ = 0;
+  const MeshTriangle* triangles_;
+  const MeshAdjTris& adjTris_;
+};
+
+// ---------------------------------------------------------------------------
+// Triangle to triangles
+//
+// Edge e of triangle t is numbered 3t + e, which is also its insertion order.
+// The edges are sorted stably by their undirected key (min, max): a counting
+// sort by the lower vertex, then, inside each lower-vertex bucket, a sort of
+// 64-bit words (max << 32 | edge number), so equal keys keep ascending edge
+// numbers. A group of equal keys is a run of equal upper halves in a bucket.
+
+std::uint64_t bucketWord(int hi, int edge) {
+  return (std::uint64_t(std::uint32_t(hi)) << 32) | std::uint32_t(edge);
+}
+int edgeOfWord(std::uint64_t word) { return int(std::uint32_t(word)); }
+int triangleOfWord(std::uint64_t word) { return edgeOfWord(word) / 3; }
+std::uint32_t upperOfWord(std::uint64_t word) { return std::uint32_t(word >> 32); }
+
+// Buckets of a few words (the usual case: a vertex is the lower end of a
+// handful of edges) are sorted by insertion; larger ones by std::sort.
+void sortBucket(std::uint64_t* begin, std::uint64_t* end) {
+  constexpr std::ptrdiff_t kInsertionLimit = 24;
+  if (end - begin > kInsertionLimit) {
+    std::sort(begin, end);
+    return;
+  }
+  for (std::uint64_t* i = begin + 1; i < end; ++i) {
+    const std::uint64_t word = *i;
+    std::uint64_t* j = i;
+    for (; j > begin && *(j - 1) > word; --j) *j = *(j - 1);
+    *j = word;
+  }
+}
+
+// The edges of the mesh in (min, max, insertion) order, with bucket starts.
+struct SortedEdges {
+  kx::vector<int> bucketStart;  // n + 1 offsets into words, by lower vertex
+  kx::vector<std::uint64_t> words;
+};
+
+void sortEdges(const int* corners, int numVertices, int numTriangles, SortedEdges& sorted) {
+  const int numEdges = 3 * numTriangles;
+  kx::vector<int>& start = sorted.bucketStart;
+  start.assign(std::size_t(numVertices) + 1, 0);
+  for (int t = 0; t < numTriangles; ++t) {
+    const int* c = corners + 3 * t;
+    ++start[std::min(c[0], c[1]) + 1];
+    ++start[std::min(c[1], c[2]) + 1];
+    ++start[std::min(c[2], c[0]) + 1];
+  }
+  for (int v = 0; v < numVertices; ++v) start[v + 1] += start[v];
+  kx::vector<int> cursor(start.begin(), start.end() - 1);
+  sorted.words.resize(std::size_t(numEdges));
+  std::uint64_t* words = sorted.words.data();
+  for (int edge = 0; edge < numEdges; ++edge) {
+    const int a = corners[edge];
+    const int b = corners[edge % 3 == 2 ? edge - 2 : edge + 1];
+    words[cursor[std::min(a, b)]++] = bucketWord(std::max(a, b), edge);
+  }
+  for (int v = 0; v < numVertices; ++v) sortBucket(words + start[v], words + start[v + 1]);
+}
+
+// Calls fn(begin, end) for every group of equal keys, in sorted order.
+template <class Fn>
+void forEachGroup(const SortedEdges& sorted, Fn fn) {
+  const std::uint64_t* words = sorted.words.data();
+  const int numBuckets = static_cast<int>(sorted.bucketStart.size()) - 1;
+  for (int v = 0; v < numBuckets; ++v) {
+    const std::uint64_t* end = words + sorted.bucketStart[v + 1];
+    for (const std::uint64_t* g = words + sorted.bucketStart[v]; g < end;) {
+      const std::uint64_t* groupEnd = g + 1;
+      while (groupEnd < end && upperOfWord(*groupEnd) == upperOfWord(*g)) ++groupEnd;
+      fn(g, groupEnd);
+      g = groupEnd;
+    }
+  }
+}
+
+// Calls fn(begin, end) for every run of entries of one triangle inside a
+// group; such entries are adjacent because their edge numbers are.
+template <class Fn>
+void forEachTriangleRun(const std::uint64_t* begin, const std::uint64_t* end, Fn fn) {
+  for (const std::uint64_t* r = begin; r < end;) {
+    const std::uint64_t* runEnd = r + 1;
+    while (runEnd < end && triangleOfWord(*runEnd) == triangleOfWord(*r)) ++runEnd;
+    fn(r, runEnd);
+    r = runEnd;
+  }
+}
+
+// Per edge, how many entries it lists: the rest of its group minus the other
+// edges of its own triangle. Returns the exclusive prefix sum in edge order
+// (numEdges + 1 entries, 64-bit so an oversized table is detected).
+kx::vector<std::int64_t> edgeListOffsets(const SortedEdges& sorted, int numEdges) {
+  kx::vector<std::int64_t> offsets(std::size_t(numEdges) + 1, 0);
+  forEachGroup(sorted, [&](const std::uint64_t* g, const std::uint64_t* gEnd) {
+    forEachTriangleRun(g, gEnd, [&](const std::uint64_t* r, const std::uint64_t* rEnd) {
+      const std::int64_t others = (gEnd - g) - (rEnd - r);
+      for (const std::uint64_t* e = r; e < rEnd; ++e) offsets[edgeOfWord(*e) + 1] = others;
+    });
+  });
+  for (int e = 0; e < numEdges; ++e) offsets[e + 1] += offsets[e];
+  return offsets;
+}
+
+void appendTriangles(const std::uint64_t* begin, const std::uint64_t* end, int*& dst) {
+  for (const std::uint64_t* w = begin; w < end; ++w) *dst++ = triangleOfWord(*w);
+}
+
+void fillTriAdjTris(const SortedEdges& sorted, const kx::vector<std::int64_t>& edgeOffsets,
+                    int numTriangles, ArrayOfSets& sets) {
+  int* offsets = sets.offsets();
+  for (int t = 0; t <= numTriangles; ++t) offsets[t] = int(edgeOffsets[3 * std::size_t(t)]);
+  int* members = sets.members();
+  forEachGroup(sorted, [&](const std::uint64_t* g, const std::uint64_t* gEnd) {
+    forEachTriangleRun(g, gEnd, [&](const std::uint64_t* r, const std::uint64_t* rEnd) {
+      for (const std::uint64_t* e = r; e < rEnd; ++e) {
+        int* dst = members + edgeOffsets[edgeOfWord(*e)];
+        appendTriangles(g, r, dst);
+        appendTriangles(rEnd, gEnd, dst);
+      }
+    });
+  });
+}
+
+// ---------------------------------------------------------------------------
+// Boundaries
+
+// The walk over the whole mesh: every vertex starts, every triangle counts.
+struct WholeMesh {
+  int numVertices;
+  int numStarts() const { return numVertices; }
+  int start(int i) const { return i; }
+  bool usesTriangle(int) const { return true; }
+  bool isSeam(int) const { return false; }
+};
+
+// The walk over one part: the part's vertices start, only its triangles
+// count, and a vertex shared with other parts passes the cheap filter.
+struct OnePart {
+  const MeshSubset& subset;
+  int part;
+  const ArrayOfSets& vertexParts;
+  const Remap& triangleParts;
+  int numStarts() const { return subset.getNumVertices(); }
+  int start(int i) const { return subset.getVertices()[i]; }
+  bool usesTriangle(int t) const { return triangleParts(t) == part; }
+  bool isSeam(int v) const { return vertexParts.getSetSize(v) >= 2; }
+};
+
+template <class Scope>
+bool hasEdgeIn(const MeshTriangle* triangles, const MeshAdjTris& adjTris, int from, int to,
+               const Scope& scope) {
+  const int* tris = adjTris.triIndices(from);
+  const int numTris = adjTris.numTris(from);
+  for (int i = 0; i < numTris; ++i) {
+    if (scope.usesTriangle(tris[i]) && Boundary::findEdge(from, triangles[tris[i]]) == to) {
+      return true;
+    }
+  }
+  return false;
+}
+
+template <class Scope>
+bool walkIn(int v, int& next, const MeshTriangle* triangles, const MeshAdjTris& adjTris,
+            const MeshAdjVertices& adjVerts, const Scope& scope) {
+  const int* tris = adjTris.triIndices(v);
+  const int numTris = adjTris.numTris(v);
+  for (int i = 0; i < numTris; ++i) {
+    if (!scope.usesTriangle(tris[i])) continue;
+    const int w = Boundary::findEdge(v, triangles[tris[i]]);
+    next = w;
+    // At an interior manifold vertex the neighbour and triangle counts agree.
+    const bool irregular = scope.isSeam(w) || adjVerts.numAdjVertices(w) != adjTris.numTris(w);
+    if (irregular && !hasEdgeIn(triangles, adjTris, w, v, scope)) return true;
+  }
+  return false;
+}
+
+template <class Scope>
+void computeLoops(const CompactMesh& mesh, const MeshAdjTris& adjTris,
+                  const MeshAdjVertices& adjVerts, const Scope& scope, MeshBoundaries& out) {
+  const MeshTriangle* triangles = mesh.getTriangles();
+  BitVector visited(mesh.getNumVertices());
+  MeshBoundaries loops;
+  kx::vector<int> loop;
+  for (int s = 0; s < scope.numStarts(); ++s) {
+    int v = scope.start(s);
+    if (visited.isBitSet(v)) continue;
+    visited.setBit(v);
+    loop.clear();
+    int next = -1;
+    if (walkIn(v, next, triangles, adjTris, adjVerts, scope)) {
+      for (;;) {
+        loop.push_back(v);
+        v = next;
+        if (visited.isBitSet(v)) break;
+        visited.setBit(v);
+        if (!walkIn(v, next, triangles, adjTris, adjVerts, scope)) break;
+      }
+    }
+    if (!loop.empty()) loops.addLoop(loop.data(), static_cast<int>(loop.size()));
+  }
+  out.swap(loops);
+}
+
+bool containsDirectedEdge(const MeshTriangle& tri, int from, int to) {
+  return (tri[0] == from && tri[1] == to) || (tri[1] == from && tri[2] == to) ||
+         (tri[2] == from && tri[0] == to);
+}
+
+}  // namespace
+
+void meshAdjTris(const CompactMesh& mesh, MeshAdjTris& out) {
+  kxOS::StopWatch watch;
+  watch.start();
+  const int n = mesh.getNumVertices();
+  const int m = mesh.getNumTriangles();
+  const int* corners = mesh.getTrianglesRaw();
+  ArrayOfSets sets(n, 3 * m);
+  int* offsets = sets.offsets();
+  std::fill(offsets, offsets + n + 1, 0);
+  for (int c = 0; c < 3 * m; ++c) ++offsets[corners[c] + 1];
+  for (int v = 0; v < n; ++v) offsets[v + 1] += offsets[v];
+  kx::vector<int> cursor(offsets, offsets + n);
+  int* members = sets.members();
+  for (int t = 0; t < m; ++t) {
+    const int* c = corners + 3 * t;
+    members[cursor[c[0]]++] = t;
+    members[cursor[c[1]]++] = t;
+    members[cursor[c[2]]++] = t;
+  }
+  MeshAdjTris table(sets);
+  out.swap(table);
+  debugChannel().print("MeshAdjTris: %d vertices %d triangles %f\n", n, m, watch.stop());
+}
+
+void meshAdjVertices(const CompactMesh& mesh, const MeshAdjTris& adjTris, MeshAdjVertices& out) {
+  kxOS::StopWatch watch;
+  watch.start();
+  const int n = mesh.getNumVertices();
+  NeighbourCollector collector(n, mesh.getTriangles(), adjTris);
+  std::unique_ptr<int[]> starts(new int[std::size_t(n)]);
+  int maxCount = 0;
+  int numEntries = 0;
+  for (int v = 0; v < n; ++v) {
+    const int count = collector.collect(v, [](int) {});
+    maxCount = std::max(maxCount, count);
+    starts[v] = numEntries;
+    numEntries += count + 1;
+  }
+  std::unique_ptr<int[]> entries(new int[std::size_t(numEntries)]);
+  for (int v = 0; v < n; ++v) {
+    int* dst = entries.get() + starts[v];
+    *dst = collector.collect(v, [&dst](int w) { *++dst = w; });
+  }
+  MeshAdjVertices table(n, maxCount, starts.release(), entries.release());
+  out.swap(table);
+  debugChannel().print("MeshAdjVertices: %d vertices, %d triangles: %f s\n", n,
+                       mesh.getNumTriangles(), watch.stop());
+}
+
+void meshTriAdjTris(const CompactMesh& mesh, MeshTriAdjTris& out) {
+  kxOS::StopWatch watch;
+  watch.start();
+  const int n = mesh.getNumVertices();
+  const int m = mesh.getNumTriangles();
+  SortedEdges sorted;
+  sortEdges(mesh.getTrianglesRaw(), n, m, sorted);
+  const kx::vector<std::int64_t> edgeOffsets = edgeListOffsets(sorted, 3 * m);
+  const std::int64_t total = edgeOffsets.back();
+  // A table beyond the int range of ArrayOfSets cannot be stored; such a mesh
+  // gets one empty set per triangle instead.
+  ArrayOfSets sets(m, total > INT_MAX ? 0 : int(total));
+  if (total > INT_MAX) {
+    std::fill(sets.offsets(), sets.offsets() + m + 1, 0);
+  } else {
+    fillTriAdjTris(sorted, edgeOffsets, m, sets);
+  }
+  MeshTriAdjTris table(sets);
+  out.swap(table);
+  debugChannel().print("MeshTriAdjTris: %d vertices %d triangles %f\n", n, m, watch.stop());
+}
+
+bool getSharedEdgeAdjacentTriangle(const int& triangle, int edge, const MeshTriangle* triangles,
+                                   const MeshAdjTris& adjTris, int& adjacentTriangle,
+                                   int& adjacentEdge) {
+  const int self = triangle;  // `triangle` may alias `adjacentTriangle`
+  const int a = triangles[self][edge];
+  const int b = triangles[self][(edge + 1) % 3];
+  adjacentEdge = -1;
+  const int* tris = adjTris.triIndices(a);
+  const int numTris = adjTris.numTris(a);
+  for (int i = 0; i < numTris; ++i) {
+    if (tris[i] == self) continue;
+    const MeshTriangle& other = triangles[tris[i]];
+    for (int c = 0; c < 3; ++c) {
+      if (other[c] == b) {
+        adjacentTriangle = tris[i];
+        adjacentEdge = c;
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+void sortAdjTris(int vertex, int count, const int* triangleIndices, const MeshTriangle* triangles,
+                 kx::vector<int>& out) {
+  count = std::max(count, 0);
+  if (triangleIndices == out.data()) {
+    out.resize(std::size_t(count));
+  } else {
+    out.assign(triangleIndices, triangleIndices + count);
+  }
+  for (int i = 0; i + 1 < count; ++i) {
+    const MeshTriangle& tri = triangles[out[i]];
+    const int k = tri[0] == vertex ? 0 : (tri[1] == vertex ? 1 : 2);
+    const int before = tri[(k + 2) % 3];
+    for (int j = i + 1; j < count; ++j) {
+      if (containsDirectedEdge(triangles[out[j]], vertex, before)) {
+        std::swap(out[i + 1], out[j]);
+        break;
+      }
+    }
+  }
+}
+
+namespace Boundary {
+
+int findEdge(int vertex, const MeshTriangle& triangle) {
+  for (int i = 0; i < 3; ++i) {
+    if (triangle[i] == vertex) return triangle[(i + 1) % 3];
+  }
+  return -1;
+}
+
+bool hasEdge(const CompactMesh& mesh, const MeshAdjTris& adjTris, int from, int to) {
+  return hasEdgeIn(mesh.getTriangles(), adjTris, from, to, WholeMesh{mesh.getNumVertices()});
+}
+
+bool walkBoundary(int vertex, int& next, const CompactMesh& mesh, const MeshAdjTris& adjTris,
+                  const MeshAdjVertices& adjVerts) {
+  return walkIn(vertex, next, mesh.getTriangles(), adjTris, adjVerts,
+                WholeMesh{mesh.getNumVertices()});
+}
+
+}  // namespace Boundary
+
+void meshComputeBoundary(const CompactMesh& mesh, const MeshAdjTris& adjTris,
+                         const MeshAdjVertices& adjVerts, MeshBoundaries& out) {
+  computeLoops(mesh, adjTris, adjVerts, WholeMesh{mesh.getNumVertices()}, out);
+}
+
+void meshComputeSubsetBoundary(const CompactMesh& mesh, const MeshSubset& subset, int part,
+                               const MeshAdjTris& adjTris, const MeshAdjVertices& adjVerts,
+                               const ArrayOfSets& vertexParts, const Remap& triangleParts,
+                               MeshBoundaries& out) {
+  computeLoops(mesh, adjTris, adjVerts, OnePart{subset, part, vertexParts, triangleParts}, out);
+}
+
+bool invertRemap(const Remap& map, ArrayOfSets& out) {
+  const int domain = map.getDomainSize();
+  if (domain == 0) {
+    ArrayOfSets empty;
+    out.swap(empty);
+    return true;
+  }
+  kx::vector<int> pairs;
+  pairs.reserve(2 * std::size_t(domain));
+  int largest = 0;
+  for (int i = 0; i < domain; ++i) {
+    const int r = map(i);
+    if (r < 0) continue;
+    pairs.push_back(r);
+    pairs.push_back(i);
+    largest = std::max(largest, r);
+  }
+  if (pairs.empty()) return false;
+  out.assignFromPairs(largest + 1, static_cast<int>(pairs.size() / 2), pairs.data());
+  return true;
+}
+
+}  // namespace kxGeom
