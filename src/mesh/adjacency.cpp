@@ -111,10 +111,14 @@ void sortEdges(const int* corners, int numVertices, int numTriangles, SortedEdge
   kx::vector<int> cursor(start.begin(), start.end() - 1);
   sorted.words.resize(std::size_t(numEdges));
   std::uint64_t* words = sorted.words.data();
-  for (int edge = 0; edge < numEdges; ++edge) {
-    const int a = corners[edge];
-    const int b = corners[edge % 3 == 2 ? edge - 2 : edge + 1];
+  const auto place = [&](int a, int b, int edge) {
     words[cursor[std::min(a, b)]++] = bucketWord(std::max(a, b), edge);
+  };
+  for (int t = 0; t < numTriangles; ++t) {
+    const int* c = corners + 3 * t;
+    place(c[0], c[1], 3 * t);
+    place(c[1], c[2], 3 * t + 1);
+    place(c[2], c[0], 3 * t + 2);
   }
   for (int v = 0; v < numVertices; ++v) sortBucket(words + start[v], words + start[v + 1]);
 }
@@ -148,28 +152,33 @@ void forEachTriangleRun(const std::uint64_t* begin, const std::uint64_t* end, Fn
 }
 
 // Per edge, how many entries it lists: the rest of its group minus the other
-// edges of its own triangle. Returns the exclusive prefix sum in edge order
-// (numEdges + 1 entries, 64-bit so an oversized table is detected).
-kx::vector<std::int64_t> edgeListOffsets(const SortedEdges& sorted, int numEdges) {
-  kx::vector<std::int64_t> offsets(std::size_t(numEdges) + 1, 0);
+// edges of its own triangle. Fills `offsets` with their exclusive prefix sum in
+// edge order (numEdges + 1 entries) and returns the total, or -1 when the
+// table would not fit the int offsets of ArrayOfSets.
+std::int64_t edgeListOffsets(const SortedEdges& sorted, int numEdges, kx::vector<int>& offsets) {
+  offsets.resize(std::size_t(numEdges) + 1);
+  offsets[0] = 0;
+  std::int64_t total = 0;
   forEachGroup(sorted, [&](const std::uint64_t* g, const std::uint64_t* gEnd) {
     forEachTriangleRun(g, gEnd, [&](const std::uint64_t* r, const std::uint64_t* rEnd) {
-      const std::int64_t others = (gEnd - g) - (rEnd - r);
+      const int others = int((gEnd - g) - (rEnd - r));
+      total += others * (rEnd - r);
       for (const std::uint64_t* e = r; e < rEnd; ++e) offsets[edgeOfWord(*e) + 1] = others;
     });
   });
+  if (total > INT_MAX) return -1;
   for (int e = 0; e < numEdges; ++e) offsets[e + 1] += offsets[e];
-  return offsets;
+  return total;
 }
 
 void appendTriangles(const std::uint64_t* begin, const std::uint64_t* end, int*& dst) {
   for (const std::uint64_t* w = begin; w < end; ++w) *dst++ = triangleOfWord(*w);
 }
 
-void fillTriAdjTris(const SortedEdges& sorted, const kx::vector<std::int64_t>& edgeOffsets,
-                    int numTriangles, ArrayOfSets& sets) {
+void fillTriAdjTris(const SortedEdges& sorted, const kx::vector<int>& edgeOffsets, int numTriangles,
+                    ArrayOfSets& sets) {
   int* offsets = sets.offsets();
-  for (int t = 0; t <= numTriangles; ++t) offsets[t] = int(edgeOffsets[3 * std::size_t(t)]);
+  for (int t = 0; t <= numTriangles; ++t) offsets[t] = edgeOffsets[3 * std::size_t(t)];
   int* members = sets.members();
   forEachGroup(sorted, [&](const std::uint64_t* g, const std::uint64_t* gEnd) {
     forEachTriangleRun(g, gEnd, [&](const std::uint64_t* r, const std::uint64_t* rEnd) {
@@ -326,12 +335,12 @@ void meshTriAdjTris(const CompactMesh& mesh, MeshTriAdjTris& out) {
   const int m = mesh.getNumTriangles();
   SortedEdges sorted;
   sortEdges(mesh.getTrianglesRaw(), n, m, sorted);
-  const kx::vector<std::int64_t> edgeOffsets = edgeListOffsets(sorted, 3 * m);
-  const std::int64_t total = edgeOffsets.back();
+  kx::vector<int> edgeOffsets;
+  const std::int64_t total = edgeListOffsets(sorted, 3 * m, edgeOffsets);
   // A table beyond the int range of ArrayOfSets cannot be stored; such a mesh
   // gets one empty set per triangle instead.
-  ArrayOfSets sets(m, total > INT_MAX ? 0 : int(total));
-  if (total > INT_MAX) {
+  ArrayOfSets sets(m, std::max(0, int(total)));
+  if (total < 0) {
     std::fill(sets.offsets(), sets.offsets() + m + 1, 0);
   } else {
     fillTriAdjTris(sorted, edgeOffsets, m, sets);
