@@ -54,9 +54,12 @@ KXGEOM_API void meshAdjVertices(const CompactMesh& mesh, const MeshAdjTris& adjT
 /// \param mesh [in] the mesh.
 /// \param out  [out] replaced as a whole by the new table (one set per
 ///             triangle).
-/// Failure: none. Cost: O(n + m + size of the table) time for ordinary
-/// meshes; a vertex that is the lower end of k edges costs O(k log k).
-/// Scratch: 8 bytes per edge for the sorted keys, 4 per edge for offsets.
+/// Failure: none; a table too large for int offsets (more than 2^31 - 1
+/// entries, only possible with edges shared by tens of thousands of
+/// triangles) comes out as one empty set per triangle.
+/// Cost: O(n + m + size of the table) time for ordinary meshes; a vertex that
+/// is the lower end of k edges costs O(k log k). Scratch: 8 bytes per edge
+/// (sorted edge numbers and per-edge offsets) and 4 bytes per vertex.
 /// Thread safety: reentrant.
 KXGEOM_API void meshTriAdjTris(const CompactMesh& mesh, MeshTriAdjTris& out);
 

@@ -66,18 +66,19 @@ class NeighbourCollector {
 // The edges are sorted stably by their undirected key (min, max): a counting
 // sort by the lower vertex, then, inside each lower-vertex bucket, a sort of
 // 64-bit words (max << 32 | edge number), so equal keys keep ascending edge
-// numbers. A group of equal keys is a run of equal upper halves in a bucket.
+// numbers. The sorted edge numbers are kept as 32-bit entries whose top bit
+// marks the last entry of a group of equal keys (edge numbers stay below
+// 2^31, so the bit is free).
 
-std::uint64_t bucketWord(int hi, int edge) {
-  return (std::uint64_t(std::uint32_t(hi)) << 32) | std::uint32_t(edge);
-}
-int edgeOfWord(std::uint64_t word) { return int(std::uint32_t(word)); }
-int triangleOfWord(std::uint64_t word) { return edgeOfWord(word) / 3; }
-std::uint32_t upperOfWord(std::uint64_t word) { return std::uint32_t(word >> 32); }
+constexpr std::uint32_t kGroupEnd = 0x80000000u;
+
+int edgeOfEntry(std::uint32_t entry) { return int(entry & ~kGroupEnd); }
+int triangleOfEntry(std::uint32_t entry) { return edgeOfEntry(entry) / 3; }
+int nextCorner(int edge) { return edge % 3 == 2 ? edge - 2 : edge + 1; }
 
 // Buckets of a few words (the usual case: a vertex is the lower end of a
 // handful of edges) are sorted by insertion; larger ones by std::sort.
-void sortBucket(std::uint64_t* begin, std::uint64_t* end) {
+void sortWords(std::uint64_t* begin, std::uint64_t* end) {
   constexpr std::ptrdiff_t kInsertionLimit = 24;
   if (end - begin > kInsertionLimit) {
     std::sort(begin, end);
@@ -91,28 +92,25 @@ void sortBucket(std::uint64_t* begin, std::uint64_t* end) {
   }
 }
 
-// The edges of the mesh in (min, max, insertion) order, with bucket starts.
-struct SortedEdges {
-  kx::vector<int> bucketStart;  // n + 1 offsets into words, by lower vertex
-  kx::vector<std::uint64_t> words;
-};
-
-void sortEdges(const int* corners, int numVertices, int numTriangles, SortedEdges& sorted) {
-  const int numEdges = 3 * numTriangles;
-  kx::vector<int>& start = sorted.bucketStart;
-  start.assign(std::size_t(numVertices) + 1, 0);
+// Scatters the edge numbers into buckets by lower vertex, keeping ascending
+// edge order inside each bucket. Returns the largest bucket size.
+int bucketByLowerVertex(const int* corners, int numVertices, int numTriangles,
+                        kx::vector<std::uint32_t>& entries) {
+  kx::vector<int> start(std::size_t(numVertices) + 1, 0);
   for (int t = 0; t < numTriangles; ++t) {
     const int* c = corners + 3 * t;
     ++start[std::min(c[0], c[1]) + 1];
     ++start[std::min(c[1], c[2]) + 1];
     ++start[std::min(c[2], c[0]) + 1];
   }
-  for (int v = 0; v < numVertices; ++v) start[v + 1] += start[v];
-  kx::vector<int> cursor(start.begin(), start.end() - 1);
-  sorted.words.resize(std::size_t(numEdges));
-  std::uint64_t* words = sorted.words.data();
+  int largest = 0;
+  for (int v = 0; v < numVertices; ++v) {
+    largest = std::max(largest, start[v + 1]);
+    start[v + 1] += start[v];
+  }
+  entries.resize(3 * std::size_t(numTriangles));
   const auto place = [&](int a, int b, int edge) {
-    words[cursor[std::min(a, b)]++] = bucketWord(std::max(a, b), edge);
+    entries[start[std::min(a, b)]++] = std::uint32_t(edge);
   };
   for (int t = 0; t < numTriangles; ++t) {
     const int* c = corners + 3 * t;
@@ -120,32 +118,55 @@ void sortEdges(const int* corners, int numVertices, int numTriangles, SortedEdge
     place(c[1], c[2], 3 * t + 1);
     place(c[2], c[0], 3 * t + 2);
   }
-  for (int v = 0; v < numVertices; ++v) sortBucket(words + start[v], words + start[v + 1]);
+  return largest;
+}
+
+// Sorts the edge numbers stably by (min, max) and flags the group ends.
+void sortEdges(const int* corners, int numVertices, int numTriangles,
+               kx::vector<std::uint32_t>& entries) {
+  const int largest = bucketByLowerVertex(corners, numVertices, numTriangles, entries);
+  kx::vector<std::uint64_t> words(static_cast<std::size_t>(largest));
+  const std::size_t numEdges = entries.size();
+  for (std::size_t begin = 0; begin < numEdges;) {
+    // A bucket is the run of entries with one lower vertex.
+    const int lo = std::min(corners[entries[begin]], corners[nextCorner(int(entries[begin]))]);
+    std::size_t end = begin;
+    for (; end < numEdges; ++end) {
+      const int edge = int(entries[end]);
+      const int a = corners[edge], b = corners[nextCorner(edge)];
+      if (std::min(a, b) != lo) break;
+      words[end - begin] =
+          (std::uint64_t(std::uint32_t(std::max(a, b))) << 32) | std::uint32_t(edge);
+    }
+    const std::size_t size = end - begin;
+    sortWords(words.data(), words.data() + size);
+    for (std::size_t i = 0; i < size; ++i) {
+      const bool last = i + 1 == size || (words[i + 1] >> 32) != (words[i] >> 32);
+      entries[begin + i] = std::uint32_t(words[i]) | (last ? kGroupEnd : 0u);
+    }
+    begin = end;
+  }
 }
 
 // Calls fn(begin, end) for every group of equal keys, in sorted order.
 template <class Fn>
-void forEachGroup(const SortedEdges& sorted, Fn fn) {
-  const std::uint64_t* words = sorted.words.data();
-  const int numBuckets = static_cast<int>(sorted.bucketStart.size()) - 1;
-  for (int v = 0; v < numBuckets; ++v) {
-    const std::uint64_t* end = words + sorted.bucketStart[v + 1];
-    for (const std::uint64_t* g = words + sorted.bucketStart[v]; g < end;) {
-      const std::uint64_t* groupEnd = g + 1;
-      while (groupEnd < end && upperOfWord(*groupEnd) == upperOfWord(*g)) ++groupEnd;
-      fn(g, groupEnd);
-      g = groupEnd;
-    }
+void forEachGroup(const kx::vector<std::uint32_t>& entries, Fn fn) {
+  const std::uint32_t* end = entries.data() + entries.size();
+  for (const std::uint32_t* g = entries.data(); g < end;) {
+    const std::uint32_t* groupEnd = g;
+    while (!(*groupEnd & kGroupEnd)) ++groupEnd;
+    fn(g, ++groupEnd);
+    g = groupEnd;
   }
 }
 
 // Calls fn(begin, end) for every run of entries of one triangle inside a
 // group; such entries are adjacent because their edge numbers are.
 template <class Fn>
-void forEachTriangleRun(const std::uint64_t* begin, const std::uint64_t* end, Fn fn) {
-  for (const std::uint64_t* r = begin; r < end;) {
-    const std::uint64_t* runEnd = r + 1;
-    while (runEnd < end && triangleOfWord(*runEnd) == triangleOfWord(*r)) ++runEnd;
+void forEachTriangleRun(const std::uint32_t* begin, const std::uint32_t* end, Fn fn) {
+  for (const std::uint32_t* r = begin; r < end;) {
+    const std::uint32_t* runEnd = r + 1;
+    while (runEnd < end && triangleOfEntry(*runEnd) == triangleOfEntry(*r)) ++runEnd;
     fn(r, runEnd);
     r = runEnd;
   }
@@ -155,35 +176,36 @@ void forEachTriangleRun(const std::uint64_t* begin, const std::uint64_t* end, Fn
 // edges of its own triangle. Fills `offsets` with their exclusive prefix sum in
 // edge order (numEdges + 1 entries) and returns the total, or -1 when the
 // table would not fit the int offsets of ArrayOfSets.
-std::int64_t edgeListOffsets(const SortedEdges& sorted, int numEdges, kx::vector<int>& offsets) {
-  offsets.resize(std::size_t(numEdges) + 1);
+std::int64_t edgeListOffsets(const kx::vector<std::uint32_t>& entries, kx::vector<int>& offsets) {
+  const std::size_t numEdges = entries.size();
+  offsets.resize(numEdges + 1);
   offsets[0] = 0;
   std::int64_t total = 0;
-  forEachGroup(sorted, [&](const std::uint64_t* g, const std::uint64_t* gEnd) {
-    forEachTriangleRun(g, gEnd, [&](const std::uint64_t* r, const std::uint64_t* rEnd) {
+  forEachGroup(entries, [&](const std::uint32_t* g, const std::uint32_t* gEnd) {
+    forEachTriangleRun(g, gEnd, [&](const std::uint32_t* r, const std::uint32_t* rEnd) {
       const int others = int((gEnd - g) - (rEnd - r));
-      total += others * (rEnd - r);
-      for (const std::uint64_t* e = r; e < rEnd; ++e) offsets[edgeOfWord(*e) + 1] = others;
+      total += std::int64_t(others) * (rEnd - r);
+      for (const std::uint32_t* e = r; e < rEnd; ++e) offsets[edgeOfEntry(*e) + 1] = others;
     });
   });
   if (total > INT_MAX) return -1;
-  for (int e = 0; e < numEdges; ++e) offsets[e + 1] += offsets[e];
+  for (std::size_t e = 0; e < numEdges; ++e) offsets[e + 1] += offsets[e];
   return total;
 }
 
-void appendTriangles(const std::uint64_t* begin, const std::uint64_t* end, int*& dst) {
-  for (const std::uint64_t* w = begin; w < end; ++w) *dst++ = triangleOfWord(*w);
+void appendTriangles(const std::uint32_t* begin, const std::uint32_t* end, int*& dst) {
+  for (const std::uint32_t* e = begin; e < end; ++e) *dst++ = triangleOfEntry(*e);
 }
 
-void fillTriAdjTris(const SortedEdges& sorted, const kx::vector<int>& edgeOffsets, int numTriangles,
-                    ArrayOfSets& sets) {
+void fillTriAdjTris(const kx::vector<std::uint32_t>& entries, const kx::vector<int>& edgeOffsets,
+                    int numTriangles, ArrayOfSets& sets) {
   int* offsets = sets.offsets();
   for (int t = 0; t <= numTriangles; ++t) offsets[t] = edgeOffsets[3 * std::size_t(t)];
   int* members = sets.members();
-  forEachGroup(sorted, [&](const std::uint64_t* g, const std::uint64_t* gEnd) {
-    forEachTriangleRun(g, gEnd, [&](const std::uint64_t* r, const std::uint64_t* rEnd) {
-      for (const std::uint64_t* e = r; e < rEnd; ++e) {
-        int* dst = members + edgeOffsets[edgeOfWord(*e)];
+  forEachGroup(entries, [&](const std::uint32_t* g, const std::uint32_t* gEnd) {
+    forEachTriangleRun(g, gEnd, [&](const std::uint32_t* r, const std::uint32_t* rEnd) {
+      for (const std::uint32_t* e = r; e < rEnd; ++e) {
+        int* dst = members + edgeOffsets[edgeOfEntry(*e)];
         appendTriangles(g, r, dst);
         appendTriangles(rEnd, gEnd, dst);
       }
@@ -333,17 +355,17 @@ void meshTriAdjTris(const CompactMesh& mesh, MeshTriAdjTris& out) {
   watch.start();
   const int n = mesh.getNumVertices();
   const int m = mesh.getNumTriangles();
-  SortedEdges sorted;
-  sortEdges(mesh.getTrianglesRaw(), n, m, sorted);
+  kx::vector<std::uint32_t> entries;
+  sortEdges(mesh.getTrianglesRaw(), n, m, entries);
   kx::vector<int> edgeOffsets;
-  const std::int64_t total = edgeListOffsets(sorted, 3 * m, edgeOffsets);
+  const std::int64_t total = edgeListOffsets(entries, edgeOffsets);
   // A table beyond the int range of ArrayOfSets cannot be stored; such a mesh
   // gets one empty set per triangle instead.
   ArrayOfSets sets(m, std::max(0, int(total)));
   if (total < 0) {
     std::fill(sets.offsets(), sets.offsets() + m + 1, 0);
   } else {
-    fillTriAdjTris(sorted, edgeOffsets, m, sets);
+    fillTriAdjTris(entries, edgeOffsets, m, sets);
   }
   MeshTriAdjTris table(sets);
   out.swap(table);
