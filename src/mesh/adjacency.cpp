@@ -341,8 +341,9 @@ void meshAdjVertices(const CompactMesh& mesh, const MeshAdjTris& adjTris, MeshAd
   }
   std::unique_ptr<int[]> entries(new int[std::size_t(numEntries)]);
   for (int v = 0; v < n; ++v) {
-    int* dst = entries.get() + starts[v];
-    *dst = collector.collect(v, [&dst](int w) { *++dst = w; });
+    int* const countSlot = entries.get() + starts[v];
+    int* next = countSlot + 1;
+    *countSlot = collector.collect(v, [&next](int w) { *next++ = w; });
   }
   MeshAdjVertices table(n, maxCount, starts.release(), entries.release());
   out.swap(table);
