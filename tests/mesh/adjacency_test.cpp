@@ -151,16 +151,10 @@ struct BruteWalk {
   }
 };
 
-Sets setsOf(const MeshAdjTris& a) {
-  Sets s(std::size_t(a.getNumVertices()));
-  for (int v = 0; v < a.getNumVertices(); ++v)
-    s[v].assign(a.triIndices(v), a.triIndices(v) + a.numTris(v));
-  return s;
-}
-Sets setsOf(const MeshTriAdjTris& a) {
-  Sets s(std::size_t(a.getNumTriangles()));
-  for (int t = 0; t < a.getNumTriangles(); ++t)
-    s[t].assign(a.triIndices(t), a.triIndices(t) + a.numTris(t));
+Sets setsOf(const ArrayOfSets& a) {
+  Sets s;
+  for (int i = 0; i < a.getNumSets(); ++i)
+    s.emplace_back(a.getSet(i), a.getSet(i) + a.getSetSize(i));
   return s;
 }
 Sets setsOf(const MeshAdjVertices& a) {
@@ -214,13 +208,13 @@ TEST(AdjacencyTables, MatchBruteForceOnAllTestMeshes) {
     meshAdjTris(m, adj);
     meshAdjVertices(m, adj, adjV);
     meshTriAdjTris(m, triAdj);
-    EXPECT_EQ(setsOf(adj), bruteAdjTris(m));
+    EXPECT_EQ(setsOf(adj.getData()), bruteAdjTris(m));
     const Sets neighbours = bruteAdjVertices(m);
     EXPECT_EQ(setsOf(adjV), neighbours);
     std::size_t maxCount = 0;
     for (const auto& s : neighbours) maxCount = std::max(maxCount, s.size());
     EXPECT_EQ(adjV.getMaxCount(), int(maxCount));
-    EXPECT_EQ(setsOf(triAdj), bruteTriAdjTris(m));
+    EXPECT_EQ(setsOf(triAdj.getData()), bruteTriAdjTris(m));
     EXPECT_EQ(triAdj.getData().getNumMembers(), triAdj.getData().offsets()[m.getNumTriangles()]);
   }
 }
@@ -245,7 +239,7 @@ TEST(AdjacencyTables, RepeatedTriangleListsItsCopyOncePerEdge) {
   const CompactMesh m = meshFrom(3, {0, 1, 2, 2, 0, 1});
   MeshTriAdjTris triAdj;
   meshTriAdjTris(m, triAdj);
-  EXPECT_EQ(setsOf(triAdj), (Sets{{1, 1, 1}, {0, 0, 0}}));
+  EXPECT_EQ(setsOf(triAdj.getData()), (Sets{{1, 1, 1}, {0, 0, 0}}));
   MeshAdjTris adj;
   meshAdjTris(m, adj);
   int other = -5, edge = -5;
