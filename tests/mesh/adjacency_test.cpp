@@ -248,6 +248,18 @@ TEST(AdjacencyTables, RepeatedTriangleListsItsCopyOncePerEdge) {
   EXPECT_EQ(edge, 2);  // corner of vertex 1 in (2, 0, 1)
 }
 
+// 46342 triangles on one edge would need 46342 * 46341 > 2^31 - 1 entries.
+TEST(AdjacencyTables, TableBeyondIntRangeComesOutAsEmptySets) {
+  const int k = 46342;
+  std::vector<int> corners;
+  for (int i = 0; i < k; ++i) corners.insert(corners.end(), {0, 1, i + 2});
+  MeshTriAdjTris triAdj;
+  meshTriAdjTris(meshFrom(k + 2, corners), triAdj);
+  ASSERT_EQ(triAdj.getNumTriangles(), k);
+  EXPECT_EQ(triAdj.getData().getNumMembers(), 0);
+  EXPECT_EQ(triAdj.numTris(0) + triAdj.numTris(k - 1), 0);
+}
+
 TEST(AdjacencyTables, LogLinesAreExact) {
   const std::string f = "[0-9]+\\.[0-9]{6}";
   for (const CompactMesh& m : {meshFrom(0, {}), makeGrid(2, 1)}) {
