@@ -198,17 +198,32 @@ std::multiset<std::pair<int, int>> closedLoopEdges(const Sets& loops) {
   return out;
 }
 
+// Every table of a mesh, built by the functions under test in dependency order.
+struct Tables {
+  MeshAdjTris adj;
+  MeshAdjVertices adjV;
+  MeshTriAdjTris triAdj;
+
+  explicit Tables(const CompactMesh& m) {
+    meshAdjTris(m, adj);
+    meshAdjVertices(m, adj, adjV);
+    meshTriAdjTris(m, triAdj);
+  }
+  Sets loops(const CompactMesh& m) const {
+    MeshBoundaries b;
+    meshComputeBoundary(m, adj, adjV, b);
+    return setsOf(b);
+  }
+};
+
 // --- tables ----------------------------------------------------------------
 
 TEST(AdjacencyTables, MatchBruteForceOnAllTestMeshes) {
   for (const CompactMesh& m : testMeshes()) {
-    MeshAdjTris adj;
-    MeshAdjVertices adjV;
-    MeshTriAdjTris triAdj;
-    meshAdjTris(m, adj);
-    meshAdjVertices(m, adj, adjV);
-    meshTriAdjTris(m, triAdj);
-    EXPECT_EQ(setsOf(adj.getData()), bruteAdjTris(m));
+    const Tables tables(m);
+    const MeshAdjVertices& adjV = tables.adjV;
+    const MeshTriAdjTris& triAdj = tables.triAdj;
+    EXPECT_EQ(setsOf(tables.adj.getData()), bruteAdjTris(m));
     const Sets neighbours = bruteAdjVertices(m);
     EXPECT_EQ(setsOf(adjV), neighbours);
     std::size_t maxCount = 0;
@@ -264,12 +279,7 @@ TEST(AdjacencyTables, LogLinesAreExact) {
   const std::string f = "[0-9]+\\.[0-9]{6}";
   for (const CompactMesh& m : {meshFrom(0, {}), makeGrid(2, 1)}) {
     kxtest::LogCapture log;
-    MeshAdjTris adj;
-    MeshAdjVertices adjV;
-    MeshTriAdjTris triAdj;
-    meshAdjTris(m, adj);
-    meshAdjVertices(m, adj, adjV);
-    meshTriAdjTris(m, triAdj);
+    const Tables tables(m);
     ASSERT_EQ(log.lines().size(), 3u);
     const std::string n = std::to_string(m.getNumVertices()),
                       t = std::to_string(m.getNumTriangles());
@@ -351,13 +361,7 @@ TEST(LocalQueries, SortAdjTrisRotatesClosedFansAndStopsAtBreaks) {
 
 TEST(Boundaries, LoopsMatchBruteForceWalk) {
   for (const CompactMesh& m : testMeshes()) {
-    MeshAdjTris adj;
-    MeshAdjVertices adjV;
-    MeshBoundaries loops;
-    meshAdjTris(m, adj);
-    meshAdjVertices(m, adj, adjV);
-    meshComputeBoundary(m, adj, adjV, loops);
-    EXPECT_EQ(setsOf(loops), BruteWalk(m).loops(iota(m.getNumVertices())));
+    EXPECT_EQ(Tables(m).loops(m), BruteWalk(m).loops(iota(m.getNumVertices())));
   }
 }
 
@@ -369,27 +373,17 @@ TEST(Boundaries, CleanMeshesGiveClosedLoopsOverExactlyTheBoundaryEdges) {
                                                        {meshFrom(25, holed), 2},
                                                        {makeLatLongSphere(5, 6), 0}};
   for (const auto& [m, numLoops] : cases) {
-    MeshAdjTris adj;
-    MeshAdjVertices adjV;
-    MeshBoundaries loops;
-    meshAdjTris(m, adj);
-    meshAdjVertices(m, adj, adjV);
-    meshComputeBoundary(m, adj, adjV, loops);
-    EXPECT_EQ(loops.size(), numLoops);
-    EXPECT_EQ(closedLoopEdges(setsOf(loops)), boundaryEdges(BruteWalk(m)));
+    const Sets loops = Tables(m).loops(m);
+    EXPECT_EQ(int(loops.size()), numLoops);
+    EXPECT_EQ(closedLoopEdges(loops), boundaryEdges(BruteWalk(m)));
   }
-  MeshAdjTris adj;
-  MeshAdjVertices adjV;
-  MeshBoundaries loops;
   const CompactMesh tri = meshFrom(4, {0, 1, 2});  // vertex 3 is isolated
-  meshAdjTris(tri, adj);
-  meshAdjVertices(tri, adj, adjV);
-  meshComputeBoundary(tri, adj, adjV, loops);
-  EXPECT_EQ(setsOf(loops), (Sets{{0, 1, 2}}));
-  EXPECT_TRUE(Boundary::hasEdge(tri, adj, 2, 0));
-  EXPECT_FALSE(Boundary::hasEdge(tri, adj, 0, 2));
+  const Tables tables(tri);
+  EXPECT_EQ(tables.loops(tri), (Sets{{0, 1, 2}}));
+  EXPECT_TRUE(Boundary::hasEdge(tri, tables.adj, 2, 0));
+  EXPECT_FALSE(Boundary::hasEdge(tri, tables.adj, 0, 2));
   int next = 42;
-  EXPECT_FALSE(Boundary::walkBoundary(3, next, tri, adj, adjV));
+  EXPECT_FALSE(Boundary::walkBoundary(3, next, tri, tables.adj, tables.adjV));
   EXPECT_EQ(next, 42);
   EXPECT_EQ(Boundary::findEdge(3, tri.getTriangles()[0]), -1);
 }
@@ -407,10 +401,7 @@ TEST(Boundaries, SubsetLoopsMatchBruteForceAndIncludeSeams) {
     cases.push_back({m, parts});
   }
   for (const auto& [m, parts] : cases) {
-    MeshAdjTris adj;
-    MeshAdjVertices adjV;
-    meshAdjTris(m, adj);
-    meshAdjVertices(m, adj, adjV);
+    const Tables tables(m);
     Remap triangleParts(m.getNumTriangles(), 3);
     std::set<std::pair<int, int>> vertexPartPairs;
     for (int t = 0; t < m.getNumTriangles(); ++t) {
@@ -428,7 +419,8 @@ TEST(Boundaries, SubsetLoopsMatchBruteForceAndIncludeSeams) {
       }
       MeshSubset subset(int(starts.size()), starts.data(), 0, nullptr);
       MeshBoundaries loops;
-      meshComputeSubsetBoundary(m, subset, part, adj, adjV, vertexParts, triangleParts, loops);
+      meshComputeSubsetBoundary(m, subset, part, tables.adj, tables.adjV, vertexParts,
+                                triangleParts, loops);
       const BruteWalk walk(m, parts, part);
       EXPECT_EQ(setsOf(loops), walk.loops(starts));
       if (&m == &cases[0].first) {  // a clean half grid: one closed loop with its seam
