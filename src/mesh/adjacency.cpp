@@ -66,14 +66,23 @@ class NeighbourCollector {
 // The edges are sorted stably by their undirected key (min, max): a counting
 // sort by the lower vertex, then, inside each lower-vertex bucket, a sort of
 // 64-bit words (max << 32 | edge number), so equal keys keep ascending edge
-// numbers. The sorted edge numbers are kept as 32-bit entries whose top bit
-// marks the last entry of a group of equal keys (edge numbers stay below
-// 2^31, so the bit is free).
+// numbers. While a bucket is sorted, each edge records what it will list:
+// in the common manifold case the one other edge of its group, otherwise the
+// position of its group in the sorted edge numbers. The table is then written
+// triangle by triangle, in its own order.
 
+// The top bit of a sorted edge number marks the last entry of its group
+// (edge numbers stay below 2^31, so the bit is free).
 constexpr std::uint32_t kGroupEnd = 0x80000000u;
+// Per-edge codes besides a partner edge number (>= 0).
+constexpr int kListsNothing = -1;
+int codeOfGroup(std::size_t position) { return -int(position) - 2; }
+std::size_t groupOfCode(int code) { return std::size_t(-(code + 2)); }
 
 int edgeOfEntry(std::uint32_t entry) { return int(entry & ~kGroupEnd); }
 int triangleOfEntry(std::uint32_t entry) { return edgeOfEntry(entry) / 3; }
+int edgeOfWord(std::uint64_t word) { return int(std::uint32_t(word)); }
+std::uint32_t upperOfWord(std::uint64_t word) { return std::uint32_t(word >> 32); }
 int nextCorner(int edge) { return edge % 3 == 2 ? edge - 2 : edge + 1; }
 
 // Buckets of a few words (the usual case: a vertex is the lower end of a
@@ -92,21 +101,32 @@ void sortWords(std::uint64_t* begin, std::uint64_t* end) {
   }
 }
 
+// What the edges list, in sorted order, with the per-triangle list sizes.
+struct EdgeGroups {
+  kx::vector<std::uint32_t> entries;  // sorted edge numbers, group ends flagged
+  kx::vector<int> code;               // per edge: partner edge, or a code above
+  kx::vector<int> listSizes;          // per triangle
+  std::int64_t total = 0;
+};
+
 // Scatters the edge numbers into buckets by lower vertex, keeping ascending
-// edge order inside each bucket. Returns the largest bucket size.
+// edge order inside each bucket; bucketEnd[v] is one past bucket v. Returns
+// the largest bucket size.
 int bucketByLowerVertex(const int* corners, int numVertices, int numTriangles,
-                        kx::vector<std::uint32_t>& entries) {
-  kx::vector<int> start(std::size_t(numVertices) + 1, 0);
+                        kx::vector<std::uint32_t>& entries, kx::vector<int>& bucketEnd) {
+  bucketEnd.assign(std::size_t(numVertices) + 1, 0);
+  int* start = bucketEnd.data() + 1;  // start[v] is where bucket v begins
   for (int t = 0; t < numTriangles; ++t) {
     const int* c = corners + 3 * t;
-    ++start[std::min(c[0], c[1]) + 1];
-    ++start[std::min(c[1], c[2]) + 1];
-    ++start[std::min(c[2], c[0]) + 1];
+    ++start[std::min(c[0], c[1])];
+    ++start[std::min(c[1], c[2])];
+    ++start[std::min(c[2], c[0])];
   }
-  int largest = 0;
+  int largest = 0, sum = 0;
   for (int v = 0; v < numVertices; ++v) {
-    largest = std::max(largest, start[v + 1]);
-    start[v + 1] += start[v];
+    largest = std::max(largest, start[v]);
+    sum += start[v];
+    start[v] = sum - start[v];
   }
   entries.resize(3 * std::size_t(numTriangles));
   const auto place = [&](int a, int b, int edge) {
@@ -118,99 +138,91 @@ int bucketByLowerVertex(const int* corners, int numVertices, int numTriangles,
     place(c[1], c[2], 3 * t + 1);
     place(c[2], c[0], 3 * t + 2);
   }
+  bucketEnd.erase(bucketEnd.begin());  // start[v] now ends bucket v
   return largest;
 }
 
-// Sorts the edge numbers stably by (min, max) and flags the group ends.
-void sortEdges(const int* corners, int numVertices, int numTriangles,
-               kx::vector<std::uint32_t>& entries) {
-  const int largest = bucketByLowerVertex(corners, numVertices, numTriangles, entries);
-  kx::vector<std::uint64_t> words(static_cast<std::size_t>(largest));
-  const std::size_t numEdges = entries.size();
-  for (std::size_t begin = 0; begin < numEdges;) {
-    // A bucket is the run of entries with one lower vertex.
-    const int lo = std::min(corners[entries[begin]], corners[nextCorner(int(entries[begin]))]);
-    std::size_t end = begin;
-    for (; end < numEdges; ++end) {
-      const int edge = int(entries[end]);
-      const int a = corners[edge], b = corners[nextCorner(edge)];
-      if (std::min(a, b) != lo) break;
-      words[end - begin] =
-          (std::uint64_t(std::uint32_t(std::max(a, b))) << 32) | std::uint32_t(edge);
-    }
-    const std::size_t size = end - begin;
-    sortWords(words.data(), words.data() + size);
-    for (std::size_t i = 0; i < size; ++i) {
-      const bool last = i + 1 == size || (words[i + 1] >> 32) != (words[i] >> 32);
-      entries[begin + i] = std::uint32_t(words[i]) | (last ? kGroupEnd : 0u);
-    }
-    begin = end;
+// Records what each edge of a group of equal keys lists: words[0, size) are
+// the group's sorted words, starting at `position` in the sorted entries.
+void recordGroup(const std::uint64_t* words, std::size_t size, std::size_t position,
+                 EdgeGroups& groups) {
+  if (size == 2 && edgeOfWord(words[0]) / 3 != edgeOfWord(words[1]) / 3) {
+    const int e0 = edgeOfWord(words[0]), e1 = edgeOfWord(words[1]);
+    groups.code[e0] = e1;
+    groups.code[e1] = e0;
+    ++groups.listSizes[e0 / 3];
+    ++groups.listSizes[e1 / 3];
+    groups.total += 2;
+    return;
   }
-}
-
-// Calls fn(begin, end) for every group of equal keys, in sorted order.
-template <class Fn>
-void forEachGroup(const kx::vector<std::uint32_t>& entries, Fn fn) {
-  const std::uint32_t* end = entries.data() + entries.size();
-  for (const std::uint32_t* g = entries.data(); g < end;) {
-    const std::uint32_t* groupEnd = g;
-    while (!(*groupEnd & kGroupEnd)) ++groupEnd;
-    fn(g, ++groupEnd);
-    g = groupEnd;
-  }
-}
-
-// Calls fn(begin, end) for every run of entries of one triangle inside a
-// group; such entries are adjacent because their edge numbers are.
-template <class Fn>
-void forEachTriangleRun(const std::uint32_t* begin, const std::uint32_t* end, Fn fn) {
-  for (const std::uint32_t* r = begin; r < end;) {
-    const std::uint32_t* runEnd = r + 1;
-    while (runEnd < end && triangleOfEntry(*runEnd) == triangleOfEntry(*r)) ++runEnd;
-    fn(r, runEnd);
+  // Entries of one triangle are adjacent (their edge numbers are), and each
+  // lists the group minus its own triangle's entries.
+  for (std::size_t r = 0; r < size;) {
+    const int triangle = edgeOfWord(words[r]) / 3;
+    std::size_t runEnd = r + 1;
+    while (runEnd < size && edgeOfWord(words[runEnd]) / 3 == triangle) ++runEnd;
+    const int others = int(size - (runEnd - r));
+    for (std::size_t i = r; i < runEnd; ++i) {
+      groups.code[edgeOfWord(words[i])] = others ? codeOfGroup(position) : kListsNothing;
+    }
+    groups.listSizes[triangle] += others * int(runEnd - r);
+    groups.total += std::int64_t(others) * std::int64_t(runEnd - r);
     r = runEnd;
   }
 }
 
-// Per edge, how many entries it lists: the rest of its group minus the other
-// edges of its own triangle. Fills `offsets` with their exclusive prefix sum in
-// edge order (numEdges + 1 entries) and returns the total, or -1 when the
-// table would not fit the int offsets of ArrayOfSets.
-std::int64_t edgeListOffsets(const kx::vector<std::uint32_t>& entries, kx::vector<int>& offsets) {
-  const std::size_t numEdges = entries.size();
-  offsets.resize(numEdges + 1);
-  offsets[0] = 0;
-  std::int64_t total = 0;
-  forEachGroup(entries, [&](const std::uint32_t* g, const std::uint32_t* gEnd) {
-    forEachTriangleRun(g, gEnd, [&](const std::uint32_t* r, const std::uint32_t* rEnd) {
-      const int others = int((gEnd - g) - (rEnd - r));
-      total += std::int64_t(others) * (rEnd - r);
-      for (const std::uint32_t* e = r; e < rEnd; ++e) offsets[edgeOfEntry(*e) + 1] = others;
-    });
-  });
-  if (total > INT_MAX) return -1;
-  for (std::size_t e = 0; e < numEdges; ++e) offsets[e + 1] += offsets[e];
-  return total;
-}
-
-void appendTriangles(const std::uint32_t* begin, const std::uint32_t* end, int*& dst) {
-  for (const std::uint32_t* e = begin; e < end; ++e) *dst++ = triangleOfEntry(*e);
-}
-
-void fillTriAdjTris(const kx::vector<std::uint32_t>& entries, const kx::vector<int>& edgeOffsets,
-                    int numTriangles, ArrayOfSets& sets) {
-  int* offsets = sets.offsets();
-  for (int t = 0; t <= numTriangles; ++t) offsets[t] = edgeOffsets[3 * std::size_t(t)];
-  int* members = sets.members();
-  forEachGroup(entries, [&](const std::uint32_t* g, const std::uint32_t* gEnd) {
-    forEachTriangleRun(g, gEnd, [&](const std::uint32_t* r, const std::uint32_t* rEnd) {
-      for (const std::uint32_t* e = r; e < rEnd; ++e) {
-        int* dst = members + edgeOffsets[edgeOfEntry(*e)];
-        appendTriangles(g, r, dst);
-        appendTriangles(rEnd, gEnd, dst);
+void groupEdges(const int* corners, int numVertices, int numTriangles, EdgeGroups& groups) {
+  kx::vector<int> bucketEnd;
+  const int largest =
+      bucketByLowerVertex(corners, numVertices, numTriangles, groups.entries, bucketEnd);
+  groups.code.resize(3 * std::size_t(numTriangles));
+  groups.listSizes.assign(std::size_t(numTriangles), 0);
+  kx::vector<std::uint64_t> words(static_cast<std::size_t>(largest));
+  std::uint32_t* entries = groups.entries.data();
+  for (int v = 0, begin = 0; v < numVertices; begin = bucketEnd[v++]) {
+    const int size = bucketEnd[v] - begin;
+    for (int i = 0; i < size; ++i) {
+      const int edge = int(entries[begin + i]);
+      const int hi = std::max(corners[edge], corners[nextCorner(edge)]);
+      words[i] = (std::uint64_t(std::uint32_t(hi)) << 32) | std::uint32_t(edge);
+    }
+    sortWords(words.data(), words.data() + size);
+    for (int g = 0; g < size;) {
+      int groupEnd = g + 1;
+      while (groupEnd < size && upperOfWord(words[groupEnd]) == upperOfWord(words[g])) ++groupEnd;
+      recordGroup(words.data() + g, std::size_t(groupEnd - g), std::size_t(begin + g), groups);
+      for (int i = g; i < groupEnd; ++i) {
+        entries[begin + i] = std::uint32_t(words[i]) | (i + 1 == groupEnd ? kGroupEnd : 0u);
       }
-    });
-  });
+      g = groupEnd;
+    }
+  }
+}
+
+// Writes the triangles that edge `edge` lists at dst; returns the new end.
+int* listNeighbours(const EdgeGroups& groups, int edge, int* dst) {
+  const int code = groups.code[edge];
+  if (code >= 0) {
+    *dst++ = code / 3;
+  } else if (code != kListsNothing) {
+    const int self = edge / 3;
+    const std::uint32_t* entry = groups.entries.data() + groupOfCode(code);
+    for (bool last = false; !last; ++entry) {
+      last = (*entry & kGroupEnd) != 0;
+      if (triangleOfEntry(*entry) != self) *dst++ = triangleOfEntry(*entry);
+    }
+  }
+  return dst;
+}
+
+void fillTriAdjTris(const EdgeGroups& groups, int numTriangles, ArrayOfSets& sets) {
+  int* offsets = sets.offsets();
+  offsets[0] = 0;
+  for (int t = 0; t < numTriangles; ++t) offsets[t + 1] = offsets[t] + groups.listSizes[t];
+  int* dst = sets.members();
+  for (int t = 0; t < numTriangles; ++t) {
+    for (int e = 0; e < 3; ++e) dst = listNeighbours(groups, 3 * t + e, dst);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -356,17 +368,16 @@ void meshTriAdjTris(const CompactMesh& mesh, MeshTriAdjTris& out) {
   watch.start();
   const int n = mesh.getNumVertices();
   const int m = mesh.getNumTriangles();
-  kx::vector<std::uint32_t> entries;
-  sortEdges(mesh.getTrianglesRaw(), n, m, entries);
-  kx::vector<int> edgeOffsets;
-  const std::int64_t total = edgeListOffsets(entries, edgeOffsets);
+  EdgeGroups groups;
+  groupEdges(mesh.getTrianglesRaw(), n, m, groups);
   // A table beyond the int range of ArrayOfSets cannot be stored; such a mesh
   // gets one empty set per triangle instead.
-  ArrayOfSets sets(m, std::max(0, int(total)));
-  if (total < 0) {
-    std::fill(sets.offsets(), sets.offsets() + m + 1, 0);
+  const bool fits = groups.total <= INT_MAX;
+  ArrayOfSets sets(m, fits ? int(groups.total) : 0);
+  if (fits) {
+    fillTriAdjTris(groups, m, sets);
   } else {
-    fillTriAdjTris(entries, edgeOffsets, m, sets);
+    std::fill(sets.offsets(), sets.offsets() + m + 1, 0);
   }
   MeshTriAdjTris table(sets);
   out.swap(table);
