@@ -47,7 +47,8 @@ KXGEOM_API void meshAdjVertices(const CompactMesh& mesh, const MeshAdjTris& adjT
 /// Builds the triangle-to-triangles table. For triangle t, for its edges 0, 1
 /// and 2 in turn, the table lists every other triangle that has the same
 /// undirected edge {a, b}, in ascending triangle order, once per shared edge;
-/// copies of t's own edges are skipped. A boundary edge contributes nothing;
+/// t itself is never listed (a degenerate t may name one edge twice). A
+/// boundary edge contributes nothing;
 /// an edge shared by k triangles gives each k - 1 neighbours through it;
 /// orientation plays no part. Logs "MeshTriAdjTris: <n> vertices <m>
 /// triangles <seconds>".
@@ -59,7 +60,8 @@ KXGEOM_API void meshAdjVertices(const CompactMesh& mesh, const MeshAdjTris& adjT
 /// triangles) comes out as one empty set per triangle.
 /// Cost: O(n + m + size of the table) time for ordinary meshes; a vertex that
 /// is the lower end of k edges costs O(k log k). Scratch: 8 bytes per edge
-/// (sorted edge numbers and per-edge offsets) and 4 bytes per vertex.
+/// (sorted edge numbers, what each edge lists) and 4 bytes per triangle and
+/// per vertex.
 /// Thread safety: reentrant.
 KXGEOM_API void meshTriAdjTris(const CompactMesh& mesh, MeshTriAdjTris& out);
 
