@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "support/bench_meshes.h"
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -102,6 +104,8 @@ BENCHMARK(BM_MeshTriAdjTris)->Unit(benchmark::kMillisecond)->MinTime(0.5);
 // steadier than wall time.
 class SummaryReporter : public benchmark::ConsoleReporter {
  public:
+  // Colour only on a terminal, so piped output stays plain text.
+  SummaryReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_Defaults : OO_Tabular) {}
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
