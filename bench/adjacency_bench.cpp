@@ -131,7 +131,12 @@ void printSummary(const std::map<std::string, double>& seconds) {
   for (const char* name : {"BM_MeshAdjTris", "BM_MeshAdjVertices", "BM_MeshTriAdjTris"}) {
     const double t = find(name);
     if (t <= 0.0) continue;
-    std::printf("  %-16s %16.2f", name + 3, copy > 0.0 ? t / copy : 0.0);
+    std::printf("  %-16s", name + 3);
+    if (copy > 0.0) {
+      std::printf(" %16.2f", t / copy);
+    } else {
+      std::printf(" %16s", "n/a");
+    }
     if (peer > 0.0) {
       std::printf(" %14.3f (%.1fx faster)\n", t / peer, peer / t);
     } else {
