@@ -30,7 +30,7 @@ void BM_MeshComputeNormals(benchmark::State& state) {
       });
   state.counters["triangles"] = sphere().getNumTriangles();
 }
-BENCHMARK(BM_MeshComputeNormals)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MeshComputeNormals)->UseManualTime()->Iterations(20)->Unit(benchmark::kMillisecond);
 
 void BM_MeshComputeTriangleNormals(benchmark::State& state) {
   kxbench::timeIterations(
@@ -42,7 +42,7 @@ void BM_MeshComputeTriangleNormals(benchmark::State& state) {
 }
 BENCHMARK(BM_MeshComputeTriangleNormals)
     ->UseManualTime()
-    ->Iterations(10)
+    ->Iterations(20)
     ->Unit(benchmark::kMillisecond);
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -78,7 +78,7 @@ void BM_OpenMeshUpdateNormals(benchmark::State& state) {
       });
   state.counters["faces"] = double(openMeshSphere().n_faces());
 }
-BENCHMARK(BM_OpenMeshUpdateNormals)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OpenMeshUpdateNormals)->UseManualTime()->Iterations(8)->Unit(benchmark::kMillisecond);
 #endif
 
 }  // namespace

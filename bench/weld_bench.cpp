@@ -89,9 +89,9 @@ void BM_SortAndScan(benchmark::State& state) {
       });
 }
 
-BENCHMARK(BM_MeshCompact)->UseManualTime()->Iterations(4)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_MeshCompactOneThread)->UseManualTime()->Iterations(4)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_SortAndScan)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MeshCompact)->UseManualTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MeshCompactOneThread)->UseManualTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SortAndScan)->UseManualTime()->Iterations(4)->Unit(benchmark::kMillisecond);
 
 #ifdef KXGEOM_BENCH_PEERS
 using CgalPoint = CGAL::Simple_cartesian<double>::Point_3;
@@ -125,7 +125,7 @@ void BM_CgalMergeDuplicatePoints(benchmark::State& state) {
 }
 BENCHMARK(BM_CgalMergeDuplicatePoints)
     ->UseManualTime()
-    ->Iterations(2)
+    ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 #endif
 

@@ -66,14 +66,14 @@ struct RecordLess {
   }
 };
 
-// Stable LSD radix sort of records by their key words, 11 bits per pass,
+// Stable LSD radix sort of records by their key words, 8 bits per pass,
 // least significant digit first; passes whose digit is the same in every
 // record are skipped. Stability keeps equal keys in their incoming order,
 // which is index order, so the result is the records' total order.
 // `scratch` holds `count` records; the result ends up in `data`.
 template <int K>
 void radixSortRecords(WeldRecord<K>* data, int count, WeldRecord<K>* scratch) {
-  constexpr int kBits = 11, kBuckets = 1 << kBits, kDigitsPerWord = 3;
+  constexpr int kBits = 8, kBuckets = 1 << kBits, kDigitsPerWord = 4;
   constexpr int kDigits = K * kDigitsPerWord;
   auto digit = [](const WeldRecord<K>& r, int d) {
     const int word = K - 1 - d / kDigitsPerWord, shift = (d % kDigitsPerWord) * kBits;
