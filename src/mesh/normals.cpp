@@ -50,11 +50,12 @@ void computeTriangleNormals(const CompactMesh& mesh, float* out) {
 }
 
 // Each thread owns a contiguous range of vertices: it zeroes their normals,
-// then walks all triangles in order and adds the normal of every triangle
-// with a corner in its range to those corners. Every vertex thus sums its
+// walks all triangles in order adding the normal of every triangle with a
+// corner in its range to those corners, then normalizes its range (a nested
+// meshNormalize runs on the calling worker). Every vertex thus sums its
 // triangles in triangle order, whatever the thread count, with no shared
-// writes and no temporary array.
-void accumulateVertexNormals(const CompactMesh& mesh, float* normals) {
+// writes, no temporary array and a single dispatch to the pool.
+void computeVertexNormals(const CompactMesh& mesh, float* normals) {
   const float* vertices = mesh.getVerticesRaw();
   const int* triangles = mesh.getTrianglesRaw();
   const int m = mesh.getNumTriangles();
@@ -81,6 +82,7 @@ void accumulateVertexNormals(const CompactMesh& mesh, float* normals) {
           unitTriangleNormal(vertices, tri, n);
           addMine(tri, n);
         }
+        meshNormalize(normals + 3 * std::ptrdiff_t(begin), end - begin);
       });
 }
 
@@ -99,8 +101,7 @@ void meshComputeNormals(CompactMesh& mesh) {
                        mesh.getNumTriangles());
   mesh.allocNormalArray();
   float* normals = mesh.getNormalsRaw();
-  accumulateVertexNormals(mesh, normals);
-  meshNormalize(normals, n);
+  computeVertexNormals(mesh, normals);
   mesh.setNormalsComputed(true);
   notifyData(mesh, &MeshModification::normalsModified);
 }
