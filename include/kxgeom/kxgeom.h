@@ -22,3 +22,8 @@
 #include <kxgeom/clip.h>
 #include <kxgeom/planar.h>
 #include <kxgeom/sampling.h>
+#include <kxgeom/bounds.h>
+#include <kxgeom/normals.h>
+#include <kxgeom/predicates.h>
+#include <kxgeom/query_shapes.h>
+#include <kxgeom/weld.h>
