@@ -15,3 +15,4 @@
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
+#include <kxgeom/platform/topomesh.h>
