@@ -16,3 +16,6 @@
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
 #include <kxgeom/platform/topomesh.h>
+
+#include <kxgeom/mesh_io.h>
+#include <kxgeom/primitives.h>
