@@ -268,8 +268,8 @@ void TopoMesh::toCompactMesh(CompactMesh& out, kx::vector<int>* vertexMap) const
   for (TopoMeshFace f : faces()) {
     const int first = faceHalfEdge_[f.index];
     for (int h = heNext_[first]; heNext_[h] != first; h = heNext_[h]) {
-      tris.insert(tris.end(), {vmap[heOrigin_[first]], vmap[heOrigin_[h]],
-                               vmap[heOrigin_[heNext_[h]]]});
+      tris.insert(tris.end(),
+                  {vmap[heOrigin_[first]], vmap[heOrigin_[h]], vmap[heOrigin_[heNext_[h]]]});
     }
   }
   CompactMesh result(static_cast<int>(verts.size()), verts.data(), nullptr, nullptr, nullptr);

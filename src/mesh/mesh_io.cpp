@@ -278,7 +278,8 @@ class ObjAssembler {
     owner_.assign(numPositions, -1);
     attribs_.assign(std::size_t(numPositions) * 2, -1);
     triangles_.resize(numCorners);
-    for (int c = 0; c < numCorners; ++c) triangles_[c] = vertexFor(&in_.corners[3 * std::size_t(c)]);
+    for (int c = 0; c < numCorners; ++c)
+      triangles_[c] = vertexFor(&in_.corners[3 * std::size_t(c)]);
     const int numVertices = numPositions + static_cast<int>(splitSource_.size());
     kx::vector<MeshVertex> vertices(numVertices);
     std::memcpy(static_cast<void*>(vertices.data()), in_.positions.data(),
@@ -314,15 +315,17 @@ class ObjAssembler {
   void fillNormals(MeshNormal* normals, int n) const {
     for (int i = 0; i < n; ++i) {
       const int k = attribs_[2 * std::size_t(i) + 1];
-      normals[i] = k < 0 ? MeshNormal{0, 0, 0} : MeshNormal{in_.normals[3 * std::size_t(k)],
-                                                           in_.normals[3 * std::size_t(k) + 1],
-                                                           in_.normals[3 * std::size_t(k) + 2]};
+      normals[i] =
+          k < 0 ? MeshNormal{0, 0, 0}
+                : MeshNormal{in_.normals[3 * std::size_t(k)], in_.normals[3 * std::size_t(k) + 1],
+                             in_.normals[3 * std::size_t(k) + 2]};
     }
   }
   void fillUVs(MeshUV* uvs, int n) const {
     for (int i = 0; i < n; ++i) {
       const int k = attribs_[2 * std::size_t(i)];
-      uvs[i] = k < 0 ? MeshUV{0, 0} : MeshUV{in_.uvs[2 * std::size_t(k)], in_.uvs[2 * std::size_t(k) + 1]};
+      uvs[i] = k < 0 ? MeshUV{0, 0}
+                     : MeshUV{in_.uvs[2 * std::size_t(k)], in_.uvs[2 * std::size_t(k) + 1]};
     }
   }
 
