@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <unordered_map>
@@ -18,30 +19,68 @@ namespace {
 
 // ---- Whole-file input -----------------------------------------------------
 
-// Reads the file into `out` in one go. False when it cannot be opened.
-bool readWholeFile(const kxOS::Filename& filename, std::string& out) {
+// A file's bytes, read in one go into storage that is not zero-filled first.
+struct FileBuffer {
+  std::unique_ptr<char[]> bytes;
+  std::size_t size = 0;
+  const char* begin() const { return bytes.get(); }
+  const char* end() const { return bytes.get() + size; }
+};
+
+// Reads the whole file. False when it cannot be opened.
+bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
   std::FILE* f = std::fopen(filename.asMultibyte().c_str(), "rb");
   if (!f) return false;
-  out.clear();
-  char chunk[1 << 16];
+  std::size_t capacity = 0;
   if (std::fseek(f, 0, SEEK_END) == 0) {
     const long size = std::ftell(f);
-    if (size > 0) out.reserve(std::size_t(size));
+    if (size > 0) capacity = std::size_t(size);
     std::fseek(f, 0, SEEK_SET);
   }
-  for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) out.append(chunk, n);
+  // The size is a hint only: the loop also serves streams that cannot seek
+  // and files that grow while being read.
+  std::unique_ptr<char[]> data(new char[capacity + 1]);
+  std::size_t used = 0;
+  for (;;) {
+    if (used == capacity) {
+      const std::size_t grown = std::max<std::size_t>(4096, 2 * capacity);
+      std::unique_ptr<char[]> bigger(new char[grown]);
+      std::memcpy(bigger.get(), data.get(), used);
+      data.swap(bigger);
+      capacity = grown;
+    }
+    const std::size_t n = std::fread(data.get() + used, 1, capacity - used, f);
+    if (n == 0) break;
+    used += n;
+  }
   std::fclose(f);
+  out.bytes.swap(data);
+  out.size = used;
   return true;
 }
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 bool isSpace(char c) { return isBlank(c) || c == '\n' || c == '\v' || c == '\f'; }
 
-// from_chars for numbers as the C library scans them: an optional '+' is
-// accepted, and a float beyond float range falls back to double precision
-// (rounding to infinity or zero) instead of failing.
+// Decimal integers as the C library scans them (optional sign, digits);
+// null on no digits or overflow. Inline because face lines are mostly
+// integers and the library call dominates otherwise.
+const char* parseInt(const char* p, const char* end, int& value) {
+  bool negative = false;
+  if (p != end && (*p == '+' || *p == '-')) negative = *p++ == '-';
+  const char* digits = p;
+  long long v = 0;
+  while (p != end && unsigned(*p - '0') < 10u && v <= 2147483648ll) v = 10 * v + (*p++ - '0');
+  if (p == digits || v > 2147483648ll || (!negative && v > 2147483647ll)) return nullptr;
+  value = static_cast<int>(negative ? -v : v);
+  return p;
+}
+
+// from_chars for floats as the C library scans them: an optional '+' is
+// accepted, and a value beyond the type's range falls back to double
+// precision (rounding to infinity or zero) instead of failing.
 template <class T>
-const char* parseNumber(const char* p, const char* end, T& value) {
+const char* parseReal(const char* p, const char* end, T& value) {
   if (p != end && *p == '+' && end - p > 1 && p[1] != '-') ++p;
   std::from_chars_result r = std::from_chars(p, end, value);
   if constexpr (std::is_same<T, float>::value) {
@@ -52,6 +91,42 @@ const char* parseNumber(const char* p, const char* end, T& value) {
     }
   }
   return r.ec == std::errc() ? r.ptr : nullptr;
+}
+
+const char* parseNumber(const char* p, const char* end, int& value) {
+  return parseInt(p, end, value);
+}
+// Short plain decimals such as "-12.375", the form writers emit, are exact
+// in one float division when their digits fit 24 bits and the power of ten
+// is exact in float (Clinger's fast path); anything else goes to from_chars.
+// Both round correctly, so the result is the same either way.
+const char* parseFloat(const char* p, const char* end, float& value) {
+  static const float kPow10[11] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f,
+                                   1e6f, 1e7f, 1e8f, 1e9f, 1e10f};
+  const char* q = p;
+  const bool negative = q != end && *q == '-';
+  if (q != end && (*q == '-' || *q == '+')) ++q;
+  std::uint32_t mantissa = 0;
+  int digits = 0, fraction = 0;
+  for (; q != end && unsigned(*q - '0') < 10u && digits < 8; ++digits)
+    mantissa = 10 * mantissa + unsigned(*q++ - '0');
+  if (q != end && *q == '.') {
+    for (++q; q != end && unsigned(*q - '0') < 10u && digits < 8; ++digits, ++fraction) {
+      mantissa = 10 * mantissa + unsigned(*q++ - '0');
+    }
+  }
+  const bool plain = digits > 0 && mantissa <= (1u << 24) && (q == end || isSpace(*q));
+  if (!plain) return parseReal(p, end, value);
+  const float magnitude = float(mantissa) / kPow10[fraction];
+  value = negative ? -magnitude : magnitude;
+  return q;
+}
+
+const char* parseNumber(const char* p, const char* end, float& value) {
+  return parseFloat(p, end, value);
+}
+const char* parseNumber(const char* p, const char* end, double& value) {
+  return parseReal(p, end, value);
 }
 
 // ---- The indexed text format ----------------------------------------------
@@ -114,34 +189,92 @@ FILE* openForWriting(const kxOS::Filename& filename) {
 
 // ---- OBJ reading ------------------------------------------------------------
 
+// Hands out the lines of a file through a window that is refilled as
+// parsing advances, so a large file is never held in memory at once and the
+// bytes being parsed stay in cache. The window grows only for a line longer
+// than itself.
+class LineReader {
+ public:
+  explicit LineReader(std::FILE* f) : f_(f), window_(new char[kWindow]), capacity_(kWindow) {}
+
+  // The next line, without its '\n'; false after the last one.
+  bool next(const char*& line, const char*& eol) {
+    for (;;) {
+      const char* p = window_.get() + pos_;
+      const char* end = window_.get() + end_;
+      if (const void* nl = std::memchr(p, '\n', std::size_t(end - p))) {
+        line = p;
+        eol = static_cast<const char*>(nl);
+        pos_ = std::size_t(eol - window_.get()) + 1;
+        return true;
+      }
+      if (eof_) {
+        if (p == end) return false;
+        line = p;
+        eol = end;
+        pos_ = end_;
+        return true;
+      }
+      refill();
+    }
+  }
+
+ private:
+  static constexpr std::size_t kWindow = 1 << 20;
+
+  void refill() {
+    const std::size_t rest = end_ - pos_;
+    if (rest == capacity_) {
+      std::unique_ptr<char[]> bigger(new char[2 * capacity_]);
+      std::memcpy(bigger.get(), window_.get() + pos_, rest);
+      window_.swap(bigger);
+      capacity_ *= 2;
+    } else {
+      std::memmove(window_.get(), window_.get() + pos_, rest);
+    }
+    pos_ = 0;
+    end_ = rest;
+    const std::size_t n = std::fread(window_.get() + end_, 1, capacity_ - end_, f_);
+    end_ += n;
+    eof_ = n == 0;
+  }
+
+  std::FILE* f_;
+  std::unique_ptr<char[]> window_;
+  std::size_t capacity_;
+  std::size_t pos_ = 0, end_ = 0;
+  bool eof_ = false;
+};
+
+// One corner's indices, 0-based after resolution; -1 for none.
+struct ObjCorner {
+  int v = -1, vt = -1, vn = -1;
+};
+
 // Everything an OBJ file holds that the mesh needs, before vertices are split.
 struct ObjContent {
-  kx::vector<float> positions, normals, uvs;  // 3, 3 and 2 floats per element
-  kx::vector<int> corners;                    // (v, vt, vn) per corner, -1 = none
+  kx::vector<MeshVertex> positions;
+  kx::vector<MeshNormal> normals;
+  kx::vector<MeshUV> uvs;
+  kx::vector<ObjCorner> corners;  // three per triangle
   bool anyUV = false, anyNormal = false;
 };
 
 enum class ObjError { None, Number, MissingVertex, MissingUV, MissingNormal };
 
-// One corner's indices, 0-based after resolution.
-struct ObjCorner {
-  int v = -1, vt = -1, vn = -1;
-};
-
 class ObjParser {
  public:
   explicit ObjParser(ObjContent& out) : out_(out) {}
 
-  // Parses the buffer; on failure reports the line and what went wrong.
-  ObjError parse(const char* p, const char* end) {
+  // Parses every line; on failure `line()` and `badIndex()` tell where.
+  ObjError parse(LineReader& lines) {
     line_ = 0;
-    while (p < end) {
+    const char* p;
+    const char* eol;
+    while (lines.next(p, eol)) {
       ++line_;
-      const char* eol = static_cast<const char*>(std::memchr(p, '\n', std::size_t(end - p)));
-      if (!eol) eol = end;
       const ObjError e = parseLine(p, eol);
       if (e != ObjError::None) return e;
-      p = eol + 1;
     }
     return ObjError::None;
   }
@@ -149,58 +282,54 @@ class ObjParser {
   int badIndex() const { return badIndex_; }
 
  private:
-  static bool keyword(const char*& p, const char* eol, const char* word) {
-    const std::size_t n = std::strlen(word);
+  // Whether the line continues with `word` and a blank; if so skips both.
+  template <std::size_t N>
+  static bool keyword(const char*& p, const char* eol, const char (&word)[N]) {
+    constexpr std::size_t n = N - 1;
     if (std::size_t(eol - p) <= n || std::memcmp(p, word, n) != 0 || !isBlank(p[n])) return false;
-    p += n;
+    p += n + 1;
     return true;
   }
   ObjError parseLine(const char* p, const char* eol) {
     while (p != eol && isBlank(*p)) ++p;
-    if (keyword(p, eol, "v")) return parseFloats(p, eol, 3, 3, out_.positions);
-    if (keyword(p, eol, "vn")) return parseFloats(p, eol, 3, 3, out_.normals);
-    if (keyword(p, eol, "vt")) return parseFloats(p, eol, 1, 2, out_.uvs);
+    if (keyword(p, eol, "v")) return parseFloats<3>(p, eol, 3, &out_.positions.emplace_back().x);
+    if (keyword(p, eol, "vn")) return parseFloats<3>(p, eol, 3, &out_.normals.emplace_back().x);
+    if (keyword(p, eol, "vt")) return parseFloats<2>(p, eol, 1, &out_.uvs.emplace_back().u);
     if (keyword(p, eol, "f")) return parseFace(p, eol);
     return ObjError::None;
   }
-  // Reads `required` numbers (at most `kept` are stored, missing optional
-  // ones as 0); anything after them on the line is ignored.
-  static ObjError parseFloats(const char* p, const char* eol, int required, int kept,
-                              kx::vector<float>& out) {
-    for (int i = 0; i < kept; ++i) {
+  // Reads N numbers into out, of which the first `required` must be
+  // present (the others default to 0); the rest of the line is ignored.
+  template <int N>
+  static ObjError parseFloats(const char* p, const char* eol, int required, float* out) {
+    for (int i = 0; i < N; ++i) {
       while (p != eol && isBlank(*p)) ++p;
-      float value = 0;
-      if (p == eol && i >= required) {
-        out.push_back(0.0f);
-        continue;
-      }
-      p = parseNumber(p, eol, value);
+      out[i] = 0.0f;
+      if (p == eol && i >= required) continue;
+      p = parseFloat(p, eol, out[i]);
       if (!p || (p != eol && !isBlank(*p))) return ObjError::Number;
-      out.push_back(value);
     }
     return ObjError::None;
   }
   // Turns a 1-based or negative index into a 0-based one; -1 if invalid.
-  static int resolve(int index, int count) {
-    if (index > 0) return index <= count ? index - 1 : -1;
-    if (index < 0) return index >= -count ? count + index : -1;
+  static int resolve(int index, std::size_t count) {
+    const long long n = static_cast<long long>(count);
+    if (index > 0) return index <= n ? index - 1 : -1;
+    if (index < 0) return -static_cast<long long>(index) <= n ? static_cast<int>(n + index) : -1;
     return -1;
-  }
-  static const char* parseIndex(const char* p, const char* eol, int& index) {
-    return parseNumber(p, eol, index);
   }
   ObjError parseCorner(const char*& p, const char* eol, ObjCorner& c) {
     int v = 0, vt = 0, vn = 0;
-    p = parseIndex(p, eol, v);
+    p = parseInt(p, eol, v);
     if (!p) return ObjError::Number;
     if (p != eol && *p == '/') {
       ++p;
       if (p != eol && *p != '/') {
-        p = parseIndex(p, eol, vt);
+        p = parseInt(p, eol, vt);
         if (!p) return ObjError::Number;
       }
       if (p != eol && *p == '/') {
-        p = parseIndex(p + 1, eol, vn);
+        p = parseInt(p + 1, eol, vn);
         if (!p) return ObjError::Number;
       }
     }
@@ -208,14 +337,14 @@ class ObjParser {
     return resolveCorner(v, vt, vn, c);
   }
   ObjError resolveCorner(int v, int vt, int vn, ObjCorner& c) {
-    c.v = resolve(v, static_cast<int>(out_.positions.size() / 3));
+    c.v = resolve(v, out_.positions.size());
     if (c.v < 0) return fail(ObjError::MissingVertex, v);
     if (vt != 0) {
-      c.vt = resolve(vt, static_cast<int>(out_.uvs.size() / 2));
+      c.vt = resolve(vt, out_.uvs.size());
       if (c.vt < 0) return fail(ObjError::MissingUV, vt);
     }
     if (vn != 0) {
-      c.vn = resolve(vn, static_cast<int>(out_.normals.size() / 3));
+      c.vn = resolve(vn, out_.normals.size());
       if (c.vn < 0) return fail(ObjError::MissingNormal, vn);
     }
     return ObjError::None;
@@ -224,31 +353,36 @@ class ObjParser {
     badIndex_ = index;
     return e;
   }
+  // Emits the fan (first, previous, current) as corners arrive, so a
+  // polygon needs no storage of its own.
   ObjError parseFace(const char* p, const char* eol) {
-    polygon_.clear();
-    for (;;) {
+    reserveCorners();
+    ObjCorner first, previous;
+    for (int count = 0;; ++count) {
       while (p != eol && isBlank(*p)) ++p;
       if (p == eol) break;
       ObjCorner c;
       const ObjError e = parseCorner(p, eol, c);
       if (e != ObjError::None) return e;
-      polygon_.push_back(c);
-    }
-    for (std::size_t i = 1; i + 1 < polygon_.size(); ++i) {
-      addCorner(polygon_[0]);
-      addCorner(polygon_[i]);
-      addCorner(polygon_[i + 1]);
+      out_.anyUV |= c.vt >= 0;
+      out_.anyNormal |= c.vn >= 0;
+      if (count == 0) first = c;
+      if (count >= 2) {
+        out_.corners.push_back(first);
+        out_.corners.push_back(previous);
+        out_.corners.push_back(c);
+      }
+      previous = c;
     }
     return ObjError::None;
   }
-  void addCorner(const ObjCorner& c) {
-    out_.corners.insert(out_.corners.end(), {c.v, c.vt, c.vn});
-    out_.anyUV |= c.vt >= 0;
-    out_.anyNormal |= c.vn >= 0;
+  // On the first face, makes room for the two triangles per vertex of a
+  // typical closed mesh; only positions already read justify the size.
+  void reserveCorners() {
+    if (out_.corners.capacity() == 0) out_.corners.reserve(6 * out_.positions.size());
   }
 
   ObjContent& out_;
-  kx::vector<ObjCorner> polygon_;
   int line_ = 0;
   int badIndex_ = 0;
 };
@@ -273,67 +407,59 @@ class ObjAssembler {
   explicit ObjAssembler(const ObjContent& in) : in_(in) {}
 
   void build(CompactMesh& result) {
-    const int numPositions = static_cast<int>(in_.positions.size() / 3);
-    const int numCorners = static_cast<int>(in_.corners.size() / 3);
-    owner_.assign(numPositions, -1);
-    attribs_.assign(std::size_t(numPositions) * 2, -1);
-    triangles_.resize(numCorners);
-    for (int c = 0; c < numCorners; ++c)
-      triangles_[c] = vertexFor(&in_.corners[3 * std::size_t(c)]);
-    const int numVertices = numPositions + static_cast<int>(splitSource_.size());
-    kx::vector<MeshVertex> vertices(numVertices);
-    std::memcpy(static_cast<void*>(vertices.data()), in_.positions.data(),
-                sizeof(float) * in_.positions.size());
-    for (std::size_t s = 0; s < splitSource_.size(); ++s) {
-      vertices[numPositions + s] = vertices[splitSource_[s]];
+    CompactMesh mesh;
+    const std::size_t numCorners = in_.corners.size();
+    mesh.resizeTriangleArray(static_cast<int>(numCorners / 3));
+    int* triangles = mesh.getTrianglesRaw();
+    const bool plain = !in_.anyUV && !in_.anyNormal;
+    if (plain) {
+      for (std::size_t c = 0; c < numCorners; ++c) triangles[c] = in_.corners[c].v;
+    } else {
+      attribs_.resize(in_.positions.size());
+      for (ObjCorner& a : attribs_) a.v = -1;  // marks a position not yet used
+      for (std::size_t c = 0; c < numCorners; ++c) triangles[c] = vertexFor(in_.corners[c]);
     }
-    CompactMesh mesh(numVertices, vertices.data(), nullptr, nullptr, nullptr);
-    if (in_.anyNormal) fillNormals(mesh.allocNormalArray(), numVertices);
-    if (in_.anyUV) fillUVs(mesh.allocUVArray(), numVertices);
-    mesh.copyTriangles(numCorners / 3, triangles_.data());
+    const std::size_t numPositions = in_.positions.size();
+    const std::size_t numVertices = plain ? numPositions : attribs_.size();
+    mesh.resizeVertexArray(static_cast<int>(numVertices));
+    MeshVertex* vertices = mesh.getVertices();
+    std::copy(in_.positions.begin(), in_.positions.end(), vertices);
+    for (std::size_t i = numPositions; i < numVertices; ++i) {
+      vertices[i] = in_.positions[attribs_[i].v];
+    }
+    if (in_.anyNormal) fillNormals(mesh.allocNormalArray());
+    if (in_.anyUV) fillUVs(mesh.allocUVArray());
     result.swap(mesh);
   }
 
  private:
-  int vertexFor(const int* corner) {
-    const int v = corner[0], vt = corner[1], vn = corner[2];
-    if (owner_[v] < 0) {
-      owner_[v] = v;
-      attribs_[2 * std::size_t(v)] = vt;
-      attribs_[2 * std::size_t(v) + 1] = vn;
-      return v;
+  int vertexFor(const ObjCorner& c) {
+    ObjCorner& owner = attribs_[c.v];
+    if (owner.v < 0) {
+      owner = c;
+      return c.v;
     }
-    if (attribs_[2 * std::size_t(v)] == vt && attribs_[2 * std::size_t(v) + 1] == vn) return v;
-    const int fresh = static_cast<int>(in_.positions.size() / 3 + splitSource_.size());
-    auto inserted = split_.emplace(CornerKey{v, vt, vn}, fresh);
-    if (inserted.second) {
-      splitSource_.push_back(v);
-      attribs_.insert(attribs_.end(), {vt, vn});
-    }
+    if (owner.vt == c.vt && owner.vn == c.vn) return c.v;
+    const int fresh = static_cast<int>(attribs_.size());
+    auto inserted = split_.emplace(CornerKey{c.v, c.vt, c.vn}, fresh);
+    if (inserted.second) attribs_.push_back(c);
     return inserted.first->second;
   }
-  void fillNormals(MeshNormal* normals, int n) const {
-    for (int i = 0; i < n; ++i) {
-      const int k = attribs_[2 * std::size_t(i) + 1];
-      normals[i] =
-          k < 0 ? MeshNormal{0, 0, 0}
-                : MeshNormal{in_.normals[3 * std::size_t(k)], in_.normals[3 * std::size_t(k) + 1],
-                             in_.normals[3 * std::size_t(k) + 2]};
+  void fillNormals(MeshNormal* normals) const {
+    for (std::size_t i = 0; i < attribs_.size(); ++i) {
+      const int k = attribs_[i].vn;
+      normals[i] = k < 0 ? MeshNormal{0, 0, 0} : in_.normals[k];
     }
   }
-  void fillUVs(MeshUV* uvs, int n) const {
-    for (int i = 0; i < n; ++i) {
-      const int k = attribs_[2 * std::size_t(i)];
-      uvs[i] = k < 0 ? MeshUV{0, 0}
-                     : MeshUV{in_.uvs[2 * std::size_t(k)], in_.uvs[2 * std::size_t(k) + 1]};
+  void fillUVs(MeshUV* uvs) const {
+    for (std::size_t i = 0; i < attribs_.size(); ++i) {
+      const int k = attribs_[i].vt;
+      uvs[i] = k < 0 ? MeshUV{0, 0} : in_.uvs[k];
     }
   }
 
   const ObjContent& in_;
-  kx::vector<int> owner_;    // per position: -1 until a corner uses it
-  kx::vector<int> attribs_;  // per output vertex: (vt, vn)
-  kx::vector<int> splitSource_;
-  kx::vector<int> triangles_;
+  kx::vector<ObjCorner> attribs_;  // per output vertex: its source corner
   std::unordered_map<CornerKey, int, CornerKeyHash> split_;
 };
 
@@ -413,9 +539,9 @@ bool writeMaterialLibrary(const kx::list<kxUtil::Color>& colours, const kxOS::Fi
 }  // namespace
 
 void meshRead(CompactMesh& mesh, const kxOS::Filename& filename) {
-  std::string text;
+  FileBuffer text;
   if (!readWholeFile(filename, text)) return;
-  ScanCursor in(text.data(), text.data() + text.size());
+  ScanCursor in(text.begin(), text.end());
   const int claimedVertices = in.next<int>();
   const int claimedFaces = in.next<int>();
   const int numVertices = in.capCount(claimedVertices, kMinVertexBytes);
@@ -439,9 +565,9 @@ void meshRead(CompactMesh& mesh, const kxOS::Filename& filename) {
 }
 
 void meshRead(TopoMesh& mesh, const kxOS::Filename& filename) {
-  std::string text;
+  FileBuffer text;
   if (!readWholeFile(filename, text)) return;
-  ScanCursor in(text.data(), text.data() + text.size());
+  ScanCursor in(text.begin(), text.end());
   const int claimedVertices = in.next<int>();
   const int claimedFaces = in.next<int>();
   TopoMesh result;
@@ -506,14 +632,16 @@ void meshWrite(const TopoMesh& mesh, const kxOS::Filename& filename) {
 bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename) {
   kxOS::StopWatch watch;
   const kxString::CString name = filename.asMultibyte();
-  std::string text;
-  if (!readWholeFile(filename, text)) {
+  std::FILE* file = std::fopen(name.c_str(), "rb");
+  if (!file) {
     debugChannel().print("meshReadObj: cannot open %s\n", name.c_str());
     return false;
   }
   ObjContent content;
   ObjParser parser(content);
-  const ObjError e = parser.parse(text.data(), text.data() + text.size());
+  LineReader lines(file);
+  const ObjError e = parser.parse(lines);
+  std::fclose(file);
   if (e == ObjError::Number) {
     debugChannel().print("meshReadObj: %s line %d: cannot parse a number\n", name.c_str(),
                          parser.line());
