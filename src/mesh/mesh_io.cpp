@@ -167,20 +167,36 @@ constexpr int kMinVertexBytes = 6;  // "0 0 0\n"
 constexpr int kMinFaceBytes = 8;    // "3 0 0 0\n"
 constexpr int kMinIndexBytes = 2;   // " 0"
 
-void reportMissingVertex(const kxOS::Filename& filename, const ScanCursor& cursor, int index) {
+// Scans one corner index; false (after reporting) when it names no vertex.
+bool scanCorner(ScanCursor& in, const kxOS::Filename& filename, int numVertices, int& index) {
+  index = in.next<int>();
+  if (index >= 0 && index < numVertices) return true;
   debugChannel().print("meshRead: %s line %d: face refers to missing vertex %d\n",
-                       filename.asMultibyte().c_str(), cursor.line(), index);
+                       filename.asMultibyte().c_str(), in.line(), index);
+  return false;
 }
 
-bool isVertexIndex(int index, int numVertices) { return index >= 0 && index < numVertices; }
-
-// Reads "%f %f %f" per vertex into a vertex array.
-template <class Real, class Store>
-void scanVertices(ScanCursor& in, int count, Store store) {
-  for (int i = 0; i < count; ++i) {
+// Scans an indexed file: the header, each vertex handed to addVertex(x, y, z)
+// as Real, then readFace(cursor) once per face, which returns false to stop.
+// Counts are capped by the bytes left. False when the file cannot be opened
+// or a face stopped the scan.
+template <class Real, class AddVertex, class ReadFace>
+bool scanIndexedFile(const kxOS::Filename& filename, AddVertex addVertex, ReadFace readFace) {
+  FileBuffer text;
+  if (!readWholeFile(filename, text)) return false;
+  ScanCursor in(text.begin(), text.end());
+  const int claimedVertices = in.next<int>();
+  const int claimedFaces = in.next<int>();
+  const int numVertices = in.capCount(claimedVertices, kMinVertexBytes);
+  for (int i = 0; i < numVertices; ++i) {
     const Real x = in.next<Real>(), y = in.next<Real>(), z = in.next<Real>();
-    store(i, x, y, z);
+    addVertex(x, y, z);
   }
+  const int numFaces = in.capCount(claimedFaces, kMinFaceBytes);
+  for (int f = 0; f < numFaces; ++f) {
+    if (!readFace(in)) return false;
+  }
+  return true;
 }
 
 FILE* openForWriting(const kxOS::Filename& filename) {
@@ -539,54 +555,40 @@ bool writeMaterialLibrary(const kx::list<kxUtil::Color>& colours, const kxOS::Fi
 }  // namespace
 
 void meshRead(CompactMesh& mesh, const kxOS::Filename& filename) {
-  FileBuffer text;
-  if (!readWholeFile(filename, text)) return;
-  ScanCursor in(text.begin(), text.end());
-  const int claimedVertices = in.next<int>();
-  const int claimedFaces = in.next<int>();
-  const int numVertices = in.capCount(claimedVertices, kMinVertexBytes);
-  kx::vector<MeshVertex> vertices(numVertices);
-  scanVertices<float>(in, numVertices, [&vertices](int i, float x, float y, float z) {
-    vertices[i] = {x, y, z};
-  });
-  const int numFaces = in.capCount(claimedFaces, kMinFaceBytes);
-  kx::vector<int> triangles(3 * std::size_t(numFaces));
-  for (int f = 0; f < numFaces; ++f) {
+  kx::vector<MeshVertex> vertices;
+  kx::vector<int> triangles;
+  auto addVertex = [&vertices](float x, float y, float z) { vertices.push_back({x, y, z}); };
+  auto readFace = [&](ScanCursor& in) {
     in.next<int>();  // the corner count: always taken as three
     for (int k = 0; k < 3; ++k) {
-      const int index = in.next<int>();
-      if (!isVertexIndex(index, numVertices)) return reportMissingVertex(filename, in, index);
-      triangles[3 * std::size_t(f) + k] = index;
+      int index;
+      if (!scanCorner(in, filename, static_cast<int>(vertices.size()), index)) return false;
+      triangles.push_back(index);
     }
-  }
-  CompactMesh result(numVertices, vertices.data(), nullptr, nullptr, nullptr);
-  result.copyTriangles(numFaces, triangles.data());
+    return true;
+  };
+  if (!scanIndexedFile<float>(filename, addVertex, readFace)) return;
+  CompactMesh result(static_cast<int>(vertices.size()), vertices.data(), nullptr, nullptr, nullptr);
+  result.copyTriangles(static_cast<int>(triangles.size() / 3), triangles.data());
   mesh.swap(result);
 }
 
 void meshRead(TopoMesh& mesh, const kxOS::Filename& filename) {
-  FileBuffer text;
-  if (!readWholeFile(filename, text)) return;
-  ScanCursor in(text.begin(), text.end());
-  const int claimedVertices = in.next<int>();
-  const int claimedFaces = in.next<int>();
   TopoMesh result;
-  const int numVertices = in.capCount(claimedVertices, kMinVertexBytes);
-  scanVertices<double>(in, numVertices, [&result](int, double x, double y, double z) {
-    result.addVertex(kxLinear::Point(x, y, z));
-  });
-  const int numFaces = in.capCount(claimedFaces, kMinFaceBytes);
   kx::vector<TopoMeshVertex> corners;
-  for (int f = 0; f < numFaces; ++f) {
+  auto addVertex = [&result](double x, double y, double z) { result.addVertex({x, y, z}); };
+  auto readFace = [&](ScanCursor& in) {
     const int count = in.capCount(in.next<int>(), kMinIndexBytes);
     corners.clear();
     for (int k = 0; k < count; ++k) {
-      const int index = in.next<int>();
-      if (!isVertexIndex(index, numVertices)) return reportMissingVertex(filename, in, index);
+      int index;
+      if (!scanCorner(in, filename, result.getNumVertices(), index)) return false;
       corners.push_back(TopoMeshVertex(index));
     }
     result.addFace(corners.data(), count);  // skips faces of fewer than 3 corners
-  }
+    return true;
+  };
+  if (!scanIndexedFile<double>(filename, addVertex, readFace)) return;
   meshTwin(result);
   mesh.swap(result);
   TopoMeshModification mod(&mesh, TopoMeshModification::Topology);
