@@ -86,7 +86,8 @@ KXGEOM_API void meshWrite(const TopoMesh& mesh, const kxOS::Filename& filename);
 ///                   defined earlier in the file.
 /// A polygon of n >= 3 corners becomes n - 2 triangles fanned from its first
 /// corner; a face line with fewer than three corners adds nothing. Lines may
-/// end in LF or CRLF, and the last line needs no line end.
+/// end in LF or CRLF, and the last line needs no line end. A trailing
+/// backslash does not continue a line.
 ///
 /// One index serves position, UV and normal in the result: position i keeps
 /// index i, and every corner whose (vt, vn) pair differs from the first pair
@@ -106,7 +107,8 @@ KXGEOM_API void meshWrite(const TopoMesh& mesh, const kxOS::Filename& filename);
 /// missing %s %d\n", naming vertex, texture coordinate or normal and the
 /// index as written). On success prints "meshReadObj: %d vertices, %d
 /// triangles %f s\n".
-/// Cost: O(file size); memory O(file size).
+/// Cost: O(file size). Memory: the elements read plus a window of 1 MiB (or
+/// the longest line), not the whole file.
 KXGEOM_API bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename);
 
 /// Writes a triangle mesh as OBJ without materials: "v x y z" per vertex,

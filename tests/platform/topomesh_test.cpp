@@ -40,7 +40,8 @@ void expectConsistent(const TopoMesh& m) {
     ASSERT_TRUE(m.isLive(m.face(h)));
     const int a = m.origin(h).index, b = m.target(h).index;
     const TopoMeshHalfEdge t = m.twin(h);
-    const bool uniquePair = edges.count({b, a}) && edges.at({b, a}) == 1 && edges.at({a, b}) == 1;
+    const bool uniquePair =
+        a != b && edges.count({b, a}) && edges.at({b, a}) == 1 && edges.at({a, b}) == 1;
     if (uniquePair) {
       ASSERT_TRUE(t.isValid()) << a << "->" << b;
     }
@@ -100,6 +101,14 @@ TEST(TopoMesh, AddFaceRejectsShortOrDeadCornerLists) {
   EXPECT_FALSE(m.addFace(neg, 3).isValid());
   EXPECT_EQ(m.getNumFaces(), 0);
   EXPECT_EQ(m.getNumHalfEdges(), 0);
+
+  kxGeom::CompactMesh corrupt = kxtest::makeRandomMesh(20, 30, 4);
+  corrupt.getTriangles()[7][1] = 20;
+  corrupt.getTriangles()[9][2] = -1;
+  m.assign(corrupt);
+  EXPECT_EQ(m.getNumFaces(), 28);
+  EXPECT_EQ(m.getNumVertices(), 20);
+  expectConsistent(m);
 }
 
 TEST(TopoMesh, PolygonsFanIntoTrianglesAndNonManifoldEdgesPairOnce) {

@@ -110,9 +110,10 @@ class KXGEOM_API TopoMesh {
   TopoMesh& operator=(const TopoMesh&) = default;
   virtual ~TopoMesh() = default;
 
-  /// Exchanges every array (not the notice counters) in constant time.
+  /// Exchanges every element array (not the notice counters). [in,out] o.
+  /// O(1); cannot fail.
   void swap(TopoMesh& o) noexcept;
-  /// Removes every element.
+  /// Removes every element and frees the storage. O(1) plus the frees.
   void clear();
 
   // ---- Counts and iteration ----------------------------------------------
@@ -143,7 +144,10 @@ class KXGEOM_API TopoMesh {
     return h.index >= 0 && h.index < halfEdgeSlots() && heFace_[h.index] >= 0;
   }
 
-  // ---- Element access (preconditions: live handles) ----------------------
+  // ---- Element access --------------------------------------------------
+  // Preconditions for every accessor below: the handle is live (checked only
+  // by isLive; a dead or invalid handle reads stale or out-of-range data).
+  // Each is O(1) unless stated.
 
   const kxLinear::Point& getPoint(TopoMeshVertex v) const { return points_[v.index]; }
   void setPoint(TopoMeshVertex v, const kxLinear::Point& p) { points_[v.index] = p; }
@@ -170,7 +174,8 @@ class KXGEOM_API TopoMesh {
 
   // ---- Editing -------------------------------------------------------------
 
-  /// Adds a vertex at p and returns it. Amortised O(1).
+  /// Adds a vertex at p and returns it (never invalid). [in] p.
+  /// Amortised O(1).
   TopoMeshVertex addVertex(const kxLinear::Point& p);
   /// Adds a face with the given corners in order; its half-edges start
   /// without twins (link them with `setTwins` or `meshTwin`).
@@ -197,9 +202,10 @@ class KXGEOM_API TopoMesh {
   // ---- Conversion --------------------------------------------------------
 
   /// Replaces the contents by the vertices (widened to double) and triangles
-  /// of `mesh`, vertex i and triangle t becoming slots i and t, then links
-  /// twins as `meshTwin` does. Precondition: valid triangle indices.
-  /// O(V + T log T).
+  /// of `mesh`, vertex i becoming slot i and triangle t face t, then links
+  /// twins as `meshTwin` does. Indices are validated: a triangle naming a
+  /// missing vertex is skipped (and later triangles move down one face slot).
+  /// [in] mesh. Sends no notice. O(V + T log T).
   void assign(const CompactMesh& mesh);
   /// Fills `out` (replacing its contents, as a fresh mesh swapped in) with
   /// the live vertices in mesh order (narrowed to float) and every face split
