@@ -14,6 +14,7 @@
 #pragma once
 
 #include <kxgeom/platform/boundingbox.h>
+#include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/export.h>
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
@@ -148,6 +149,27 @@ KXGEOM_API void constructLineSegment(const kxLinear::Point& start, const kxLinea
 /// [in] line; [out] mesh; [in] t0, t1. Cost: O(1).
 KXGEOM_API void constructLineSegment(const kxLinear::ParamLine& line, CompactMesh& mesh, float t0,
                                      float t1);
+
+/// A polyline as one line strip over the given points in order (a copy of
+/// each, narrowed to float; 2D points get z = 0). With `closed` the strip
+/// returns to its first point (one more strip index, no extra vertex).
+/// [in] points; [in] closed. Returns a new mesh (never null; empty with no
+/// points). Cost: O(n).
+KXGEOM_API kx::Reference<CompactMesh> constructLineStrip(const kx::vector<kxLinear::Point>& points,
+                                                         bool closed);
+KXGEOM_API kx::Reference<CompactMesh> constructLineStrip(const kx::vector<kxLinear::Point2>& points,
+                                                         bool closed);
+KXGEOM_API kx::Reference<CompactMesh> constructLineStrip(
+    const kx::vector<kxLinear::Point2Flt>& points, bool closed);
+
+/// A stand-in for an infinite line: one line element between
+/// origin - L*d and origin + L*d, with d the unit direction and
+/// L = kInfiniteLineHalfLength, far beyond any model of interactive size.
+/// A zero direction gives a degenerate element at the origin.
+/// [in] line. Returns a new mesh (never null). Cost: O(1).
+KXGEOM_API kx::Reference<CompactMesh> constructInfiniteLine(const kxLinear::Line& line);
+/// Half-length (length units) of the segment that stands for an infinite line.
+constexpr double kInfiniteLineHalfLength = 1e6;
 
 /// The twelve edges of a box as line strips over its 8 corners (corner code:
 /// bit 0 maximum x, bit 1 maximum y, bit 2 maximum z): the bottom and top

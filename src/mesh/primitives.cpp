@@ -125,6 +125,30 @@ void rectangularCorner(const float* corner, const float* uEnd, const float* vEnd
   gridShape(o, pointOf(uEnd) - o, pointOf(vEnd) - o, 1, withNormals, uv).install(mesh);
 }
 
+kxLinear::Point planarOrSpatial(const kxLinear::Point& p) { return p; }
+template <class T>
+kxLinear::Point planarOrSpatial(const kxLinear::Tuple2<T>& p) {
+  return kxLinear::Point(p.x, p.y, 0);
+}
+
+// One line strip over `count` vertices (closed back to the first when asked).
+void setSingleStrip(CompactMesh& mesh, int count, bool closed) {
+  const int points = count + (closed && count > 0 ? 1 : 0);
+  mesh.resizeLineStripArrays(count > 0 ? 1 : 0, points);
+  if (count == 0) return;
+  mesh.getLineStripLengths()[0] = points;
+  for (int k = 0; k < points; ++k) mesh.getLineStripPoints()[k] = k % count;
+}
+
+template <class P>
+kx::Reference<CompactMesh> lineStrip(const kx::vector<P>& points, bool closed) {
+  ShapeBuffers s;
+  for (const P& p : points) s.vertices.push_back(toVertex(planarOrSpatial(p)));
+  kx::Reference<CompactMesh> mesh(new CompactMesh(s.build()));
+  setSingleStrip(*mesh, static_cast<int>(points.size()), closed);
+  return mesh;
+}
+
 // Two unit axes spanning the plane perpendicular to coordinate axis `axis`,
 // ordered so that e1 x e2 points along it.
 void planeAxes(int axis, kxLinear::Vector& e1, kxLinear::Vector& e2) {
@@ -156,10 +180,7 @@ void arcStrip(const kxLinear::Point& center, float radius, double start, double 
     s.vertices.push_back(toVertex(center + (e1 * std::cos(a) + e2 * std::sin(a)) * double(radius)));
   }
   CompactMesh mesh = s.build();
-  const int points = count + (closed ? 1 : 0);
-  mesh.resizeLineStripArrays(1, points);
-  mesh.getLineStripLengths()[0] = points;
-  for (int k = 0; k < points; ++k) mesh.getLineStripPoints()[k] = k % count;
+  setSingleStrip(mesh, count, closed);
   out.swap(mesh);
 }
 
@@ -403,6 +424,29 @@ void constructLineSegment(const kxLinear::Point& start, const kxLinear::Point& e
 
 void constructLineSegment(const kxLinear::ParamLine& line, CompactMesh& mesh, float t0, float t1) {
   constructLineSegment(line.eval(t0), line.eval(t1), mesh);
+}
+
+kx::Reference<CompactMesh> constructLineStrip(const kx::vector<kxLinear::Point>& points,
+                                              bool closed) {
+  return lineStrip(points, closed);
+}
+
+kx::Reference<CompactMesh> constructLineStrip(const kx::vector<kxLinear::Point2>& points,
+                                              bool closed) {
+  return lineStrip(points, closed);
+}
+
+kx::Reference<CompactMesh> constructLineStrip(const kx::vector<kxLinear::Point2Flt>& points,
+                                              bool closed) {
+  return lineStrip(points, closed);
+}
+
+kx::Reference<CompactMesh> constructInfiniteLine(const kxLinear::Line& line) {
+  const kxLinear::Vector reach =
+      kxLinear::normalized(line.getDirection()) * kInfiniteLineHalfLength;
+  kx::Reference<CompactMesh> mesh(new CompactMesh);
+  constructLineSegment(line.getOrigin() - reach, line.getOrigin() + reach, *mesh);
+  return mesh;
 }
 
 void constructBoxEdgeLineStrips(const BoundingBox& box, CompactMesh& mesh) {

@@ -346,6 +346,29 @@ TEST(Primitives, LineShapes) {
   EXPECT_EQ(m.getVertices()[0].asPoint(), Point(1, 2, 3));
   EXPECT_EQ(m.getVertices()[1].asPoint(), Point(2, 4, 6));
 
+  const kx::vector<kxLinear::Point2> square = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+  kx::Reference<CompactMesh> strip = kxGeom::constructLineStrip(square, true);
+  ASSERT_EQ(strip->getNumVertices(), 4);
+  ASSERT_EQ(strip->getNumLineStrips(), 1);
+  ASSERT_EQ(strip->getLineStripLengths()[0], 5);
+  EXPECT_EQ(strip->getLineStripPoints()[4], 0);
+  EXPECT_EQ(strip->getVertices()[2].asPoint(), Point(1, 1, 0));
+  const kx::vector<Point> open = {{1, 2, 3}, {4, 5, 6}};
+  strip = kxGeom::constructLineStrip(open, false);
+  EXPECT_EQ(strip->getLineStripLengths()[0], 2);
+  EXPECT_EQ(kxGeom::constructLineStrip(kx::vector<kxLinear::Point2Flt>(), true)->getNumLineStrips(),
+            0);
+  CompactMesh copy = *strip;  // a copy is a fresh, uncounted mesh
+  EXPECT_EQ(copy.referenceCount(), 0);
+  EXPECT_EQ(strip->referenceCount(), 1);
+
+  kx::Reference<CompactMesh> line =
+      kxGeom::constructInfiniteLine(kxLinear::Line({1, 1, 1}, {0, 0, 2}));
+  ASSERT_EQ(line->getNumLines(), 1);
+  EXPECT_NEAR(line->getVertices()[0].z, 1 - kxGeom::kInfiniteLineHalfLength, 1e-1);
+  EXPECT_NEAR(line->getVertices()[1].z, 1 + kxGeom::kInfiniteLineHalfLength, 1e-1);
+  EXPECT_EQ(line->getVertices()[1].x, 1.0f);
+
   kxGeom::constructBoxEdgeLineStrips(kxGeom::BoundingBox(0.f, 0.f, 0.f, 1.f, 2.f, 3.f), m);
   ASSERT_EQ(m.getNumVertices(), 8);
   ASSERT_EQ(m.getNumLineStrips(), 6);
