@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <locale>
 #include <memory>
-#include <string>
 #include <system_error>
 #include <unordered_map>
 
@@ -108,8 +108,9 @@ const char* parseFloat(const char* p, const char* end, float& value) {
   if (q != end && (*q == '-' || *q == '+')) ++q;
   std::uint32_t mantissa = 0;
   int digits = 0, fraction = 0;
-  for (; q != end && unsigned(*q - '0') < 10u && digits < 8; ++digits)
+  for (; q != end && unsigned(*q - '0') < 10u && digits < 8; ++digits) {
     mantissa = 10 * mantissa + unsigned(*q++ - '0');
+  }
   if (q != end && *q == '.') {
     for (++q; q != end && unsigned(*q - '0') < 10u && digits < 8; ++digits, ++fraction) {
       mantissa = 10 * mantissa + unsigned(*q++ - '0');
@@ -533,9 +534,17 @@ bool subsetsInRange(const CompactMesh& mesh, const kx::list<kx::Reference<MeshSu
   return true;
 }
 
+// Opens a text stream for the OBJ writers in the classic locale, so an
+// application's global locale cannot change the number format.
+bool openObjStream(const kxOS::Filename& filename, std::ofstream& os) {
+  os.open(filename.asMultibyte().c_str());
+  os.imbue(std::locale::classic());
+  return bool(os);
+}
+
 bool writeMaterialLibrary(const kx::list<kxUtil::Color>& colours, const kxOS::Filename& filename) {
-  std::ofstream os(filename.asMultibyte().c_str());
-  if (!os) return false;
+  std::ofstream os;
+  if (!openObjStream(filename, os)) return false;
   int k = 0;
   for (const kxUtil::Color& c : colours) {
     os << "newmtl mat" << k++ << "\n"
@@ -661,8 +670,8 @@ bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename) {
 }
 
 bool meshWriteObj(const CompactMesh& mesh, const kxOS::Filename& filename) {
-  std::ofstream os(filename.asMultibyte().c_str());
-  if (!os) return false;
+  std::ofstream os;
+  if (!openObjStream(filename, os)) return false;
   writeObjVertices(os, mesh);
   const bool normals = mesh.getNormals() != nullptr, uvs = mesh.getUVs() != nullptr;
   const MeshTriangle* t = mesh.getTriangles();
@@ -674,8 +683,8 @@ bool meshWriteObj(const CompactMesh& mesh, const kxOS::Filename& filename) {
 bool meshWriteObj(const CompactMesh& mesh, const kx::list<kx::Reference<MeshSubset>>& subsets,
                   const kx::list<kxUtil::Color>& colours, const kxOS::Filename& filename) {
   if (!subsetsInRange(mesh, subsets)) return false;
-  std::ofstream os(filename.asMultibyte().c_str());
-  if (!os) return false;
+  std::ofstream os;
+  if (!openObjStream(filename, os)) return false;
   os << "mtllib " << filename.baseName().c_str() << ".mtl\n";
   writeObjVertices(os, mesh);
   const bool normals = mesh.getNormals() != nullptr, uvs = mesh.getUVs() != nullptr;

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <locale>
 #include <random>
 #include <set>
 #include <sstream>
@@ -227,6 +228,17 @@ TEST_F(MeshIoTest, ObjWriterTextsAreByteExactForEveryAttributeCombination) {
     EXPECT_EQ(read(path("w.obj")), c.text);
   }
   EXPECT_FALSE(kxGeom::meshWriteObj(threeVertexMesh(), path("no/such/dir/w.obj")));
+
+  // An application's global locale must not turn "0.1" into "0,1".
+  struct CommaDecimal : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+  };
+  const std::locale previous =
+      std::locale::global(std::locale(std::locale::classic(), new CommaDecimal));
+  const bool written = kxGeom::meshWriteObj(threeVertexMesh(), path("w.obj"));
+  std::locale::global(previous);
+  ASSERT_TRUE(written);
+  EXPECT_EQ(read(path("w.obj")), cases[0].text);
 }
 
 TEST_F(MeshIoTest, ObjWriterWithMaterialsWritesSubsetsAndLibrary) {
