@@ -37,8 +37,8 @@ namespace kxGeom {
 ///
 /// [in,out] mesh: replaced on success.
 /// [in] filename: the file to read.
-/// Failure: when the file cannot be opened the mesh is left unchanged and
-/// nothing is printed. When a face index lies outside [0, vertex count) the
+/// Failure: when the file cannot be opened or read the mesh is left
+/// unchanged and nothing is printed. When a face index lies outside [0, vertex count) the
 /// mesh is left unchanged and one line "meshRead: %s line %d: face refers to
 /// missing vertex %d\n" is printed on the debug channel.
 /// Cost: O(file size).
@@ -100,7 +100,7 @@ KXGEOM_API void meshWrite(const TopoMesh& mesh, const kxOS::Filename& filename);
 /// [in,out] mesh: replaced on success, untouched on failure.
 /// [in] filename: the file to read.
 /// Returns true on success. Returns false, leaving the mesh untouched and
-/// printing one debug-channel line, when the file cannot be opened
+/// printing one debug-channel line, when the file cannot be opened or read
 /// ("meshReadObj: cannot open %s\n"), a number cannot be parsed
 /// ("meshReadObj: %s line %d: cannot parse a number\n") or a face refers to
 /// an element that does not exist ("meshReadObj: %s line %d: face refers to

@@ -27,19 +27,28 @@ struct FileBuffer {
   const char* end() const { return bytes.get() + size; }
 };
 
-// Reads the whole file. False when it cannot be opened.
+// Reads the whole file. False when it cannot be opened or read.
 bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
   std::FILE* f = std::fopen(filename.asMultibyte().c_str(), "rb");
   if (!f) return false;
-  std::size_t capacity = 0;
+  // Probe before trusting any size: a directory opens but cannot be read.
+  const int first = std::fgetc(f);
+  if (first == EOF && std::ferror(f)) {
+    std::fclose(f);
+    return false;
+  }
+  if (first != EOF) std::ungetc(first, f);
+  // The size is a hint only, capped because some names report sizes that
+  // are not theirs (a directory claims an enormous one); the loop grows the
+  // buffer for larger files, streams that cannot seek and files that grow.
+  constexpr long kMaxHint = 256l << 20;
+  std::size_t capacity = 1;  // one more than the hint: reaching the end needs no growth
   if (std::fseek(f, 0, SEEK_END) == 0) {
     const long size = std::ftell(f);
-    if (size > 0) capacity = std::size_t(size);
+    if (size > 0) capacity += std::size_t(std::min(size, kMaxHint));
     std::fseek(f, 0, SEEK_SET);
   }
-  // The size is a hint only: the loop also serves streams that cannot seek
-  // and files that grow while being read.
-  std::unique_ptr<char[]> data(new char[capacity + 1]);
+  std::unique_ptr<char[]> data(new char[capacity]);
   std::size_t used = 0;
   for (;;) {
     if (used == capacity) {
@@ -53,7 +62,9 @@ bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
     if (n == 0) break;
     used += n;
   }
+  const bool unreadable = std::ferror(f) != 0;  // e.g. a directory
   std::fclose(f);
+  if (unreadable) return false;
   out.bytes.swap(data);
   out.size = used;
   return true;
@@ -652,7 +663,12 @@ bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename) {
   ObjParser parser(content);
   LineReader lines(file);
   const ObjError e = parser.parse(lines);
+  const bool unreadable = std::ferror(file) != 0;  // e.g. a directory
   std::fclose(file);
+  if (unreadable) {
+    debugChannel().print("meshReadObj: cannot open %s\n", name.c_str());
+    return false;
+  }
   if (e == ObjError::Number) {
     debugChannel().print("meshReadObj: %s line %d: cannot parse a number\n", name.c_str(),
                          parser.line());

@@ -390,9 +390,12 @@ TEST_F(MeshIoTest, ObjFailuresReturnFalseLeaveMeshAndLogOneLineWithLineNumber) {
   CompactMesh m = kxtest::makeGrid(1, 1);
   kxtest::LogCapture log;
   EXPECT_FALSE(kxGeom::meshReadObj(m, path("absent.obj")));
+  EXPECT_FALSE(kxGeom::meshReadObj(m, dir_.string()));  // a directory opens but cannot be read
+  kxGeom::meshRead(m, dir_.string());
   EXPECT_EQ(m.getNumTriangles(), 2);
-  ASSERT_EQ(log.lines().size(), 1u);
+  ASSERT_EQ(log.lines().size(), 2u);
   EXPECT_NE(log.lines()[0].find("cannot open"), std::string::npos);
+  EXPECT_NE(log.lines()[1].find("cannot open"), std::string::npos);
 }
 
 TEST_F(MeshIoTest, MutatedFilesNeverYieldOutOfRangeIndices) {
