@@ -27,3 +27,6 @@
 #include <kxgeom/predicates.h>
 #include <kxgeom/query_shapes.h>
 #include <kxgeom/weld.h>
+#include <kxgeom/platform/topomesh.h>
+#include <kxgeom/mesh_io.h>
+#include <kxgeom/primitives.h>
