@@ -18,6 +18,7 @@
 #include <kxgeom/platform/export.h>
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
+#include <kxgeom/platform/polyline.h>
 #include <kxgeom/platform/topomesh.h>
 
 namespace kxGeom {
@@ -190,5 +191,16 @@ KXGEOM_API void constructQuadCube(const float* const range, TopoMesh& mesh);
 /// Returns a new mesh owned by the caller (never null). Cost: O(4^level).
 KXGEOM_API TopoMesh* constructSubdividedOctahedron(const kxLinear::ParamPlane& plane, int level,
                                                    double radius);
+
+/// The convex region inside `boundary`, as a fan of triangles from its first
+/// vertex in the z = 0 plane, wound to face +z whatever the boundary's
+/// direction, with normals (0, 0, 1). A closing vertex that repeats the first
+/// is not duplicated. Fewer than three distinct vertices give a mesh with the
+/// vertices and no triangles. The boundary is not checked for convexity: a
+/// concave one gives overlapping triangles.
+/// [in] boundary  the convex outline. Returns a new mesh (never null).
+/// Cost: O(n).
+KXGEOM_API kx::Reference<CompactMesh> constructPolygonFromConvexBoundary(
+    const Polyline2d& boundary);
 
 }  // namespace kxGeom

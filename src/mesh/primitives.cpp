@@ -502,4 +502,29 @@ TopoMesh* constructSubdividedOctahedron(const kxLinear::ParamPlane& plane, int l
   return mesh;
 }
 
+kx::Reference<CompactMesh> constructPolygonFromConvexBoundary(const Polyline2d& boundary) {
+  int n = boundary.getNumVertices();
+  if (n > 1 && boundary.getVertex(n - 1) == boundary.getVertex(0)) --n;
+  ShapeBuffers s;
+  double twiceArea = 0.0;
+  for (int i = 0; i < n; ++i) {
+    const kxLinear::Point2& p = boundary.getVertex(i);
+    const kxLinear::Point2& q = boundary.getVertex((i + 1) % n);
+    twiceArea += p.x * q.y - q.x * p.y;
+    s.vertices.push_back({float(p.x), float(p.y), 0.0f});
+    s.normals.push_back({0.0f, 0.0f, 1.0f});
+  }
+  const bool counterClockwise = twiceArea >= 0.0;
+  for (int i = 1; i + 1 < n; ++i) {
+    if (counterClockwise) {
+      s.addTriangle(0, i, i + 1);
+    } else {
+      s.addTriangle(0, i + 1, i);
+    }
+  }
+  kx::Reference<CompactMesh> mesh(new CompactMesh);
+  s.install(*mesh);
+  return mesh;
+}
+
 }  // namespace kxGeom

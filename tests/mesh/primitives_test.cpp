@@ -1,6 +1,7 @@
 // Primitive builders: exact layouts where they are fixed, and for every
 // shape orientation (signed volume or winding against the written normals)
 // and closedness checked by brute force over the triangles.
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <map>
@@ -385,6 +386,29 @@ TEST(Primitives, LineShapes) {
   }
   EXPECT_EQ(seen.size(), 12u);
   for (const auto& e : seen) EXPECT_EQ(e.second, 1);
+}
+
+TEST(Primitives, ConvexPolygonFacesUpWhateverTheBoundaryDirection) {
+  // A regular hexagon of circumradius 2, given both ways round and with an
+  // explicit closing vertex: area 6*sqrt(3), four triangles facing +z.
+  kx::vector<kxLinear::Point2> ring;
+  for (int k = 0; k <= 6; ++k) {
+    const double a = 3.14159265358979323846 * k / 3;
+    ring.push_back({2 * std::cos(a), 2 * std::sin(a)});
+  }
+  ring.back() = ring.front();
+  for (bool reversed : {false, true}) {
+    kx::vector<kxLinear::Point2> points = ring;
+    if (reversed) std::reverse(points.begin(), points.end());
+    const auto mesh = kxGeom::constructPolygonFromConvexBoundary(kxGeom::Polyline2d(points, true));
+    ASSERT_EQ(mesh->getNumVertices(), 6);
+    ASSERT_EQ(mesh->getNumTriangles(), 4);
+    EXPECT_NEAR(area(*mesh), 6 * std::sqrt(3.0), 1e-5);
+    expectWindingMatchesNormals(*mesh);
+  }
+  const auto segment =
+      kxGeom::constructPolygonFromConvexBoundary(kxGeom::Polyline2d({{0, 0}, {1, 0}}, false));
+  EXPECT_EQ(segment->getNumTriangles(), 0);
 }
 
 }  // namespace
