@@ -109,8 +109,10 @@ TEST(PointSets, OutcodesClassificationAndRowVectorProjection) {
   for (int i = 0; i < 2000; ++i) {
     const float c[3] = {u(rng), u(rng), u(rng)}, w = std::fabs(u(rng));
     unsigned expected = 0;
-    for (int k = 0; k < 3; ++k)
-      expected |= (c[k] < -w ? 1u : 0u) << (2 * k) | (c[k] > w ? 2u : 0u) << (2 * k);
+    for (int k = 0; k < 3; ++k) {
+      if (c[k] < -w) expected |= 1u << (2 * k);
+      if (c[k] > w) expected |= 2u << (2 * k);
+    }
     ASSERT_EQ(Clip::computeOutcode(c[0], c[1], c[2], w), expected);
   }
   const ProjMatrixFlt id;
