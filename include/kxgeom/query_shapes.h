@@ -28,14 +28,17 @@ class KXGEOM_API Ray {
 
   /// Builds the ray and its slab data.
   /// [in] origin     start point (model units).
-  /// [in] direction  direction; need not be unit length. A zero component
-  ///                 gives an infinite reciprocal, which the slab test handles.
+  /// [in] direction  direction; need not be unit length. A reciprocal that
+  ///                 would be infinite (a zero component) is stored as the
+  ///                 largest float of the same sign, so a ray lying in a box
+  ///                 face's plane counts as inside that slab (no NaN).
   /// Cost O(1). The hit parameter starts at kNoHit, the hit words at 0.
   Ray(const kxLinear::PointFlt& origin, const kxLinear::Vector& direction);
 
   const kxLinear::PointFlt& origin() const { return origin_; }
   const kxLinear::Vector& direction() const { return direction_; }
-  /// 1 / direction component k (k = 0, 1, 2), computed in double and stored as float.
+  /// 1 / direction component k (k = 0, 1, 2), computed in double and stored as
+  /// float (clamped to +-3.4028235e38).
   float reciprocal(int k) const { return reciprocal_[k]; }
   /// Box component (0..5) met first, resp. last, along axis k.
   int nearIndex(int k) const { return near_[k]; }

@@ -118,7 +118,11 @@ bool unproject(const double (&inv)[4][4], double x, double y, double z, Point& o
 Ray::Ray(const kxLinear::PointFlt& origin, const Vector& direction)
     : origin_(origin), direction_(direction) {
   for (int k = 0; k < 3; ++k) {
-    reciprocal_[k] = float(1.0 / direction[k]);
+    // A zero component would make 0 * inf = NaN for a ray lying exactly in a
+    // slab's plane (an octree split plane, typically) and lose the box; the
+    // largest float keeps such a ray inside the slab on one side.
+    const float r = float(1.0 / direction[k]);
+    reciprocal_[k] = std::isinf(r) ? std::copysign(3.4028235e38f, r) : r;
     const bool forward = reciprocal_[k] >= 0.0f;
     near_[k] = forward ? k : k + 3;
     far_[k] = forward ? k + 3 : k;
