@@ -4,6 +4,7 @@
 // the platform types included.
 #pragma once
 
+#include <kxgeom/adjacency.h>
 #include <kxgeom/platform/arrayofsets.h>
 #include <kxgeom/platform/bitvector.h>
 #include <kxgeom/platform/boundingbox.h>

@@ -501,6 +501,7 @@ class KXGEOM_API CompactMesh : public PointMesh {
   MeshArray<int> triStripLengths_, triStripPoints_;
   MeshArray<int> triFanLengths_, triFanPoints_;
   BitVector selectedTriangles_;
+  BitVector triangleSelectionBeforeShrink_;  // kept until the next notice
 };
 
 }  // namespace kxGeom
