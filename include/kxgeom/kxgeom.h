@@ -16,3 +16,6 @@
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
+#include <kxgeom/conjugate_gradient.h>
+#include <kxgeom/smoothing.h>
+#include <kxgeom/sparse.h>

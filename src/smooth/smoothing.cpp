@@ -1,0 +1,180 @@
+#include <kxgeom/smoothing.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include <kxgeom/platform/linear.h>
+
+namespace kxGeom {
+
+namespace {
+
+/// A new position waiting for the end of the pass.
+struct StagedVertex {
+  int index;
+  float x, y, z;
+};
+
+/// How often, in selected vertices, a pass polls its progress.
+constexpr int kPollInterval = 1000;
+
+/// Runs one staged pass: computes `newPosition(v)` for every selected vertex
+/// in index order from the unmodified mesh, then writes all results back and
+/// sends the type-0 notice. Returns early, writing nothing, when cancelled.
+template <class NewPosition>
+void smoothSelected(CompactMesh& mesh, const MeshAdjVertices& adjacency, kxUtil::Progress& progress,
+                    NewPosition&& newPosition) {
+  const BitVector& selection = mesh.getSelectedVertices();
+  const int n = mesh.getNumVertices();
+  if (adjacency.getNumVertices() != n) return;
+  const int end = std::min(n, selection.size());
+  const int numSelected = selection.countSetBits();
+  kx::vector<StagedVertex> staged(static_cast<std::size_t>(numSelected));
+  int done = 0;
+  for (int v = 0; v < end; ++v) {
+    if (done % kPollInterval == 0) {
+      if (progress.cancelled()) return;
+      progress.set((done + 1) / double(numSelected));
+    }
+    if (!selection.isBitSet(v)) continue;
+    const MeshVertex p = newPosition(v);
+    staged[done++] = {v, p.x, p.y, p.z};
+  }
+  MeshVertex* vertices = mesh.getVertices();
+  for (int i = 0; i < done; ++i)
+    vertices[staged[i].index].set(staged[i].x, staged[i].y, staged[i].z);
+  MeshModification mod(&mesh, MeshModification::PositionsChanged, nullptr);
+  mesh.modified(mod);
+}
+
+/// Gathers, depth-first from a centre vertex, the vertices within a radius
+/// that are connected to the centre through such vertices, with their squared
+/// distances and heights over the centre's tangent plane. The visit stamps
+/// are reused across centres; they are cleared only when the stamp wraps.
+class NeighbourhoodWalker {
+ public:
+  NeighbourhoodWalker(const CompactMesh& mesh, const MeshAdjVertices& adjacency, double radius)
+      : radius2_(radius * radius),
+        vertices_(mesh.getVertices()),
+        adjacency_(adjacency),
+        stamps_(static_cast<std::size_t>(mesh.getNumVertices()), 0) {
+    stack_.reserve(1000);
+    distances2_.reserve(1000);
+    heights_.reserve(1000);
+  }
+
+  /// Fills distances2() and heights() for the centre v on `plane`.
+  void gather(int v, const kxLinear::Plane& plane) {
+    nextStamp();
+    centre_ = plane.getPoint();
+    distances2_.clear();
+    heights_.clear();
+    stamps_[v] = stamp_;
+    pushNeighbours(v);
+    while (!stack_.empty()) {
+      const Entry e = stack_.back();
+      stack_.pop_back();
+      distances2_.push_back(e.distance2);
+      heights_.push_back(plane.eval(vertices_[e.vertex].asPoint()));
+      pushNeighbours(e.vertex);
+    }
+  }
+  const kx::vector<double>& distances2() const { return distances2_; }
+  const kx::vector<double>& heights() const { return heights_; }
+
+ private:
+  struct Entry {
+    int vertex;
+    double distance2;
+  };
+
+  void nextStamp() {
+    stamp_ = static_cast<int>(static_cast<unsigned>(stamp_) + 1u);
+    if (stamp_ == -1) {
+      std::fill(stamps_.begin(), stamps_.end(), 0);
+      stamp_ = 1;
+    }
+  }
+  void pushNeighbours(int v) {
+    const int count = adjacency_.numAdjVertices(v);
+    const int* neighbours = adjacency_.adjVertices(v);
+    for (int j = 0; j < count; ++j) {
+      const int w = neighbours[j];
+      if (stamps_[w] == stamp_) continue;
+      stamps_[w] = stamp_;
+      const double d2 = (vertices_[w].asPoint() - centre_).length2();
+      if (d2 <= radius2_) stack_.push_back({w, d2});
+    }
+  }
+
+  double radius2_;
+  kx::vector<Entry> stack_;
+  kxLinear::Point centre_;
+  const MeshVertex* vertices_;
+  const MeshAdjVertices& adjacency_;
+  kx::vector<int> stamps_;
+  int stamp_ = 1;
+  kx::vector<double> distances2_;
+  kx::vector<double> heights_;
+};
+
+/// The height, over the tangent plane, to which the bilateral filter moves
+/// the centre; 0 when the neighbourhood is empty, flat or has no weight.
+double bilateralOffset(const kx::vector<double>& distances2, const kx::vector<double>& heights,
+                       double sigma) {
+  const std::size_t m = heights.size();
+  if (m == 0) return 0.0;
+  double mean = 0.0;
+  for (double h : heights) mean += h;
+  mean /= double(m);
+  double deviation2 = 0.0;
+  for (double h : heights) deviation2 += (h - mean) * (h - mean);
+  const double variance = (1.0 / double(m)) * deviation2;
+  if (variance < kxLinear::epsilonTol) return 0.0;
+  double sum = 0.0, norm = 0.0;
+  for (std::size_t i = 0; i < m; ++i) {
+    const double wc = std::exp(-distances2[i] / (2.0 * sigma * sigma));
+    const double ws = std::exp(-heights[i] * heights[i] / (2.0 * variance));
+    sum += wc * ws * heights[i];
+    norm += wc * ws;
+  }
+  if (std::fabs(norm) < kxLinear::epsilonTol) return 0.0;
+  return sum / norm;
+}
+
+}  // namespace
+
+void meshSmoothLaplacian(CompactMesh& mesh, const MeshAdjVertices& adjacency,
+                         kxUtil::Progress& progress) {
+  const MeshVertex* vertices = mesh.getVertices();
+  smoothSelected(mesh, adjacency, progress, [&](int v) {
+    const int count = adjacency.numAdjVertices(v);
+    const int* neighbours = adjacency.adjVertices(v);
+    float x = 0.0f, y = 0.0f, z = 0.0f;
+    for (int j = 0; j < count; ++j) {
+      const MeshVertex& q = vertices[neighbours[j]];
+      x += q.x;
+      y += q.y;
+      z += q.z;
+    }
+    return MeshVertex{x / count, y / count, z / count};
+  });
+}
+
+void meshSmoothBilateral(CompactMesh& mesh, const MeshAdjVertices& adjacency, double sigma,
+                         kxUtil::Progress& progress) {
+  const MeshNormal* normals = mesh.getNormals();
+  if (!normals) return;
+  const MeshVertex* vertices = mesh.getVertices();
+  NeighbourhoodWalker walker(mesh, adjacency, sigma);
+  smoothSelected(mesh, adjacency, progress, [&](int v) {
+    const kxLinear::Plane plane(vertices[v].asPoint(), normals[v].asVector());
+    walker.gather(v, plane);
+    const double offset = bilateralOffset(walker.distances2(), walker.heights(), sigma);
+    MeshVertex moved = vertices[v];
+    if (offset != 0.0) moved.set((plane.getPoint() + plane.getNormal() * offset).data());
+    return moved;
+  });
+}
+
+}  // namespace kxGeom
