@@ -23,23 +23,53 @@ inline double rowTimes(const RowView& a, int i, const double* x) {
   return sum;
 }
 
+/// Calls finish(i, (A x)[i]) for i from n - 1 down to 0, every row summed in
+/// stored order. Four rows are summed side by side: each row's sum is a chain
+/// of dependent additions, and interleaving four independent chains keeps the
+/// floating-point units busy without changing any sum.
+template <class Finish>
+void rowProductsDescending(const RowView& a, int n, const double* x, Finish&& finish) {
+  int i = n - 1;
+  for (; i >= 3; i -= 4) {
+    const int e0 = a.start[i], e1 = a.start[i - 1], e2 = a.start[i - 2], e3 = a.start[i - 3];
+    const int l0 = a.start[i + 1] - e0, l1 = e0 - e1, l2 = e1 - e2, l3 = e2 - e3;
+    const int common = std::min(std::min(l0, l1), std::min(l2, l3));
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+    for (int k = 0; k < common; ++k) {
+      s0 += a.value[e0 + k] * x[a.column[e0 + k]];
+      s1 += a.value[e1 + k] * x[a.column[e1 + k]];
+      s2 += a.value[e2 + k] * x[a.column[e2 + k]];
+      s3 += a.value[e3 + k] * x[a.column[e3 + k]];
+    }
+    for (int k = common; k < l0; ++k) s0 += a.value[e0 + k] * x[a.column[e0 + k]];
+    for (int k = common; k < l1; ++k) s1 += a.value[e1 + k] * x[a.column[e1 + k]];
+    for (int k = common; k < l2; ++k) s2 += a.value[e2 + k] * x[a.column[e2 + k]];
+    for (int k = common; k < l3; ++k) s3 += a.value[e3 + k] * x[a.column[e3 + k]];
+    finish(i, s0);
+    finish(i - 1, s1);
+    finish(i - 2, s2);
+    finish(i - 3, s3);
+  }
+  for (; i >= 0; --i) finish(i, rowTimes(a, i, x));
+}
+
 /// q = A p and, in the same pass, p . q summed from the last index down.
 double multiplyAndDot(const RowView& a, int n, const double* p, double* q) {
   double pq = 0.0;
-  for (int i = n - 1; i >= 0; --i) {
-    q[i] = rowTimes(a, i, p);
-    pq += p[i] * q[i];
-  }
+  rowProductsDescending(a, n, p, [&](int i, double s) {
+    q[i] = s;
+    pq += p[i] * s;
+  });
   return pq;
 }
 
 /// r = b - A x and, in the same pass, r . r summed from the last index down.
 double residualAndNorm(const RowView& a, int n, const double* b, const double* x, double* r) {
   double rr = 0.0;
-  for (int i = n - 1; i >= 0; --i) {
-    r[i] = b[i] - rowTimes(a, i, x);
+  rowProductsDescending(a, n, x, [&](int i, double s) {
+    r[i] = b[i] - s;
     rr += r[i] * r[i];
-  }
+  });
   return rr;
 }
 
