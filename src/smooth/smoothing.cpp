@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include <kxgeom/platform/linear.h>
+#include <kxgeom/platform/threads.h>
 
 namespace kxGeom {
 
@@ -15,15 +17,25 @@ struct StagedVertex {
   float x, y, z;
 };
 
+/// Four floats added lane by lane (GCC and Clang vector extension).
+typedef float Float4 __attribute__((vector_size(16)));
+
 /// How often, in selected vertices, a pass polls its progress.
 constexpr int kPollInterval = 1000;
 
+/// Selected vertices computed per parallel block. The walk and its polls run
+/// on the calling thread, a block at a time, so a cancel is seen within one
+/// block's work and the polls happen exactly as in a plain sequential walk.
+constexpr int kBlock = 64 * kPollInterval;
+
 /// Runs one staged pass: computes `newPosition(v)` for every selected vertex
-/// in index order from the unmodified mesh, then writes all results back and
-/// sends the type-0 notice. Returns early, writing nothing, when cancelled.
+/// from the unmodified mesh, block by block on `pool` (every vertex is
+/// computed independently, so the result does not depend on the thread
+/// count), then writes all results back in increasing vertex order and sends
+/// the type-0 notice. Returns early, writing nothing, when cancelled.
 template <class NewPosition>
 void smoothSelected(CompactMesh& mesh, const MeshAdjVertices& adjacency, kxUtil::Progress& progress,
-                    NewPosition&& newPosition) {
+                    kxUtil::ThreadPool& pool, NewPosition&& newPosition) {
   const BitVector& selection = mesh.getSelectedVertices();
   const int n = mesh.getNumVertices();
   if (adjacency.getNumVertices() != n) return;
@@ -31,14 +43,21 @@ void smoothSelected(CompactMesh& mesh, const MeshAdjVertices& adjacency, kxUtil:
   const int numSelected = selection.countSetBits();
   kx::vector<StagedVertex> staged(static_cast<std::size_t>(numSelected));
   int done = 0;
-  for (int v = 0; v < end; ++v) {
-    if (done % kPollInterval == 0) {
-      if (progress.cancelled()) return;
-      progress.set((done + 1) / double(numSelected));
+  for (int v = 0; v < end;) {
+    const int blockBegin = done;
+    for (; v < end && done - blockBegin < kBlock; ++v) {
+      if (done % kPollInterval == 0) {
+        if (progress.cancelled()) return;
+        progress.set((done + 1) / double(numSelected));
+      }
+      if (selection.isBitSet(v)) staged[done++].index = v;
     }
-    if (!selection.isBitSet(v)) continue;
-    const MeshVertex p = newPosition(v);
-    staged[done++] = {v, p.x, p.y, p.z};
+    kxUtil::forEachRange(pool, done - blockBegin, [&](int, int b, int e) {
+      for (StagedVertex* s = &staged[blockBegin + b]; s != &staged[0] + blockBegin + e; ++s) {
+        const MeshVertex p = newPosition(s->index);
+        s->x = p.x, s->y = p.y, s->z = p.z;
+      }
+    });
   }
   MeshVertex* vertices = mesh.getVertices();
   for (int i = 0; i < done; ++i)
@@ -147,17 +166,27 @@ double bilateralOffset(const kx::vector<double>& distances2, const kx::vector<do
 void meshSmoothLaplacian(CompactMesh& mesh, const MeshAdjVertices& adjacency,
                          kxUtil::Progress& progress) {
   const MeshVertex* vertices = mesh.getVertices();
-  smoothSelected(mesh, adjacency, progress, [&](int v) {
+  const int lastVertex = mesh.getNumVertices() - 1;
+  smoothSelected(mesh, adjacency, progress, kxUtil::ThreadPool::get(), [&](int v) {
     const int count = adjacency.numAdjVertices(v);
     const int* neighbours = adjacency.adjVertices(v);
-    float x = 0.0f, y = 0.0f, z = 0.0f;
+    // x, y and z summed in the lanes of one 4-float vector: each lane adds
+    // exactly as a scalar float sum would, in the same order. A vertex is
+    // loaded with the next vertex's x as a fourth (ignored) float, except the
+    // last vertex, which has no successor to read.
+    Float4 sum = {0.0f, 0.0f, 0.0f, 0.0f};
     for (int j = 0; j < count; ++j) {
-      const MeshVertex& q = vertices[neighbours[j]];
-      x += q.x;
-      y += q.y;
-      z += q.z;
+      const int w = neighbours[j];
+      Float4 q;
+      if (w < lastVertex) {
+        std::memcpy(&q, &vertices[w], sizeof q);
+      } else {
+        q = Float4{vertices[w].x, vertices[w].y, vertices[w].z, 0.0f};
+      }
+      sum += q;
     }
-    return MeshVertex{x / count, y / count, z / count};
+    const Float4 average = sum / float(count);
+    return MeshVertex{average[0], average[1], average[2]};
   });
 }
 
@@ -167,14 +196,17 @@ void meshSmoothBilateral(CompactMesh& mesh, const MeshAdjVertices& adjacency, do
   if (!normals) return;
   const MeshVertex* vertices = mesh.getVertices();
   NeighbourhoodWalker walker(mesh, adjacency, sigma);
-  smoothSelected(mesh, adjacency, progress, [&](int v) {
-    const kxLinear::Plane plane(vertices[v].asPoint(), normals[v].asVector());
-    walker.gather(v, plane);
-    const double offset = bilateralOffset(walker.distances2(), walker.heights(), sigma);
-    MeshVertex moved = vertices[v];
-    if (offset != 0.0) moved.set((plane.getPoint() + plane.getNormal() * offset).data());
-    return moved;
-  });
+  // One walker, hence one visit-stamp array, for the whole pass: the pass
+  // runs on the calling thread.
+  smoothSelected(
+      mesh, adjacency, progress, kxUtil::ThreadPool::getSingleThreadedPool(), [&](int v) {
+        const kxLinear::Plane plane(vertices[v].asPoint(), normals[v].asVector());
+        walker.gather(v, plane);
+        const double offset = bilateralOffset(walker.distances2(), walker.heights(), sigma);
+        MeshVertex moved = vertices[v];
+        if (offset != 0.0) moved.set((plane.getPoint() + plane.getNormal() * offset).data());
+        return moved;
+      });
 }
 
 }  // namespace kxGeom

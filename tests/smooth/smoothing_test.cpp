@@ -158,6 +158,38 @@ TEST(LaplacianSmoothingTest, HandComputedCornersAndRepeatedPasses) {
   EXPECT_EQ(twice.getModificationCount(), once.getModificationCount());
 }
 
+TEST(LaplacianSmoothingTest, ResultsDoNotDependOnTheThreadCount) {
+  // Large enough for several parallel blocks of selected vertices.
+  CompactMesh base = noisyGrid(400, 400, 0.3f, 21);
+  MeshAdjVertices adjacency;
+  buildAdjacency(base, adjacency);
+  std::mt19937 rng(2);
+  for (int v = 0; v < base.getNumVertices(); ++v) {
+    if (rng() % 5 != 0) base.getSelectedVertices().setBit(v);
+  }
+  // The polls of a sequential walk: at every vertex while the count of
+  // selected vertices done is a multiple of 1000.
+  int expectedPolls = 0;
+  for (int v = 0, done = 0; v < base.getNumVertices(); ++v) {
+    expectedPolls += done % 1000 == 0;
+    done += base.getSelectedVertices().isBitSet(v) != 0;
+  }
+  std::vector<std::vector<MeshVertex>> results;
+  for (int threads : {1, 3, 8}) {
+    kxUtil::ThreadPool::setNumThreads(threads);
+    CompactMesh mesh = base;
+    CountingProgress progress;
+    kxGeom::meshSmoothLaplacian(mesh, adjacency, progress);
+    EXPECT_EQ(progress.polls, expectedPolls);
+    results.push_back(positions(mesh));
+  }
+  kxUtil::ThreadPool::setNumThreads(0);
+  for (std::size_t k = 1; k < results.size(); ++k) {
+    EXPECT_EQ(0, std::memcmp(results[0].data(), results[k].data(),
+                             results[0].size() * sizeof(MeshVertex)));
+  }
+}
+
 TEST(SmoothingProgressTest, PollsEveryThousandSelectedVerticesAndCancelsCleanly) {
   CompactMesh mesh = noisyGrid(49, 49, 0.2f, 11);  // 2500 vertices
   MeshAdjVertices adjacency;
