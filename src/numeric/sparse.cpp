@@ -126,8 +126,12 @@ double SparseMatrix::vectorDotMatrixTimesVector(const NVector& u, const NVector&
 
 void SparseMatrix::getUpperTriangular(SparseMatrix& U) const {
   for (int i = 0; i < n_; ++i) {
+    kx::vector<SparseElement>& out = U.rows_[i];
+    std::size_t count = 0;
+    for (const SparseElement& e : rows_[i]) count += e.column >= i;
+    out.reserve(out.size() + count);
     for (const SparseElement& e : rows_[i]) {
-      if (e.column >= i) U.rows_[i].push_back(e);
+      if (e.column >= i) out.push_back(e);
     }
   }
 }
@@ -272,7 +276,11 @@ void IncompleteCholeskyPreconditioner::factorize() {
       if (e.column > i) ++columnStart[e.column + 1];
     }
   }
-  for (int k = 0; k < n; ++k) columnStart[k + 1] += columnStart[k];
+  for (int k = 0; k < n; ++k) {
+    // Row k of L receives column k's strict upper entries and the diagonal.
+    L_.mutableRow(k).reserve(std::size_t(columnStart[k + 1]) + 1);
+    columnStart[k + 1] += columnStart[k];
+  }
   kx::vector<int> columnRows(static_cast<std::size_t>(columnStart[n]));
   kx::vector<int> next(columnStart.begin(), columnStart.end() - 1);
   for (int i = 0; i < n; ++i) {
