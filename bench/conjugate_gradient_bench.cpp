@@ -137,17 +137,23 @@ void timeIterations(benchmark::State& state, Kind kind, Peer* peer) {
   }
 }
 
-void BM_KxIncompleteCholeskyBuild(benchmark::State& state) {
-  SparseMatrix A(system().n);
-  fill(A);
+/// Times building a Factor (a preconditioner) from A and records the mean.
+template <class Factor, class Matrix>
+void timeBuilds(benchmark::State& state, const Matrix& A, const char* name) {
   CpuTimer timer;
   for (auto _ : state) {
     timer.start();
-    IncompleteCholeskyPreconditioner ic(A);
+    Factor factor(A);
     timer.stop();
-    benchmark::DoNotOptimize(&ic);
+    benchmark::DoNotOptimize(&factor);
   }
-  results()["kx IC build"] = timer.total() / double(state.iterations());
+  results()[name] = timer.total() / double(state.iterations());
+}
+
+void BM_KxIncompleteCholeskyBuild(benchmark::State& state) {
+  SparseMatrix A(system().n);
+  fill(A);
+  timeBuilds<IncompleteCholeskyPreconditioner>(state, A, "kx IC build");
 }
 BENCHMARK(BM_KxIncompleteCholeskyBuild)->Unit(benchmark::kMillisecond);
 
@@ -191,15 +197,7 @@ class EigenRun {
 };
 
 void BM_EigenIncompleteCholeskyBuild(benchmark::State& state) {
-  const EigenMatrix A = eigenMatrix();
-  CpuTimer timer;
-  for (auto _ : state) {
-    timer.start();
-    EigenIC ic(A);
-    timer.stop();
-    benchmark::DoNotOptimize(&ic);
-  }
-  results()["peer IC build"] = timer.total() / double(state.iterations());
+  timeBuilds<EigenIC>(state, eigenMatrix(), "peer IC build");
 }
 BENCHMARK(BM_EigenIncompleteCholeskyBuild)->Unit(benchmark::kMillisecond);
 #endif

@@ -68,9 +68,16 @@ NVector rightHandSide(int n) {
 
 enum class Kind { None, Diagonal, IncompleteCholesky };
 
-void preconditionSolver(ConjugateGradient& cg, Kind kind) {
-  if (kind == Kind::Diagonal) cg.initDiagonalPreconditioner();
-  if (kind == Kind::IncompleteCholesky) cg.initIncompleteCholeskyPreconditioner();
+/// A solver for L + 0.01 I of the mesh with the given preconditioner,
+/// initialised with rightHandSide(n) and x0 = 0.
+std::unique_ptr<ConjugateGradient> laplacianSolver(const kxGeom::CompactMesh& mesh, Kind kind) {
+  const int n = mesh.getNumVertices();
+  auto cg = std::make_unique<ConjugateGradient>(n);
+  assembleLaplacian(mesh, 0.01, cg->A());
+  if (kind == Kind::Diagonal) cg->initDiagonalPreconditioner();
+  if (kind == Kind::IncompleteCholesky) cg->initIncompleteCholeskyPreconditioner();
+  cg->initialize(rightHandSide(n), NVector(n));
+  return cg;
 }
 
 /// Runs until done; returns the final status code. The breakdown tolerance
@@ -88,11 +95,9 @@ TEST(ConjugateGradientTest, MeshLaplacianSystemsMatchADirectSolve) {
     const int n = mesh.getNumVertices();
     int iterations[3] = {0, 0, 0};
     for (Kind kind : {Kind::None, Kind::Diagonal, Kind::IncompleteCholesky}) {
-      ConjugateGradient cg(n);
-      assembleLaplacian(mesh, 0.01, cg.A());
-      preconditionSolver(cg, kind);
+      const std::unique_ptr<ConjugateGradient> solver = laplacianSolver(mesh, kind);
+      ConjugateGradient& cg = *solver;
       const NVector b = rightHandSide(n);
-      cg.initialize(b, NVector(n));
       ASSERT_EQ(solve(cg, 1e-10), ConjugateGradient::Converged);
       const std::vector<double> exact = denseSolve(cg.A(), b);
       double scale = 0.0, error = 0.0;
@@ -168,11 +173,9 @@ TEST(ConjugateGradientTest, IterationsAreReproducibleBitForBit) {
   const kxGeom::IncompleteCholeskyPreconditioner ic(A);
   const kxGeom::Preconditioner* references[] = {nullptr, &diagonal, &ic};
   for (Kind kind : {Kind::None, Kind::Diagonal, Kind::IncompleteCholesky}) {
-    ConjugateGradient cg(n);
-    assembleLaplacian(mesh, 0.01, cg.A());
-    preconditionSolver(cg, kind);
+    const std::unique_ptr<ConjugateGradient> solver = laplacianSolver(mesh, kind);
+    ConjugateGradient& cg = *solver;
     const NVector b = rightHandSide(n);
-    cg.initialize(b, NVector(n));
     ReferenceSolver reference(A, references[int(kind)], b);
     for (int it = 1; it <= 60; ++it) {  // crosses the exact recompute at 50
       ASSERT_EQ(cg.iterate(0.0, 0.0).code(), ConjugateGradient::Continue) << it;

@@ -65,6 +65,14 @@ CompactMesh noisyGrid(int nx, int ny, float noise, unsigned seed) {
   return mesh;
 }
 
+/// Selects each vertex with probability (skipOneIn - 1) / skipOneIn.
+void selectRandomly(CompactMesh& mesh, unsigned seed, unsigned skipOneIn) {
+  std::mt19937 rng(seed);
+  for (int v = 0; v < mesh.getNumVertices(); ++v) {
+    if (rng() % skipOneIn != 0) mesh.getSelectedVertices().setBit(v);
+  }
+}
+
 /// Counts polls and records the fractions set; cancels from poll `cancelAt`
 /// on (never when negative).
 class RecordingProgress : public kxUtil::Progress {
@@ -91,10 +99,7 @@ TEST(LaplacianSmoothingTest, SelectedVerticesMoveToTheAverageOfOldPositions) {
   CompactMesh mesh = noisyGrid(12, 10, 0.3f, 3);
   MeshAdjVertices adjacency;
   buildAdjacency(mesh, adjacency);
-  std::mt19937 rng(5);
-  for (int v = 0; v < mesh.getNumVertices(); ++v) {
-    if (rng() % 3 != 0) mesh.getSelectedVertices().setBit(v);
-  }
+  selectRandomly(mesh, 5, 3);
   const std::vector<MeshVertex> old = positions(mesh);
   const int notices = mesh.getModificationCount();
   kxUtil::Progress progress;
@@ -163,10 +168,7 @@ TEST(LaplacianSmoothingTest, ResultsDoNotDependOnTheThreadCount) {
   CompactMesh base = noisyGrid(400, 400, 0.3f, 21);
   MeshAdjVertices adjacency;
   buildAdjacency(base, adjacency);
-  std::mt19937 rng(2);
-  for (int v = 0; v < base.getNumVertices(); ++v) {
-    if (rng() % 5 != 0) base.getSelectedVertices().setBit(v);
-  }
+  selectRandomly(base, 2, 5);
   // The polls of a sequential walk: at every vertex while the count of
   // selected vertices done is a multiple of 1000.
   int expectedPolls = 0;
