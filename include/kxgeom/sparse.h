@@ -201,7 +201,9 @@ class KXGEOM_API IncompleteCholeskyPreconditioner : public Preconditioner {
   /// one of visiting every earlier row, bit for bit.
   /// \param A [in] a square matrix, normally symmetric positive definite.
   /// Failure: none; a zero or negative pivot yields infinities or NaNs.
-  /// Cost: O(n + sum over rows of (row length)^2) time, O(n + nnz) memory.
+  /// Cost: O(n + sum over rows of (row length)^2) time, O(n + nnz) memory;
+  /// a row left holding an infinity or NaN is visited for every later row,
+  /// adding O(n * its length) each.
   explicit IncompleteCholeskyPreconditioner(const SparseMatrix& A);
   ~IncompleteCholeskyPreconditioner() override;
   /// Forward substitution with L, then backward substitution with U.
