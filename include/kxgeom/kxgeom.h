@@ -5,7 +5,6 @@
 #pragma once
 
 #include <kxgeom/adjacency.h>
-#include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/platform/arrayofsets.h>
 #include <kxgeom/platform/bitvector.h>
 #include <kxgeom/platform/boundingbox.h>
@@ -17,5 +16,6 @@
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
+#include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/smoothing.h>
 #include <kxgeom/sparse.h>
