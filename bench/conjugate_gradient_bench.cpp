@@ -17,6 +17,7 @@
 #include <kxgeom/conjugate_gradient.h>
 
 #include "support/bench_meshes.h"
+#include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <Eigen/IterativeLinearSolvers>
@@ -239,10 +240,7 @@ void printRatio(const char* label, const std::string& ours, const std::string& t
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
+  if (kxbench::runAndPrintRatios(argc, argv, {}) != 0) return 1;
   std::printf("\nSummary, %d unknowns, %zu stored entries (CPU time, kxgeom / Eigen):\n",
               system().n, system().value.size());
   printRatio("per iteration, no preconditioner", "kx iteration 0", "");

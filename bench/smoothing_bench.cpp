@@ -4,20 +4,20 @@
 // floor for a uniform Laplacian pass) and, with KXGEOM_BENCH_PEERS, one
 // iteration of OpenMesh's JacobiLaplaceSmootherT (uniform weights, C0,
 // tangential and normal) on the same mesh. Adjacency and smoother setup are
-// built outside the timed passes. Times are wall-clock, with the shared
-// thread pool at its default size (KXGEOM_THREADS overrides it).
+// built outside the timed passes. Each variant's best wall-clock pass is
+// compared, with the shared thread pool at its default size (KXGEOM_THREADS
+// overrides it).
 #include <benchmark/benchmark.h>
 
 #include <cmath>
 #include <cstdio>
-#include <map>
-#include <string>
 #include <vector>
 
 #include <kxgeom/adjacency.h>
 #include <kxgeom/smoothing.h>
 
 #include "support/bench_meshes.h"
+#include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <OpenMesh/Core/Mesh/TriMesh_ArrayKernelT.hh>
@@ -27,11 +27,6 @@
 namespace {
 
 using namespace kxGeom;
-
-std::map<std::string, double>& results() {
-  static std::map<std::string, double> r;
-  return r;
-}
 
 /// The sphere with radial unit normals and every vertex selected.
 CompactMesh makeMesh() {
@@ -58,25 +53,18 @@ const MeshAdjVertices& adjacency(const CompactMesh& mesh) {
   return adj;
 }
 
-/// Runs `pass` once per repetition and records its mean wall-clock seconds
-/// (the Laplacian pass runs on the thread pool, so CPU time would count every
-/// thread).
+/// Times `pass` alone, once per iteration, as variant `name`.
 template <class Pass>
 void timePasses(benchmark::State& state, const char* name, Pass&& pass) {
-  double total = 0.0;
-  for (auto _ : state) {
-    kxOS::StopWatch watch;
-    pass();
-    total += watch.stop();
-  }
-  results()[name] = total / double(state.iterations());
+  kxbench::timeIterations(
+      state, name, [] { return 0; }, [&](int) { pass(); });
 }
 
 void BM_Laplacian(benchmark::State& state) {
   CompactMesh mesh = makeMesh();
   const MeshAdjVertices& adj = adjacency(mesh);
   kxUtil::Progress progress;
-  timePasses(state, "laplacian", [&] { meshSmoothLaplacian(mesh, adj, progress); });
+  timePasses(state, "kxgeom Laplacian", [&] { meshSmoothLaplacian(mesh, adj, progress); });
 }
 
 void BM_Bilateral(benchmark::State& state) {
@@ -84,7 +72,7 @@ void BM_Bilateral(benchmark::State& state) {
   const MeshAdjVertices& adj = adjacency(mesh);
   kxUtil::Progress progress;
   // About two rings of neighbours: the edge length is about pi / 707.
-  timePasses(state, "bilateral", [&] { meshSmoothBilateral(mesh, adj, 0.009, progress); });
+  timePasses(state, "kxgeom bilateral", [&] { meshSmoothBilateral(mesh, adj, 0.009, progress); });
 }
 
 void BM_PlainNeighbourAverage(benchmark::State& state) {
@@ -99,7 +87,7 @@ void BM_PlainNeighbourAverage(benchmark::State& state) {
   }
   const float* in = mesh.getVerticesRaw();
   std::vector<float> out(3 * std::size_t(n));
-  timePasses(state, "plain", [&] {
+  timePasses(state, "plain neighbour loop", [&] {
     for (int v = 0; v < n; ++v) {
       float x = 0, y = 0, z = 0;
       for (int e = start[v]; e < start[v + 1]; ++e) {
@@ -113,9 +101,9 @@ void BM_PlainNeighbourAverage(benchmark::State& state) {
   });
 }
 
-BENCHMARK(BM_Laplacian)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Bilateral)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlainNeighbourAverage)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Laplacian)->Unit(benchmark::kMillisecond)->UseManualTime();
+BENCHMARK(BM_Bilateral)->Unit(benchmark::kMillisecond)->UseManualTime();
+BENCHMARK(BM_PlainNeighbourAverage)->Unit(benchmark::kMillisecond)->UseManualTime();
 
 #ifdef KXGEOM_BENCH_PEERS
 void BM_OpenMeshJacobiLaplace(benchmark::State& state) {
@@ -135,35 +123,16 @@ void BM_OpenMeshJacobiLaplace(benchmark::State& state) {
   om.request_face_normals();
   OpenMesh::Smoother::JacobiLaplaceSmootherT<OMesh> smoother(om);
   smoother.initialize(smoother.Tangential_and_Normal, smoother.C0);
-  timePasses(state, "openmesh", [&] { smoother.smooth(1); });
+  timePasses(state, "OpenMesh JacobiLaplace", [&] { smoother.smooth(1); });
 }
-BENCHMARK(BM_OpenMeshJacobiLaplace)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OpenMeshJacobiLaplace)->Unit(benchmark::kMillisecond)->UseManualTime();
 #endif
-
-void printRatio(const char* label, const char* ours, const char* theirs) {
-  const auto a = results().find(ours), b = results().find(theirs);
-  if (a == results().end() || b == results().end()) {
-    std::printf("  %-36s n/a\n", label);
-    return;
-  }
-  std::printf("  %-36s %8.1f ms vs %8.1f ms  ratio %.3f (%.1fx)\n", label, 1e3 * a->second,
-              1e3 * b->second, a->second / b->second, b->second / a->second);
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  std::printf(
-      "\nSummary, one pass over every vertex, %d threads (wall time; ratio below 1 is faster):\n",
-      kxUtil::ThreadPool::get().numThreads());
-  printRatio("Laplacian vs plain neighbour loop", "laplacian", "plain");
-  printRatio("Laplacian vs OpenMesh JacobiLaplace", "laplacian", "openmesh");
-  const auto bilateral = results().find("bilateral");
-  if (bilateral != results().end())
-    std::printf("  %-36s %8.1f ms\n", "bilateral", 1e3 * bilateral->second);
-  return 0;
+  std::printf("Threads in the shared pool: %d\n", kxUtil::ThreadPool::get().numThreads());
+  return kxbench::runAndPrintRatios(argc, argv,
+                                    {{"kxgeom Laplacian", "plain neighbour loop"},
+                                     {"OpenMesh JacobiLaplace", "kxgeom Laplacian"}});
 }

@@ -12,10 +12,25 @@
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
 #include <kxgeom/platform/os.h>
+#include <kxgeom/platform/polyline.h>
 #include <kxgeom/platform/progress.h>
+#include <kxgeom/platform/random.h>
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
+
+#include <kxgeom/clip.h>
+#include <kxgeom/planar.h>
+#include <kxgeom/sampling.h>
+#include <kxgeom/bounds.h>
+#include <kxgeom/normals.h>
+#include <kxgeom/predicates.h>
+#include <kxgeom/query_shapes.h>
+#include <kxgeom/weld.h>
+#include <kxgeom/platform/topomesh.h>
+#include <kxgeom/mesh_io.h>
+#include <kxgeom/primitives.h>
 #include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/smoothing.h>
 #include <kxgeom/sparse.h>
+

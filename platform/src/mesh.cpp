@@ -98,7 +98,7 @@ PointMesh::PointMesh() {
   vertices_ = attributes_[0].get();
 }
 
-PointMesh::PointMesh(const PointMesh& o) { copyFrom(o); }
+PointMesh::PointMesh(const PointMesh& o) : kx::ReferenceCount() { copyFrom(o); }
 
 PointMesh& PointMesh::operator=(const PointMesh& o) {
   if (this != &o) copyFrom(o);

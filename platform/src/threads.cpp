@@ -48,8 +48,8 @@ struct ThreadPool::Impl {
   void start(int n) {
     numThreads = n;
     stopping = false;
-    // A fresh worker must wait for the next run, not replay the last one, so
-    // it starts from the generation current at its creation.
+    // New workers must not mistake the last run before a resize for a new
+    // one: they start from the current generation.
     const unsigned current = generation;
     for (int t = 1; t < n; ++t) workers.emplace_back([this, t, current] { loop(t, current); });
   }
