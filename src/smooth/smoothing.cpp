@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include <kxgeom/platform/linear.h>
@@ -22,6 +23,9 @@ typedef float Float4 __attribute__((vector_size(16)));
 
 /// How often, in selected vertices, a pass polls its progress.
 constexpr int kPollInterval = 1000;
+
+int bitCount(std::uint32_t word) { return __builtin_popcount(word); }
+int lowestBit(std::uint32_t word) { return __builtin_ctz(word); }
 
 /// Selected vertices computed per parallel block. The walk and its polls run
 /// on the calling thread, a block at a time, so a cancel is seen within one
@@ -45,12 +49,23 @@ void smoothSelected(CompactMesh& mesh, const MeshAdjVertices& adjacency, kxUtil:
   int done = 0;
   for (int v = 0; v < end;) {
     const int blockBegin = done;
-    for (; v < end && done - blockBegin < kBlock; ++v) {
+    while (v < end && done - blockBegin < kBlock) {
       if (done % kPollInterval == 0) {
         if (progress.cancelled()) return;
         progress.set((done + 1) / double(numSelected));
+      } else if ((v & 31) == 0 && v + 32 <= end) {
+        // A whole selection word at once when the count cannot reach the
+        // next multiple of the poll interval inside it (so no vertex of the
+        // word would poll, and the block cannot fill up).
+        std::uint32_t word = selection.words()[v >> 5];
+        if (done % kPollInterval + bitCount(word) < kPollInterval) {
+          for (; word != 0; word &= word - 1) staged[done++].index = v + lowestBit(word);
+          v += 32;
+          continue;
+        }
       }
       if (selection.isBitSet(v)) staged[done++].index = v;
+      ++v;
     }
     kxUtil::forEachRange(pool, done - blockBegin, [&](int, int b, int e) {
       for (StagedVertex* s = &staged[blockBegin + b]; s != &staged[0] + blockBegin + e; ++s) {
