@@ -30,3 +30,7 @@
 #include <kxgeom/platform/topomesh.h>
 #include <kxgeom/mesh_io.h>
 #include <kxgeom/primitives.h>
+#include <kxgeom/conjugate_gradient.h>
+#include <kxgeom/smoothing.h>
+#include <kxgeom/sparse.h>
+

@@ -1,0 +1,392 @@
+#include <kxgeom/sparse.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <sstream>
+#include <vector>
+
+#include "support/test_meshes.h"
+
+namespace {
+
+using kxGeom::IncompleteCholeskyPreconditioner;
+using kxGeom::NVector;
+using kxGeom::SparseMatrix;
+
+NVector makeVector(const std::vector<double>& values) {
+  NVector v(int(values.size()));
+  for (int i = 0; i < v.size(); ++i) v[i] = values[i];
+  return v;
+}
+
+/// Uniform graph Laplacian of a mesh's edges plus `shift` on the diagonal,
+/// assembled triangle by triangle (off-diagonal entries first, so rows are
+/// not in column order).
+SparseMatrix meshLaplacian(const kxGeom::CompactMesh& mesh, double shift) {
+  SparseMatrix A(mesh.getNumVertices());
+  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
+    const kxGeom::MeshTriangle& tri = mesh.getTriangles()[t];
+    for (int e = 0; e < 3; ++e) {
+      const int a = tri[e], b = tri[(e + 1) % 3];
+      if (A.getElement(a, b) != 0.0) continue;
+      A.addToElement(a, b, -1.0);
+      A.addToElement(b, a, -1.0);
+      A.addToElement(a, a, 1.0);
+      A.addToElement(b, b, 1.0);
+    }
+  }
+  for (int i = 0; i < A.size(); ++i) A.addToElement(i, i, shift);
+  return A;
+}
+
+/// IC(0) exactly as its defining loops read: every earlier row visited,
+/// every value read through getElement. O(n^2 * row length).
+void literalIncompleteCholesky(const SparseMatrix& A, SparseMatrix& L, SparseMatrix& U) {
+  const int n = A.size();
+  L.setToZero(n);
+  U.setToZero(n);
+  A.getUpperTriangular(U);
+  std::vector<std::vector<kxGeom::SparseElement>> rows(n);
+  for (int k = 0; k < n; ++k)
+    rows[k] = std::vector<kxGeom::SparseElement>(U.row(k).begin(), U.row(k).end());
+  auto get = [&](int i, int j) {
+    for (auto it = rows[i].rbegin(); it != rows[i].rend(); ++it) {
+      if (it->column == j) return it->value;
+    }
+    return 0.0;
+  };
+  for (int k = 0; k < n; ++k) {
+    for (int i = 0; i < k; ++i) {
+      const double d = get(i, k);
+      for (auto& e : rows[k]) {
+        if (e.value != 0.0) e.value -= get(i, e.column) * d;
+      }
+    }
+    double pivot = 0.0;
+    for (auto& e : rows[k]) {
+      if (e.column == k) {
+        e.value = std::sqrt(e.value);
+        pivot = e.value;
+        break;
+      }
+    }
+    for (auto& e : rows[k]) {
+      if (e.column != k) e.value /= pivot;
+      L.addToElement(e.column, k, e.value);
+    }
+  }
+  U.setToZero(n);
+  for (int k = 0; k < n; ++k) {
+    for (const auto& e : rows[k]) U.addToElement(k, e.column, e.value);
+  }
+}
+
+/// Same pattern, same order, same bits (NaNs included).
+void expectSameBits(const SparseMatrix& a, const SparseMatrix& b) {
+  ASSERT_EQ(a.size(), b.size());
+  for (int i = 0; i < a.size(); ++i) {
+    ASSERT_EQ(a.row(i).size(), b.row(i).size()) << "row " << i;
+    for (std::size_t e = 0; e < a.row(i).size(); ++e) {
+      EXPECT_EQ(a.row(i)[e].column, b.row(i)[e].column);
+      EXPECT_EQ(0, std::memcmp(&a.row(i)[e].value, &b.row(i)[e].value, sizeof(double)))
+          << "entry (" << i << ", " << a.row(i)[e].column << "): " << a.row(i)[e].value << " vs "
+          << b.row(i)[e].value;
+    }
+  }
+}
+
+TEST(NVectorTest, ReductionsRunFromTheLastIndexDown) {
+  // Summed from the end, 1e16 cancels first and the 1 survives; from the front
+  // the 1 is absorbed into 1e16.
+  const NVector a = makeVector({1.0, 1e16, -1e16});
+  const NVector ones = makeVector({1.0, 1.0, 1.0});
+  EXPECT_EQ(a.dot(ones), 1.0);
+  EXPECT_EQ(NVector(0).dot(NVector(0)), 0.0);
+
+  NVector v = makeVector({1.0, -2.0, 3.0});
+  v.setToVectorPlusScalarTimesVector(v, 2.0, v);  // v = 2 v + v, fully aliased
+  EXPECT_EQ(v[0], 3.0);
+  EXPECT_EQ(v[1], -6.0);
+  EXPECT_EQ(v[2], 9.0);
+  NVector w(3);
+  w.setToVectorPlusScalarTimesVector(ones, -0.5, a);
+  EXPECT_EQ(w[0], 0.5);
+  EXPECT_EQ(w[1], -5e15 + 1.0);
+  EXPECT_EQ(w[2], 5e15 + 1.0);
+
+  EXPECT_EQ(makeVector({-3.0, 2.0, 0.5}).infinityNorm(), 3.0);
+  EXPECT_EQ(NVector(0).infinityNorm(), 0.0);
+  EXPECT_EQ(NVector(4)[3], 0.0);
+  EXPECT_EQ(NVector(-2).size(), 0);
+
+  std::ostringstream os;
+  os << makeVector({1.0, -2.5}) << NVector(0);
+  EXPECT_EQ(os.str(), "(1 -2.5 )()");
+}
+
+TEST(SparseMatrixTest, AssemblyKeepsOneEntryPerColumnInInsertionOrder) {
+  SparseMatrix A(3);
+  A.addToElement(0, 2, 1.5);
+  A.addToElement(0, 0, 4.0);
+  A.addToElement(0, 2, 0.25);
+  A.addToElement(2, 1, 0.0);  // an explicit zero is stored
+  EXPECT_EQ(A.nnz(), 3);
+  ASSERT_EQ(A.row(0).size(), 2u);
+  EXPECT_EQ(A.row(0)[0].column, 2);
+  EXPECT_EQ(A.row(0)[0].value, 1.75);
+  EXPECT_EQ(A.row(0)[1].column, 0);
+  EXPECT_EQ(A.getElement(0, 2), 1.75);
+  EXPECT_EQ(A.getElement(1, 1), 0.0);
+  double v = -7.0;
+  EXPECT_FALSE(A.getElement(1, 1, v));
+  EXPECT_EQ(v, -7.0);
+  EXPECT_TRUE(A.getElement(2, 1, v));
+  EXPECT_EQ(v, 0.0);
+
+  A.setToZero(5);
+  EXPECT_EQ(A.size(), 5);
+  EXPECT_EQ(A.nnz(), 0);
+  EXPECT_EQ(SparseMatrix(0).size(), 0);
+  EXPECT_EQ(SparseMatrix(-3).nnz(), 0);
+  EXPECT_EQ(kxGeom::SparseElement().column, -1);
+}
+
+TEST(SparseMatrixTest, ProductsMatchADenseProduct) {
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> value(-2.0, 2.0);
+  std::uniform_int_distribution<int> index(0, 39);
+  const int n = 40;
+  SparseMatrix A(n);
+  std::vector<std::vector<long double>> dense(n, std::vector<long double>(n, 0.0L));
+  for (int k = 0; k < 300; ++k) {
+    const int i = index(rng), j = index(rng);
+    const double v = value(rng);
+    A.addToElement(i, j, v);
+    dense[i][j] += v;
+  }
+  NVector x(n), b(n), u(n);
+  for (int i = 0; i < n; ++i) x[i] = value(rng), b[i] = value(rng), u[i] = value(rng);
+  NVector y(n), r(n);
+  A.getMatrixTimesVector(x, y);
+  A.getVectorMinusMatrixTimesVector(b, x, r);
+  long double uAx = 0.0L;
+  for (int i = 0; i < n; ++i) {
+    long double row = 0.0L;
+    for (int j = 0; j < n; ++j) row += dense[i][j] * x[j];
+    EXPECT_NEAR(y[i], double(row), 1e-12);
+    EXPECT_NEAR(r[i], double(b[i] - row), 1e-12);
+    uAx += row * u[i];
+  }
+  EXPECT_NEAR(A.vectorDotMatrixTimesVector(u, x), double(uAx), 1e-11);
+
+  SparseMatrix T, TT, U(n);
+  A.transpose(T);
+  T.transpose(TT);
+  A.getUpperTriangular(U);
+  EXPECT_EQ(T.nnz(), A.nnz());
+  for (int i = 0; i < n; ++i) {
+    for (int j = 0; j < n; ++j) {
+      EXPECT_EQ(T.getElement(j, i), A.getElement(i, j));
+      EXPECT_EQ(TT.getElement(i, j), A.getElement(i, j));
+      EXPECT_EQ(U.getElement(i, j), j >= i ? A.getElement(i, j) : 0.0);
+    }
+  }
+}
+
+TEST(SparseMatrixTest, CholeskyFactorOfKnownMatrixAndDefinitenessTests) {
+  // A = L L^T with L = [2 0 0; 1 3 0; -1 1 2].
+  SparseMatrix A(3);
+  const double a[3][3] = {{4, 2, -2}, {2, 10, 2}, {-2, 2, 6}};
+  for (int i = 0; i < 3; ++i) {
+    for (int j = 0; j < 3; ++j) A.addToElement(i, j, a[i][j]);
+  }
+  SparseMatrix L;
+  ASSERT_TRUE(A.choleskyFactorization(L));
+  const double l[3][3] = {{2, 0, 0}, {1, 3, 0}, {-1, 1, 2}};
+  for (int i = 0; i < 3; ++i) {
+    for (int j = 0; j < 3; ++j) EXPECT_EQ(L.getElement(i, j), l[i][j]) << i << "," << j;
+  }
+  EXPECT_EQ(L.nnz(), 6);
+  EXPECT_TRUE(A.isPositiveDefinite());
+
+  SparseMatrix indefinite(2);
+  indefinite.addToElement(0, 0, 1.0);
+  indefinite.addToElement(0, 1, 2.0);
+  indefinite.addToElement(1, 0, 2.0);
+  indefinite.addToElement(1, 1, 1.0);
+  EXPECT_FALSE(indefinite.isPositiveDefinite());
+  // A graph Laplacian is only semi-definite; the shift makes it definite.
+  const kxGeom::CompactMesh grid = kxtest::makeGrid(3, 3);
+  EXPECT_FALSE(meshLaplacian(grid, 0.0).isPositiveDefinite());
+  const SparseMatrix shifted = meshLaplacian(grid, 0.01);
+  ASSERT_TRUE(shifted.choleskyFactorization(L));
+  // L L^T reproduces A everywhere.
+  for (int i = 0; i < shifted.size(); ++i) {
+    for (int j = 0; j < shifted.size(); ++j) {
+      double s = 0.0;
+      for (int k = 0; k <= std::min(i, j); ++k) s += L.getElement(i, k) * L.getElement(j, k);
+      EXPECT_NEAR(s, shifted.getElement(i, j), 1e-12);
+    }
+  }
+}
+
+TEST(SparseMatrixTest, SymmetryAndMMatrixEdgeCases) {
+  SparseMatrix A(3);
+  A.addToElement(0, 1, 1e-6);  // mirror missing, difference exactly 1e-6
+  EXPECT_FALSE(A.isSymmetric());
+  A.setToZero(3);
+  A.addToElement(0, 1, 0.9e-6);
+  EXPECT_TRUE(A.isSymmetric());
+  A.addToElement(1, 0, 0.5);
+  EXPECT_FALSE(A.isSymmetric());
+  A.addToElement(0, 1, 0.5 - 0.9e-6 + 0.5e-6);
+  EXPECT_TRUE(A.isSymmetric());
+  EXPECT_TRUE(SparseMatrix(0).isSymmetric());
+
+  const kxGeom::CompactMesh grid = kxtest::makeGrid(2, 2);
+  SparseMatrix laplacian = meshLaplacian(grid, 0.0);
+  EXPECT_TRUE(laplacian.isSymmetric());
+  EXPECT_FALSE(laplacian.isMMatrix());  // every row sums to exactly 0
+  laplacian.addToElement(4, 4, 0.5);
+  EXPECT_TRUE(laplacian.isMMatrix());
+  laplacian.addToElement(2, 3, 0.25);  // a positive off-diagonal entry
+  EXPECT_FALSE(laplacian.isMMatrix());
+
+  SparseMatrix m(3);  // row 1 empty: skipped
+  m.addToElement(0, 0, 1.0);
+  m.addToElement(2, 2, 0.0);
+  EXPECT_FALSE(m.isMMatrix());  // zero diagonal
+  m.setToZero(3);
+  m.addToElement(0, 0, 2.0);
+  m.addToElement(0, 2, -1.0);
+  m.addToElement(2, 2, 1.0);
+  m.addToElement(2, 0, -1.5);  // row sum -0.5
+  EXPECT_FALSE(m.isMMatrix());
+  m.addToElement(2, 0, 0.5);
+  EXPECT_TRUE(m.isMMatrix());
+  EXPECT_FALSE(SparseMatrix(2).isMMatrix());  // no row at all
+}
+
+TEST(SparseMatrixTest, PrintersWriteTheirExactTexts) {
+  SparseMatrix A(2);
+  A.addToElement(0, 1, -0.5);
+  A.addToElement(0, 0, 1.0);
+  A.addToElement(1, 1, 2.0);
+  EXPECT_EQ(std::string(A.toMmaString().c_str()),
+            "{\n{1.0000000000,-0.5000000000},\n{0.0000000000,2.0000000000}\n}");
+  EXPECT_EQ(std::string(SparseMatrix(0).toMmaString().c_str()), "{\n}");
+  std::ostringstream os;
+  os << A;
+  EXPECT_EQ(os.str(),
+            "SparseMatrix{\n  1.0000000000 -0.5000000000\n  0.0000000000  2.0000000000\n}");
+
+  SparseMatrix lengths(4);
+  lengths.addToElement(0, 0, 1.0);
+  lengths.addToElement(0, 3, 1.0);
+  lengths.addToElement(1, 1, 1.0);
+  lengths.addToElement(3, 3, 1.0);
+  lengths.addToElement(3, 2, 1.0);
+  testing::internal::CaptureStdout();
+  lengths.dumpRowLengths();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "  total rows: 4\n  length 0: 1 rows\n  length 1: 1 rows\n  length 2: 2 rows\n");
+}
+
+TEST(PreconditionerTest, DiagonalScalesByTheInverseDiagonal) {
+  SparseMatrix A(3);
+  A.addToElement(0, 0, 4.0);
+  A.addToElement(0, 1, -1.0);
+  A.addToElement(1, 1, 0.5);
+  const kxGeom::DiagonalPreconditioner M(A);
+  NVector z(3);
+  M.applyInverse(makeVector({2.0, 3.0, 1.0}), z);
+  EXPECT_EQ(z[0], 0.5);
+  EXPECT_EQ(z[1], 6.0);
+  EXPECT_TRUE(std::isinf(z[2]));  // missing diagonal: not guarded
+}
+
+TEST(PreconditionerTest, IncompleteCholeskyIsExactWithoutFillIn) {
+  // Tridiagonal SPD: the exact factor has no fill-in, so IC(0) equals it.
+  const int n = 30;
+  SparseMatrix A(n);
+  for (int i = 0; i < n; ++i) {
+    if (i > 0) A.addToElement(i, i - 1, -1.0 - 0.01 * i);
+    A.addToElement(i, i, 3.0 + 0.1 * (i % 4));
+    if (i + 1 < n) A.addToElement(i, i + 1, -1.0 - 0.01 * (i + 1));
+  }
+  SparseMatrix exact;
+  ASSERT_TRUE(A.choleskyFactorization(exact));
+  const IncompleteCholeskyPreconditioner ic(A);
+  for (int i = 0; i < n; ++i) {
+    for (int j = std::max(0, i - 1); j <= i; ++j) {
+      EXPECT_NEAR(ic.lower().getElement(i, j), exact.getElement(i, j), 1e-14);
+      EXPECT_NEAR(ic.upper().getElement(j, i), exact.getElement(i, j), 1e-14);
+    }
+  }
+  EXPECT_EQ(ic.lower().nnz(), 2 * n - 1);
+  EXPECT_EQ(ic.upper().nnz(), 2 * n - 1);
+
+  // M^-1 inverts L U: L (U z) reproduces r.
+  NVector r(n), z(n), Uz(n), LUz(n);
+  for (int i = 0; i < n; ++i) r[i] = std::sin(1.0 + i);
+  ic.applyInverse(r, z);
+  ic.upper().getMatrixTimesVector(z, Uz);
+  ic.lower().getMatrixTimesVector(Uz, LUz);
+  for (int i = 0; i < n; ++i) EXPECT_NEAR(LUz[i], r[i], 1e-12);
+  EXPECT_EQ(ic.applyInverseDot(r, Uz), r.dot(z));
+}
+
+TEST(PreconditionerTest, IncompleteCholeskyMatchesItsDefinitionBitForBit) {
+  // A grid Laplacian: IC(0) drops fill-in, yet L U equals A on A's pattern.
+  const SparseMatrix A = meshLaplacian(kxtest::makeGrid(9, 7), 0.01);
+  const IncompleteCholeskyPreconditioner ic(A);
+  SparseMatrix L, U;
+  literalIncompleteCholesky(A, L, U);
+  expectSameBits(ic.lower(), L);
+  expectSameBits(ic.upper(), U);
+  for (int i = 0; i < A.size(); ++i) {
+    for (const auto& e : A.row(i)) {
+      double s = 0.0;
+      for (int k = 0; k <= std::min(i, e.column); ++k) {
+        s += ic.lower().getElement(i, k) * ic.upper().getElement(k, e.column);
+      }
+      EXPECT_NEAR(s, e.value, 1e-12) << i << "," << e.column;
+    }
+  }
+
+  // Adversarial: an explicit zero off-diagonal, a missing diagonal (pivot 0,
+  // infinities) and a negative pivot (NaN) must come out exactly as the
+  // definition gives them, zero kept at zero.
+  SparseMatrix B(6);
+  const int pattern[][2] = {{0, 0}, {0, 1}, {1, 1}, {1, 3}, {0, 4}, {2, 2}, {2, 5},
+                            {3, 3}, {3, 4}, {4, 4}, {4, 5}, {5, 5}, {1, 2}};
+  const double values[] = {4, -1, 4, 0.0, -2, 3, -1, 0.5, -3, 1, -1, 2, -1};
+  for (int e = 0; e < 13; ++e) {
+    const int i = pattern[e][0], j = pattern[e][1];
+    B.addToElement(i, j, values[e]);
+    if (i != j) B.addToElement(j, i, values[e]);
+  }
+  SparseMatrix noDiagonal = B;
+  noDiagonal.setToZero(6);
+  for (int i = 0; i < 6; ++i) {
+    for (const auto& e : B.row(i)) {
+      if (!(i == 2 && e.column == 2)) noDiagonal.addToElement(i, e.column, e.value);
+    }
+  }
+  for (const SparseMatrix* m : {&B, &noDiagonal}) {
+    const IncompleteCholeskyPreconditioner adversarial(*m);
+    literalIncompleteCholesky(*m, L, U);
+    expectSameBits(adversarial.lower(), L);
+    expectSameBits(adversarial.upper(), U);
+    EXPECT_EQ(adversarial.upper().getElement(1, 3), 0.0);
+  }
+  const IncompleteCholeskyPreconditioner broken(noDiagonal);
+  EXPECT_TRUE(std::isinf(broken.upper().getElement(2, 5)));
+  EXPECT_TRUE(std::isnan(broken.upper().getElement(4, 5)));  // inf * 0 from row 2
+}
+
+}  // namespace
