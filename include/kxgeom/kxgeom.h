@@ -17,4 +17,5 @@
 #include <kxgeom/platform/threads.h>
 
 #include <kxgeom/predicates.h>
+#include <kxgeom/quad_ray.h>
 #include <kxgeom/query_shapes.h>

@@ -1,0 +1,367 @@
+// Four-ray packets checked lane by lane against a double-precision oracle
+// (signed volumes and plane intersection; slab clipping for boxes) with
+// margins around the decision boundaries, plus exact hand-built cases for the
+// edge-on, behind-origin and back-face cull rules.
+#include <kxgeom/quad_ray.h>
+
+#include <gtest/gtest.h>
+
+#include "spatial/ray_oracle.h"
+#include "spatial/slab_oracle.h"
+#include "support/test_meshes.h"
+
+#include <array>
+#include <cmath>
+#include <random>
+#include <vector>
+
+namespace {
+
+using kxGeom::BoundingBox;
+using kxGeom::CompactMesh;
+using kxGeom::MeshTriangle;
+using kxGeom::MeshVertex;
+using kxGeom::QuadRay;
+using kxLinear::Point;
+using kxLinear::PointFlt;
+using kxLinear::Vector;
+using kxLinear::VectorFlt;
+
+constexpr float kMaxFloat = 3.4028235e38f;
+
+// Restores the class-wide cull distance whatever a test sets.
+struct QuadCullGuard {
+  ~QuadCullGuard() { QuadRay::setBackfaceCullDistance(kxLinear::epsilonTolFlt); }
+};
+
+using Directions = std::array<VectorFlt, 4>;
+
+QuadRay makePacket(const PointFlt& origin, const Directions& d, bool nearestHit) {
+  return QuadRay(origin, d[0], d[1], d[2], d[3], nearestHit);
+}
+
+// Points and vectors share one type per precision.
+Point wide(const PointFlt& p) { return Point(p); }
+
+// Runs the packet over every triangle of the mesh, as a tracer would with
+// no spatial index.
+void intersectAll(QuadRay& packet, const CompactMesh& mesh) {
+  for (int i = 0; i < mesh.getNumTriangles(); ++i)
+    packet.intersect(mesh.getTriangles()[i], mesh.getVertices());
+}
+
+// A random point inside a random triangle of the mesh: a target that makes
+// rays hit often.
+PointFlt pointOnMesh(const CompactMesh& mesh, std::mt19937& rng) {
+  std::uniform_int_distribution<int> tri(0, mesh.getNumTriangles() - 1);
+  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+  const MeshTriangle& t = mesh.getTriangles()[tri(rng)];
+  float a = unit(rng), b = unit(rng);
+  if (a + b > 1) a = 1 - a, b = 1 - b;
+  const MeshVertex* v = mesh.getVertices();
+  const PointFlt p0 = v[t[0]].asPointFlt(), p1 = v[t[1]].asPointFlt(), p2 = v[t[2]].asPointFlt();
+  return p0 + (p1 - p0) * a + (p2 - p0) * b;
+}
+
+// --- Packet against triangles -------------------------------------------------
+
+TEST(QuadRayTriangles, NearestHitsMatchBruteForceOracleOnRandomSoups) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<float> coord(-2.0f, 2.0f);
+  int sureHits = 0, lanes = 0, uncertain = 0;
+  for (int soup = 0; soup < 40; ++soup) {
+    const CompactMesh mesh = kxtest::makeRandomMesh(30, 12, 100 + soup);
+    for (int packetIndex = 0; packetIndex < 100; ++packetIndex) {
+      const PointFlt o(coord(rng), coord(rng), coord(rng));
+      Directions d;
+      for (int k = 0; k < 4; ++k)
+        d[k] = k < 2 ? pointOnMesh(mesh, rng) - o : VectorFlt(coord(rng), coord(rng), coord(rng));
+      QuadRay packet = makePacket(o, d, true);
+      intersectAll(packet, mesh);
+      for (int k = 0; k < 4; ++k) {
+        const kxtest::BruteForceRay oracle = kxtest::bruteForceRay(mesh, wide(o), wide(d[k]), 1e-6);
+        const bool hit = packet.triHit(k);
+        const double t = packet.triIntersectionRayParam(k);
+        ASSERT_TRUE(oracle.accepts(hit, t, 1e-4))
+            << "soup " << soup << " packet " << packetIndex << " lane " << k << " hit " << hit
+            << " t " << t << " oracle t " << oracle.nearestSure;
+        if (!hit) {
+          EXPECT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
+        }
+        sureHits += oracle.surelyHit;
+        uncertain += !oracle.certain();
+        ++lanes;
+      }
+    }
+  }
+  EXPECT_GT(sureHits, lanes / 3);
+  EXPECT_LT(uncertain, lanes / 50);
+}
+
+// An axis-aligned right triangle in the plane z = `z`, its legs 4 long, wound
+// so that a ray along +z meets its back (`backFacingPlusZ`) or its front.
+struct PlaneTriangle {
+  std::vector<MeshVertex> vertices;
+  MeshTriangle triangle;
+};
+
+PlaneTriangle triangleAtZ(float z, bool backFacingPlusZ) {
+  PlaneTriangle p;
+  p.vertices = {{-1, -1, z}, {3, -1, z}, {-1, 3, z}};
+  p.triangle = backFacingPlusZ ? MeshTriangle{{0, 1, 2}} : MeshTriangle{{0, 2, 1}};
+  return p;
+}
+
+const Directions kAlongZ = {VectorFlt(0, 0, 1), VectorFlt(0.1f, 0, 1), VectorFlt(0, 0.1f, 1),
+                            VectorFlt(0.1f, 0.1f, 1)};
+
+TEST(QuadRayTriangles, FartherHitSetsMaskButKeepsNearestParameter) {
+  const PlaneTriangle nearTri = triangleAtZ(2, false), farTri = triangleAtZ(5, false);
+  for (bool nearFirst : {true, false}) {
+    QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
+    const PlaneTriangle* order[2] = {nearFirst ? &nearTri : &farTri,
+                                     nearFirst ? &farTri : &nearTri};
+    for (const PlaneTriangle* p : order) packet.intersect(p->triangle, p->vertices.data());
+    EXPECT_EQ(packet.hitMask(), 15u);
+    for (int k = 0; k < 4; ++k) EXPECT_NEAR(packet.triIntersectionRayParam(k), 2.0f, 1e-6f);
+  }
+  // A lane aimed past the near triangle (x = 3.5 at z = 2 is outside it) but
+  // into the far one takes the far parameter.
+  const std::vector<MeshVertex> wideFar = {{-1, -1, 5}, {20, -1, 5}, {-1, 20, 5}};
+  QuadRay packet = makePacket(PointFlt(0, 0, 0),
+                              {VectorFlt(1.75f, 0, 1), kAlongZ[1], kAlongZ[2], kAlongZ[3]}, true);
+  packet.intersect(nearTri.triangle, nearTri.vertices.data());
+  EXPECT_EQ(packet.hitMask(), 14u);
+  packet.intersect(MeshTriangle{{0, 2, 1}}, wideFar.data());
+  EXPECT_EQ(packet.hitMask(), 15u);
+  EXPECT_NEAR(packet.triIntersectionRayParam(0), 5.0f, 1e-5f);
+  EXPECT_NEAR(packet.triIntersectionRayParam(1), 2.0f, 1e-6f);
+}
+
+TEST(QuadRayTriangles, EdgesAndCornersCountAsInside) {
+  // Rays through a corner, the midpoint of a leg, a point of the hypotenuse
+  // and, for contrast, just past it; all arithmetic is exact in float.
+  const PlaneTriangle tri = triangleAtZ(2, false);
+  const Directions d = {VectorFlt(-1, -1, 2), VectorFlt(1, -1, 2), VectorFlt(1, 1, 2),
+                        VectorFlt(1.0078125f, 1, 2)};
+  QuadRay packet = makePacket(PointFlt(0, 0, 0), d, true);
+  packet.intersect(tri.triangle, tri.vertices.data());
+  EXPECT_EQ(packet.hitMask(), 7u);
+  for (int k = 0; k < 3; ++k) EXPECT_EQ(packet.triIntersectionRayParam(k), 1.0f);
+}
+
+TEST(QuadRayTriangles, EdgeOnTrianglesNeverHit) {
+  QuadCullGuard guard;
+  QuadRay::setBackfaceCullDistance(-100.0f);  // no cull rule may mask the result
+  // The triangle lies in y = 0; every ray of the packet runs inside that
+  // plane straight through the triangle's interior, or within 1e-9 of it.
+  const std::vector<MeshVertex> v = {{-1, 0, -1}, {1, 0, -1}, {0, 0, 1}};
+  for (const MeshTriangle tri : {MeshTriangle{{0, 1, 2}}, MeshTriangle{{0, 2, 1}}}) {
+    QuadRay packet = makePacket(PointFlt(-5, 0, 0),
+                                {VectorFlt(1, 0, 0), VectorFlt(1, 0, 0.05f), VectorFlt(1, 1e-9f, 0),
+                                 VectorFlt(1, -1e-9f, -0.05f)},
+                                true);
+    packet.intersect(tri, v.data());
+    EXPECT_EQ(packet.hitMask(), 0u);
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
+  }
+  // The same triangle crossed at a proper angle is hit: the misses above are
+  // due to the angle alone.
+  QuadRay across = makePacket(
+      PointFlt(0, -5, 0),
+      {VectorFlt(0, 1, 0), VectorFlt(0.01f, 1, 0), VectorFlt(0, 1, 0.01f), VectorFlt(0, 1, -0.01f)},
+      true);
+  across.intersect(MeshTriangle{{0, 1, 2}}, v.data());
+  EXPECT_EQ(across.hitMask(), 15u);
+  EXPECT_NEAR(across.triIntersectionRayParam(0), 5.0f, 1e-5f);
+}
+
+TEST(QuadRayTriangles, TrianglesBehindOrAtTheOriginNeverHit) {
+  QuadCullGuard guard;
+  for (float cull : {1e-6f, -100.0f}) {
+    QuadRay::setBackfaceCullDistance(cull);
+    for (bool back : {false, true}) {
+      const PlaneTriangle behind = triangleAtZ(-2, back), touching = triangleAtZ(0, back);
+      QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
+      packet.intersect(behind.triangle, behind.vertices.data());
+      packet.intersect(touching.triangle, touching.vertices.data());
+      EXPECT_EQ(packet.hitMask(), 0u) << "cull " << cull << " back " << back;
+      // Reversing the rays turns the triangle at z = -2 into a hit at t = 2.
+      QuadRay reversed = makePacket(
+          PointFlt(0, 0, 0),
+          {kAlongZ[0] * -1.0f, kAlongZ[1] * -1.0f, kAlongZ[2] * -1.0f, kAlongZ[3] * -1.0f}, true);
+      reversed.intersect(behind.triangle, behind.vertices.data());
+      EXPECT_EQ(reversed.hitMask(), 15u);
+      EXPECT_NEAR(reversed.triIntersectionRayParam(0), 2.0f, 1e-6f);
+    }
+  }
+}
+
+TEST(QuadRayTriangles, BackFacesCountOnlyAtOrBeyondTheCullDistance) {
+  QuadCullGuard guard;
+  EXPECT_EQ(QuadRay::backfaceCullDistance(), kxLinear::epsilonTolFlt);
+  // Along +z the back face at z = 2 is met at exactly t = 2 (all exact in
+  // float), so the inclusive boundary can be probed.
+  const PlaneTriangle back = triangleAtZ(2, true), front = triangleAtZ(2, false);
+  const Directions straight = {kAlongZ[0], kAlongZ[0], kAlongZ[0], kAlongZ[0]};
+  struct Case {
+    float cull;
+    bool backHit;
+  };
+  for (const Case c : {Case{3.0f, false}, Case{std::nextafter(2.0f, 3.0f), false}, Case{2.0f, true},
+                       Case{1.0f, true}}) {
+    QuadRay::setBackfaceCullDistance(c.cull);
+    EXPECT_EQ(QuadRay::backfaceCullDistance(), c.cull);
+    QuadRay packet = makePacket(PointFlt(0, 0, 0), straight, true);
+    packet.intersect(back.triangle, back.vertices.data());
+    EXPECT_EQ(packet.hitMask(), c.backHit ? 15u : 0u) << "cull " << c.cull;
+    EXPECT_EQ(packet.triIntersectionRayParam(0), c.backHit ? 2.0f : kMaxFloat);
+    // Front faces ignore the cull distance.
+    QuadRay frontPacket = makePacket(PointFlt(0, 0, 0), straight, true);
+    frontPacket.intersect(front.triangle, front.vertices.data());
+    EXPECT_EQ(frontPacket.hitMask(), 15u);
+  }
+}
+
+TEST(QuadRayTriangles, CullDistanceAgreesWithOracleOnRandomSoups) {
+  QuadCullGuard guard;
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<float> coord(-2.0f, 2.0f);
+  int culledSomething = 0;
+  for (int soup = 0; soup < 20; ++soup) {
+    const float cull = 0.25f * float(soup % 8);
+    QuadRay::setBackfaceCullDistance(cull);
+    const CompactMesh mesh = kxtest::makeRandomMesh(30, 12, 300 + soup);
+    for (int packetIndex = 0; packetIndex < 50; ++packetIndex) {
+      const PointFlt o(coord(rng), coord(rng), coord(rng));
+      Directions d;
+      for (auto& dk : d) dk = pointOnMesh(mesh, rng) - o;
+      QuadRay packet = makePacket(o, d, true);
+      intersectAll(packet, mesh);
+      for (int k = 0; k < 4; ++k) {
+        const auto oracle = kxtest::bruteForceRay(mesh, wide(o), wide(d[k]), cull);
+        const auto uncull = kxtest::bruteForceRay(mesh, wide(o), wide(d[k]), -1e30);
+        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4));
+        culledSomething +=
+            uncull.certain() && oracle.certain() && uncull.nearestSure < oracle.nearestSure;
+      }
+    }
+  }
+  EXPECT_GT(culledSomething, 100);
+}
+
+// --- Packet state -----------------------------------------------------------------
+
+TEST(QuadRayState, FreshPacketAndMeanDirection) {
+  const Directions d = {VectorFlt(1, 2, 3), VectorFlt(-4, 0.5f, 2), VectorFlt(0, 0, -1),
+                        VectorFlt(7, -3, 0.25f)};
+  const QuadRay packet = makePacket(PointFlt(1, 2, 3), d, true);
+  EXPECT_EQ(packet.hitMask(), 0u);
+  for (int k = 0; k < 4; ++k) {
+    EXPECT_FALSE(packet.triHit(k));
+    EXPECT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
+  }
+  const VectorFlt mean = packet.meanDirection();
+  EXPECT_FLOAT_EQ(mean.x, 1.0f);
+  EXPECT_FLOAT_EQ(mean.y, -0.125f);
+  EXPECT_FLOAT_EQ(mean.z, 1.0625f);
+}
+
+TEST(QuadRayState, AllRaysTerminatedOnlyInFirstHitModeWithFourHits) {
+  const PlaneTriangle tri = triangleAtZ(2, false);
+  for (bool nearest : {false, true}) {
+    // Lane 3 points away from the triangle until the second packet.
+    Directions d = kAlongZ;
+    d[3] = VectorFlt(0, 0, -1);
+    QuadRay partial = makePacket(PointFlt(0, 0, 0), d, nearest);
+    partial.intersect(tri.triangle, tri.vertices.data());
+    EXPECT_EQ(partial.hitMask(), 7u);
+    EXPECT_FALSE(partial.allRaysTerminated());
+    QuadRay full = makePacket(PointFlt(0, 0, 0), kAlongZ, nearest);
+    full.intersect(tri.triangle, tri.vertices.data());
+    EXPECT_EQ(full.hitMask(), 15u);
+    EXPECT_EQ(full.allRaysTerminated(), !nearest);
+    const QuadRay copy = full;
+    EXPECT_EQ(copy.hitMask(), 15u);
+    EXPECT_EQ(copy.triIntersectionRayParam(2), full.triIntersectionRayParam(2));
+  }
+}
+
+// --- Packet against boxes ---------------------------------------------------------
+
+// The oracle's verdict on lane k against `box`: 1 must pass, 0 must fail,
+// -1 too close to call given the reciprocal estimates (margin in model units).
+int boxVerdict(const QuadRay& packet, int k, const Point& o, const Vector& d,
+               const BoundingBox& box, double margin) {
+  const double nearest = packet.triIntersectionRayParam(k);
+  const double slack = margin / d.length();
+  double t0, t1;
+  const bool innerHit =
+      kxtest::slabInterval(o, d, box, -margin, t0, t1) && t1 > slack && t0 < nearest - slack;
+  if (innerHit) return 1;
+  const bool outerHit =
+      kxtest::slabInterval(o, d, box, margin, t0, t1) && t1 > 0 && t0 < nearest + slack;
+  return outerHit ? -1 : 0;
+}
+
+TEST(QuadRayBoxes, MaskMatchesSlabOracleIncludingNearestPruning) {
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> coord(-3.0f, 3.0f), size(0.05f, 2.0f);
+  int decided = 0, passed = 0, total = 0;
+  for (int iter = 0; iter < 4000; ++iter) {
+    const PointFlt o(coord(rng), coord(rng), coord(rng));
+    const PointFlt lo(coord(rng), coord(rng), coord(rng));
+    const BoundingBox box(lo.x, lo.y, lo.z, lo.x + size(rng), lo.y + size(rng), lo.z + size(rng));
+    // Two lanes aim near the box so that both verdicts are common.
+    Directions d;
+    for (auto& dk : d) dk = VectorFlt(coord(rng), coord(rng), coord(rng));
+    for (int k = 0; k < 2; ++k) d[k] = box.center() + d[k] * 0.3f - o;
+    if (iter % 4 == 1) d[0].x = 0, d[1].y = 0, d[2].z = 0;  // infinite reciprocals
+    const bool nearest = iter % 2 == 0;
+    QuadRay packet = makePacket(o, d, nearest);
+    // Half the packets first hit a large triangle, so some lanes carry a
+    // finite nearest t that must prune boxes beyond it.
+    if (iter % 3 != 0) {
+      const std::vector<MeshVertex> big = {{coord(rng) * 10, coord(rng) * 10, coord(rng)},
+                                           {coord(rng) * 10, coord(rng) * 10, coord(rng)},
+                                           {coord(rng) * 10, coord(rng) * 10, coord(rng)}};
+      packet.intersect(MeshTriangle{{0, 1, 2}}, big.data());
+    }
+    kxUtil::BitField32 mask;
+    packet.intersect(box, mask);
+    for (int k = 0; k < 4; ++k) {
+      ++total;
+      const int verdict = boxVerdict(packet, k, wide(o), wide(d[k]), box, 0.01);
+      if (verdict >= 0) {
+        ++decided;
+        ASSERT_EQ(mask.test(k), verdict == 1 && (nearest || !packet.triHit(k)))
+            << "iteration " << iter << " lane " << k;
+      }
+      if (!nearest && packet.triHit(k)) {
+        ASSERT_FALSE(mask.test(k));
+      }
+      passed += mask.test(k);
+    }
+  }
+  EXPECT_GT(decided, total * 95 / 100);
+  EXPECT_GT(passed, total / 8);
+}
+
+TEST(QuadRayBoxes, BoxesBehindTheOriginOrBeyondTheNearestHitAreSkipped) {
+  const PlaneTriangle tri = triangleAtZ(2, false);
+  QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
+  kxUtil::BitField32 mask;
+  packet.intersect(BoundingBox(-1.0f, -1.0f, -3.0f, 1.0f, 1.0f, -0.5f), mask);
+  EXPECT_EQ(mask.value(), 0u);  // behind
+  packet.intersect(BoundingBox(-1.0f, -1.0f, 4.0f, 1.0f, 1.0f, 6.0f), mask);
+  EXPECT_EQ(mask.value(), 15u);  // ahead, nothing hit yet
+  packet.intersect(tri.triangle, tri.vertices.data());
+  packet.intersect(BoundingBox(-1.0f, -1.0f, 4.0f, 1.0f, 1.0f, 6.0f), mask);
+  EXPECT_EQ(mask.value(), 0u);  // beyond the nearest hit at t = 2
+  packet.intersect(BoundingBox(-1.0f, -1.0f, 1.0f, 1.0f, 1.0f, 6.0f), mask);
+  EXPECT_EQ(mask.value(), 15u);  // entered before the nearest hit
+  packet.intersect(BoundingBox(-1.0f, -1.0f, -1.0f, 1.0f, 1.0f, 1.0f), mask);
+  EXPECT_EQ(mask.value(), 15u);  // holds the origin
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+// A double-precision ray-mesh oracle for the ray tracers, built on signed
+// tetrahedron volumes and a plane intersection (not on the Moller-Trumbore
+// formulation the tracers use), with explicit uncertainty near the decision
+// boundaries so that float and double answers can be compared strictly.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+
+#include <kxgeom/kxgeom.h>
+
+namespace kxtest {
+
+/// Classification of one ray against one triangle.
+enum class RayTriClass { Miss, Hit, Unsure };
+
+/// The tracers' rules: a hit needs the ray to cross the triangle (edges
+/// included) at t > `eps`, the triangle not seen edge-on, and either a front
+/// face (the ray travels against the right-handed normal) or t >= `cull`.
+/// `Unsure` marks answers that rounding in single precision may flip: a
+/// crossing within a relative 1e-4 of an edge, t within a relative 1e-4 of
+/// `eps` or of `cull`, and any crossing near the triangle at a grazing angle
+/// (|cosine| < 0.01, where float arithmetic loses about 1e-7 / |cosine|) or
+/// with a determinant within 10 `eps` of the edge-on cutoff. `t` is written
+/// for Hit and Unsure.
+inline RayTriClass classifyRayTriangle(const kxLinear::Point& o, const kxLinear::Vector& d,
+                                       const kxLinear::Point& a, const kxLinear::Point& b,
+                                       const kxLinear::Point& c, double cull, double& t,
+                                       double eps = 1e-6) {
+  using kxLinear::cross;
+  using kxLinear::dot;
+  const kxLinear::Vector n = cross(b - a, c - a);
+  const double nLen = n.length(), dLen = d.length();
+  if (nLen == 0.0) return RayTriClass::Miss;
+  const double cosine = dot(n, d) / (nLen * dLen);
+  // Signed volumes of the ray with each edge: all of one sign inside; they
+  // sum to dot(d, n).
+  const kxLinear::Vector pa = a - o, pb = b - o, pc = c - o;
+  const double wa = dot(d, cross(pb, pc)), wb = dot(d, cross(pc, pa)), wc = dot(d, cross(pa, pb));
+  const double sum = wa + wb + wc;
+  if (sum == 0.0) return RayTriClass::Miss;
+  const double margin = std::min({wa / sum, wb / sum, wc / sum});
+  t = dot(n, a - o) / sum;
+  if (std::fabs(cosine) < 1e-2 || std::fabs(sum) < 10 * eps) {
+    const double slack = 1e-5 / std::fabs(cosine);
+    const bool near = margin > -slack && t > eps - slack * (1.0 + std::fabs(t));
+    return near ? RayTriClass::Unsure : RayTriClass::Miss;
+  }
+  const double tTol = 1e-4 * (1.0 + std::fabs(t));
+  const bool front = sum < 0;
+  const bool unsure = std::fabs(margin) < 1e-4 || std::fabs(t - eps) < tTol ||
+                      (!front && std::fabs(t - cull) < tTol);
+  if (unsure) return RayTriClass::Unsure;
+  const bool hit = margin > 0 && t > eps && (front || t >= cull);
+  return hit ? RayTriClass::Hit : RayTriClass::Miss;
+}
+
+/// What a brute-force loop over every triangle knows about one ray.
+struct BruteForceRay {
+  bool surelyHit = false;      ///< some triangle is hit beyond doubt
+  bool possiblyHit = false;    ///< some triangle is hit or unsure
+  double nearestSure = 1e300;  ///< smallest t of the sure hits
+  double nearestAny = 1e300;   ///< smallest t of the sure and unsure hits
+  int nearestSureTriangle = -1;
+
+  /// Whether a tracer's answer (hit flag, nearest t) is consistent, with t
+  /// compared within the relative tolerance `tTol`.
+  bool accepts(bool hit, double t, double tTol) const {
+    if (hit ? !possiblyHit : surelyHit) return false;
+    if (!hit) return true;
+    const double lo = nearestAny - tTol * (1.0 + std::fabs(nearestAny));
+    const double hi = nearestSure + tTol * (1.0 + std::fabs(nearestSure));
+    return t >= lo && t <= hi;
+  }
+  /// True when rounding cannot change the nearest hit.
+  bool certain() const { return surelyHit == possiblyHit && nearestSure == nearestAny; }
+};
+
+/// Tests the ray o + t d against every triangle of `mesh`.
+inline BruteForceRay bruteForceRay(const kxGeom::CompactMesh& mesh, const kxLinear::Point& o,
+                                   const kxLinear::Vector& d, double cull) {
+  BruteForceRay r;
+  const kxGeom::MeshVertex* v = mesh.getVertices();
+  const kxGeom::MeshTriangle* tris = mesh.getTriangles();
+  for (int i = 0; i < mesh.getNumTriangles(); ++i) {
+    double t = 0;
+    const RayTriClass k = classifyRayTriangle(
+        o, d, v[tris[i][0]].asPoint(), v[tris[i][1]].asPoint(), v[tris[i][2]].asPoint(), cull, t);
+    if (k == RayTriClass::Miss) continue;
+    r.possiblyHit = true;
+    r.nearestAny = std::min(r.nearestAny, t);
+    if (k == RayTriClass::Hit) {
+      r.surelyHit = true;
+      if (t < r.nearestSure) {
+        r.nearestSure = t;
+        r.nearestSureTriangle = i;
+      }
+    }
+  }
+  return r;
+}
+
+}  // namespace kxtest
