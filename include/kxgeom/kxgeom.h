@@ -15,3 +15,6 @@
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
+
+#include <kxgeom/predicates.h>
+#include <kxgeom/query_shapes.h>

@@ -1,0 +1,230 @@
+// Query shapes against independent geometry: slab clipping in double for the
+// ray, the axis frame for pick frustums, and clip-space coordinates for
+// frustums built from a projection.
+#include <kxgeom/predicates.h>
+#include <kxgeom/query_shapes.h>
+
+#include <gtest/gtest.h>
+
+#include "spatial/slab_oracle.h"
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+namespace {
+
+using kxGeom::BoundingBox;
+using kxGeom::Frustum;
+using kxGeom::Ray;
+using kxLinear::Point;
+using kxLinear::PointFlt;
+using kxLinear::Vector;
+
+TEST(RayShape, SlabDataAndHitFields) {
+  const Ray ray(PointFlt(1, 2, 3), Vector(2, -4, -0.0));
+  EXPECT_EQ(Vector(2, -4, -0.0), ray.direction());
+  EXPECT_EQ(PointFlt(1, 2, 3), ray.origin());
+  EXPECT_EQ(0.5f, ray.reciprocal(0));
+  EXPECT_EQ(-0.25f, ray.reciprocal(1));
+  EXPECT_TRUE(std::isinf(ray.reciprocal(2)) && ray.reciprocal(2) < 0);
+  EXPECT_EQ(0, ray.nearIndex(0));
+  EXPECT_EQ(3, ray.farIndex(0));
+  EXPECT_EQ(4, ray.nearIndex(1));
+  EXPECT_EQ(1, ray.farIndex(1));
+  EXPECT_EQ(5, ray.nearIndex(2));
+  EXPECT_EQ(2, ray.farIndex(2));
+  EXPECT_EQ(3.4028234663852886e38, ray.hitParameter());
+  EXPECT_EQ(0u, ray.hitWord(0));
+  EXPECT_EQ(0u, ray.hitWord(1));
+  // The reciprocal is taken in double and then rounded once.
+  EXPECT_EQ(float(1.0 / 3.0000001), Ray(PointFlt(), Vector(3.0000001, 1, 1)).reciprocal(0));
+}
+
+TEST(RayShape, BoxTestAgreesWithDoubleSlabs) {
+  std::mt19937 rng(13);
+  std::uniform_real_distribution<float> coord(-2.0f, 2.0f), size(0.05f, 1.0f);
+  int hits = 0, decided = 0;
+  for (int iter = 0; iter < 20000; ++iter) {
+    const float x = coord(rng), y = coord(rng), z = coord(rng);
+    const BoundingBox box(x, y, z, x + size(rng), y + size(rng), z + size(rng));
+    const PointFlt o(coord(rng), coord(rng), coord(rng));
+    Vector d(coord(rng), coord(rng), coord(rng));
+    if (iter % 2 == 0) d = Vector(x + 0.5, y + 0.5, z + 0.5) + d * 0.3 - Vector(o);  // aimed
+    if (iter % 10 == 0) d[iter % 3] = 0.0;  // axis-parallel rays
+    const float lo = iter % 4 == 0 ? 0.5f : 0.0f, hi = iter % 3 == 0 ? 1.0f : 3.4028235e38f;
+    double t0, t1;
+    const bool line = kxtest::slabInterval(Point(o), d, box, 0.0, t0, t1);
+    const bool expected = line && t0 < hi && lo < t1;
+    // Skip rays that graze the box or end on it within rounding.
+    if (line && (t1 - t0 < 1e-4 || std::fabs(t0 - hi) < 1e-4 || std::fabs(t1 - lo) < 1e-4)) {
+      continue;
+    }
+    ASSERT_EQ(expected, Ray(o, d).intersects(box, lo, hi)) << iter;
+    hits += expected;
+    ++decided;
+  }
+  EXPECT_GT(decided, 18000);
+  EXPECT_GT(hits, 2000);
+}
+
+TEST(RayShape, BoxBehindOrAroundTheOrigin) {
+  const BoundingBox box(0.0f, 0.0f, 0.0f, 1.0f, 1.0f, 1.0f);
+  const float far = 3.4028235e38f;
+  EXPECT_TRUE(Ray(PointFlt(0.5f, 0.5f, 0.5f), Vector(1, 2, 3)).intersects(box, 0, far));
+  EXPECT_FALSE(Ray(PointFlt(2, 2, 2), Vector(1, 1, 1)).intersects(box, 0, far));
+  EXPECT_TRUE(Ray(PointFlt(2, 2, 2), Vector(-1, -1, -1)).intersects(box, 0, far));
+  EXPECT_FALSE(Ray(PointFlt(2, 2, 2), Vector(-1, -1, -1)).intersects(box, 0, 0.5f));
+  EXPECT_TRUE(Ray(PointFlt(-1, 0.5f, 0.5f), Vector(1, 0, 0)).intersects(box, 0, far));
+  EXPECT_FALSE(Ray(PointFlt(-1, 1.5f, 0.5f), Vector(1, 0, 0)).intersects(box, 0, far));
+}
+
+// --- Frustums -------------------------------------------------------------
+
+void expectPlanesConsistent(const Frustum& f) {
+  Point centroid;
+  for (int i = 0; i < 8; ++i) centroid += f.corner(i);
+  centroid = centroid * 0.125;
+  EXPECT_TRUE(kxGeom::contains(f, centroid));
+  const int faces[6][4] = {{0, 2, 4, 6}, {1, 3, 5, 7}, {0, 1, 4, 5},
+                           {2, 3, 6, 7}, {0, 1, 2, 3}, {4, 5, 6, 7}};
+  for (int p = 0; p < 6; ++p) {
+    const kxGeom::FrustumPlane& plane = f.plane(p);
+    EXPECT_NEAR(1.0, plane.normal.length(), 1e-12);
+    EXPECT_NEAR(kxLinear::dot(plane.normal, plane.point), plane.constant, 1e-9);
+    for (int corner : faces[p]) {
+      EXPECT_NEAR(0.0, kxLinear::dot(f.corner(corner) - plane.point, plane.normal), 1e-6)
+          << "plane " << p << " corner " << corner;
+    }
+  }
+}
+
+TEST(FrustumShape, DefaultIsTheClipCube) {
+  const Frustum f;
+  expectPlanesConsistent(f);
+  EXPECT_TRUE(kxGeom::contains(f, Point(1, -1, 1)));
+  EXPECT_FALSE(kxGeom::contains(f, Point(0, 0, 1.0001)));
+  EXPECT_EQ(Vector(0, 0, 1), f.getVector());
+}
+
+TEST(FrustumShape, PickFrustumMatchesItsAxisFrame) {
+  const kxLinear::Line ray(Point(1, 2, 3), Vector(0.5, -2, 1));
+  const double halfWidth = 0.2, halfAngle = 0.1, length = 10;
+  Frustum f;
+  ASSERT_TRUE(kxGeom::makePickFrustum(ray, halfWidth, halfAngle, length, f));
+  expectPlanesConsistent(f);
+  const Vector d = kxLinear::normalized(ray.getDirection());
+  EXPECT_LT((f.getVector() - d).length(), 1e-15);
+  EXPECT_EQ(ray.getOrigin(), f.getRay().getOrigin());
+  std::mt19937 rng(43);
+  std::uniform_real_distribution<double> coord(-3.0, 3.0), along(-1.0, 11.0);
+  const Vector u = f.corner(1) - f.corner(0), v = f.corner(2) - f.corner(0);
+  const Vector uu = kxLinear::normalized(u), vv = kxLinear::normalized(v);
+  int inside = 0;
+  for (int iter = 0; iter < 5000; ++iter) {
+    const double s = along(rng);
+    const double width = halfWidth + s * std::tan(halfAngle);
+    const double a = coord(rng) * width * 0.5 + coord(rng) * 0.1,
+                 b = coord(rng) * width * 0.5 + coord(rng) * 0.1;
+    const Point p = ray.getOrigin() + d * s + uu * a + vv * b;
+    const double margin = std::max({std::fabs(a) - width, std::fabs(b) - width, -s, s - length});
+    if (std::fabs(margin) < 1e-6) continue;
+    ASSERT_EQ(margin < 0, kxGeom::contains(f, p)) << iter;
+    inside += margin < 0;
+  }
+  EXPECT_GT(inside, 500);
+  // An apex (zero half-width) still gives a closed volume.
+  ASSERT_TRUE(kxGeom::makePickFrustum(ray, 0.0, 0.05, 5.0, f));
+  expectPlanesConsistent(f);
+  EXPECT_TRUE(kxGeom::contains(f, ray.getOrigin() + d * 2.5));
+}
+
+TEST(FrustumShape, PickFrustumRejectsBadArguments) {
+  Frustum f;
+  const Frustum before = f;
+  const kxLinear::Line ray(Point(0, 0, 0), Vector(0, 0, 1));
+  EXPECT_FALSE(kxGeom::makePickFrustum(kxLinear::Line(Point(), Vector(0, 0, 0)), 1, 0, 1, f));
+  EXPECT_FALSE(kxGeom::makePickFrustum(ray, 0, 0, 1, f));
+  EXPECT_FALSE(kxGeom::makePickFrustum(ray, -1, 0.1, 1, f));
+  EXPECT_FALSE(kxGeom::makePickFrustum(ray, 1, 1.6, 1, f));
+  EXPECT_FALSE(kxGeom::makePickFrustum(ray, 1, 0.1, 0, f));
+  EXPECT_FALSE(kxGeom::makePickFrustum(ray, std::nan(""), 0.1, 1, f));
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(before.corner(i), f.corner(i));
+}
+
+// A perspective view-projection in the row-vector convention: the camera at
+// `eye` looking along -z of its frame, then an OpenGL-style projection.
+kxLinear::ProjMatrixFlt perspective(double fovy, double aspect, double n, double fa) {
+  const double f = 1.0 / std::tan(fovy / 2);
+  kxLinear::ProjMatrixFlt p;
+  for (auto& row : p.m) std::fill(row, row + 4, 0.0f);
+  p.m[0][0] = float(f / aspect);
+  p.m[1][1] = float(f);
+  p.m[2][2] = float((fa + n) / (n - fa));
+  p.m[2][3] = -1.0f;
+  p.m[3][2] = float(2 * fa * n / (n - fa));
+  return p;
+}
+
+kxLinear::ProjMatrixFlt view(double angle, const Point& eye) {
+  // Rotation about y by `angle`, then translation of -eye, as row vectors.
+  const float c = float(std::cos(angle)), s = float(std::sin(angle));
+  kxLinear::ProjMatrixFlt rot, move;
+  rot.m[0][0] = c;
+  rot.m[0][2] = -s;
+  rot.m[2][0] = s;
+  rot.m[2][2] = c;
+  move.m[3][0] = float(-eye.x);
+  move.m[3][1] = float(-eye.y);
+  move.m[3][2] = float(-eye.z);
+  return move * rot;
+}
+
+TEST(FrustumShape, ScreenFrustumAgreesWithClipCoordinates) {
+  const kxLinear::ProjMatrixFlt m = view(0.4, Point(1, 2, 3)) * perspective(0.9, 1.5, 0.5, 20);
+  const double x0 = -0.3, y0 = 0.1, x1 = 0.4, y1 = 0.6;
+  Frustum f;
+  ASSERT_TRUE(kxGeom::makeScreenFrustum(m, x0, y0, x1, y1, f));
+  expectPlanesConsistent(f);
+  std::mt19937 rng(47);
+  std::uniform_real_distribution<double> coord(-12.0, 12.0);
+  int inside = 0;
+  for (int iter = 0; iter < 40000; ++iter) {
+    const Point p(coord(rng), coord(rng), coord(rng));
+    const float pf[3] = {float(p.x), float(p.y), float(p.z)};
+    float h[4];
+    m.transform(pf, h);
+    if (h[3] <= 1e-3f) continue;
+    const double x = h[0] / h[3], y = h[1] / h[3], z = h[2] / h[3];
+    const double margin = std::max({x0 - x, x - x1, y0 - y, y - y1, -1 - z, z - 1});
+    if (std::fabs(margin) < 1e-3) continue;
+    ASSERT_EQ(margin < 0, kxGeom::contains(f, p)) << iter;
+    inside += margin < 0;
+  }
+  EXPECT_GT(inside, 100);
+  // The ray runs from the eye side to the far side through the rectangle's centre.
+  const kxLinear::Line& axis = f.getRay();
+  const Point mid = axis.eval(1.0);
+  const float mf[3] = {float(mid.x), float(mid.y), float(mid.z)};
+  float h[4];
+  m.transform(mf, h);
+  EXPECT_NEAR(0.05, h[0] / h[3], 1e-4);
+  EXPECT_NEAR(0.35, h[1] / h[3], 1e-4);
+  EXPECT_NEAR(1.0, f.getVector().length(), 1e-12);
+}
+
+TEST(FrustumShape, ScreenFrustumRejectsSingularInput) {
+  Frustum f;
+  const Frustum before = f;
+  kxLinear::ProjMatrixFlt singular;
+  singular.m[2][2] = 0.0f;
+  EXPECT_FALSE(kxGeom::makeScreenFrustum(singular, -1, -1, 1, 1, f));
+  EXPECT_FALSE(kxGeom::makeScreenFrustum(kxLinear::ProjMatrixFlt(), 0.5, -1, 0.5, 1, f));
+  EXPECT_FALSE(kxGeom::makeScreenFrustum(kxLinear::ProjMatrixFlt(), -1, -1, 1, std::nan(""), f));
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(before.corner(i), f.corner(i));
+  // The identity projection over the full screen is the clip cube.
+  ASSERT_TRUE(kxGeom::makeScreenFrustum(kxLinear::ProjMatrixFlt(), -1, -1, 1, 1, f));
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(before.corner(i), f.corner(i));
+}
+
+}  // namespace
