@@ -10,6 +10,7 @@
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
+#include <kxgeom/platform/octree.h>
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/progress.h>
 #include <kxgeom/platform/remap.h>
