@@ -17,5 +17,8 @@
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
 
+#include <kxgeom/bounds.h>
+#include <kxgeom/normals.h>
 #include <kxgeom/predicates.h>
 #include <kxgeom/query_shapes.h>
+#include <kxgeom/weld.h>
