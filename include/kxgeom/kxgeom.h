@@ -10,12 +10,16 @@
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
+#include <kxgeom/platform/octree.h>
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/progress.h>
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
 
+#include <kxgeom/bounds.h>
+#include <kxgeom/normals.h>
 #include <kxgeom/predicates.h>
 #include <kxgeom/quad_ray.h>
 #include <kxgeom/query_shapes.h>
+#include <kxgeom/weld.h>

@@ -48,7 +48,10 @@ struct ThreadPool::Impl {
   void start(int n) {
     numThreads = n;
     stopping = false;
-    for (int t = 1; t < n; ++t) workers.emplace_back([this, t] { loop(t); });
+    // New workers must not mistake the last run before a resize for a new
+    // one: they start from the current generation.
+    const unsigned current = generation;
+    for (int t = 1; t < n; ++t) workers.emplace_back([this, t, current] { loop(t, current); });
   }
   void stop() {
     {
@@ -59,9 +62,8 @@ struct ThreadPool::Impl {
     for (std::thread& w : workers) w.join();
     workers.clear();
   }
-  void loop(int t) {
+  void loop(int t, unsigned seen) {
     insidePoolWorker = true;
-    unsigned seen = 0;
     for (;;) {
       ThreadedAlgBase* work;
       int n;

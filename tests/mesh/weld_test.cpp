@@ -1,0 +1,303 @@
+// Vertex welding against a map of distinct positions, with normals, UVs,
+// strips, lines, a tolerant checker, hostile values and every thread count.
+#include <kxgeom/normals.h>
+#include <kxgeom/weld.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <random>
+#include <tuple>
+#include <vector>
+
+#include "mesh/thread_counts.h"
+#include "support/test_meshes.h"
+
+namespace {
+
+using kxGeom::CompactMesh;
+using kxGeom::MeshVertex;
+using kxGeom::Remap;
+
+// Every triangle gets three vertices of its own, in triangle order.
+CompactMesh makeSoup(const CompactMesh& mesh) {
+  std::vector<MeshVertex> v;
+  std::vector<int> t;
+  for (int i = 0; i < mesh.getNumTriangles(); ++i) {
+    for (int c = 0; c < 3; ++c) {
+      v.push_back(mesh.getVertices()[mesh.getTriangles()[i][c]]);
+      t.push_back(int(t.size()));
+    }
+  }
+  CompactMesh soup(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  soup.copyTriangles(mesh.getNumTriangles(), t.data());
+  return soup;
+}
+
+using Key = std::tuple<float, float, float>;
+Key keyOf(const MeshVertex& v) { return Key(v.x, v.y, v.z); }
+
+// The expected new index of each vertex under exact welding: the rank of
+// its position among the distinct positions in lexicographic order.
+std::vector<int> expectedRanks(const CompactMesh& mesh) {
+  std::map<Key, int> rank;
+  for (int i = 0; i < mesh.getNumVertices(); ++i) rank.emplace(keyOf(mesh.getVertices()[i]), 0);
+  int next = 0;
+  for (auto& entry : rank) entry.second = next++;
+  std::vector<int> out;
+  for (int i = 0; i < mesh.getNumVertices(); ++i) out.push_back(rank[keyOf(mesh.getVertices()[i])]);
+  return out;
+}
+
+// The corner positions of every triangle, to check that welding keeps them.
+std::vector<Key> cornerPositions(const CompactMesh& mesh) {
+  std::vector<Key> out;
+  for (int i = 0; i < mesh.getNumTriangles(); ++i) {
+    for (int c = 0; c < 3; ++c) out.push_back(keyOf(mesh.getVertices()[mesh.getTriangles()[i][c]]));
+  }
+  return out;
+}
+
+Remap weld(CompactMesh& mesh) {
+  kxUtil::Progress progress;
+  Remap remap;
+  kxGeom::meshCompact(mesh, progress, remap);
+  return remap;
+}
+
+TEST(Weld, DistinctVerticesLeaveTheMeshUntouched) {
+  CompactMesh mesh = kxtest::makeGrid(3, 3);
+  const CompactMesh before = mesh;
+  kxtest::LogCapture log;
+  const Remap remap = weld(mesh);
+  EXPECT_TRUE(remap.isSequential());
+  EXPECT_EQ(16, remap.getDomainSize());
+  EXPECT_EQ(16, remap.getRangeSize());
+  EXPECT_EQ(0, mesh.getModificationCount());
+  ASSERT_EQ(16, mesh.getNumVertices());
+  EXPECT_EQ(cornerPositions(before), cornerPositions(mesh));
+  for (int i = 0; i < 3 * mesh.getNumTriangles(); ++i) {
+    EXPECT_EQ(before.getTrianglesRaw()[i], mesh.getTrianglesRaw()[i]);
+  }
+  ASSERT_EQ(3u, log.lines().size());
+  EXPECT_EQ("meshCompact: 16 vertices, 18 triangles\n", log.lines()[0]);
+  EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[1], "sorted vertices: ", " s\n"));
+  EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[2], "initialized remap: ", " s\n"));
+}
+
+TEST(Weld, SoupOfASphereWeldsToItsDistinctPositions) {
+  const CompactMesh sphere = kxtest::makeLatLongSphere(12, 20);
+  CompactMesh soup = makeSoup(sphere);
+  const std::vector<int> ranks = expectedRanks(soup);
+  const std::vector<Key> corners = cornerPositions(soup);
+  kxtest::LogCapture log;
+  kxUtil::Progress progress;
+  Remap remap;
+  kxGeom::meshCompact(soup, progress, remap);
+  EXPECT_DOUBLE_EQ(1.0, progress.get());
+  ASSERT_EQ(sphere.getNumVertices(), soup.getNumVertices());
+  ASSERT_EQ(int(ranks.size()), remap.getDomainSize());
+  EXPECT_EQ(sphere.getNumVertices(), remap.getRangeSize());
+  for (int i = 0; i < remap.getDomainSize(); ++i) ASSERT_EQ(ranks[i], remap(i)) << i;
+  EXPECT_EQ(corners, cornerPositions(soup));
+  EXPECT_EQ(1, soup.getModificationCount());
+  EXPECT_EQ(1, soup.getLastModificationType());
+  // No normals line without normals.
+  ASSERT_EQ(5u, log.lines().size());
+  EXPECT_EQ("meshCompact: 1320 vertices, 440 triangles\n", log.lines()[0]);
+  const char* phases[] = {
+      "sorted vertices: ", "initialized remap: ", "remapped vertices: ", "remapped triangles: "};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[i + 1], phases[i], " s\n")) << i;
+  }
+}
+
+TEST(Weld, RepeatedTrianglesShareThreeVertices) {
+  const MeshVertex v[6] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+  const int t[6] = {0, 1, 2, 3, 4, 5};
+  CompactMesh mesh(6, v, nullptr, nullptr, nullptr);
+  mesh.copyTriangles(2, t);
+  weld(mesh);
+  ASSERT_EQ(3, mesh.getNumVertices());
+  for (int c = 0; c < 3; ++c) EXPECT_EQ(mesh.getTriangles()[0][c], mesh.getTriangles()[1][c]);
+  for (int c = 0; c < 3; ++c)
+    EXPECT_EQ(keyOf(v[c]), keyOf(mesh.getVertices()[mesh.getTriangles()[0][c]]));
+}
+
+TEST(Weld, GivenNormalsKeepVerticesApartDerivedOnesDoNot) {
+  const MeshVertex v[4] = {{0, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+  const kxGeom::MeshNormal n[4] = {{0, 0, 1}, {0, 1, 0}, {0, 0, 1}, {0, 0, 1}};
+  const int t[6] = {0, 2, 3, 1, 3, 2};
+  CompactMesh given(4, v, n, nullptr, nullptr);
+  given.copyTriangles(2, t);
+  const Remap same = weld(given);
+  EXPECT_TRUE(same.isSequential());
+  EXPECT_EQ(4, given.getNumVertices());
+  EXPECT_EQ(0, given.getModificationCount());
+
+  CompactMesh derived(4, v, n, nullptr, nullptr);
+  derived.copyTriangles(2, t);
+  derived.setNormalsComputed(true);
+  const Remap merged = weld(derived);
+  ASSERT_EQ(3, derived.getNumVertices());
+  EXPECT_EQ(merged(0), merged(1));
+  // The notice carries the map, so the derived normals follow it: the
+  // highest old index of the merged pair wins.
+  ASSERT_NE(nullptr, derived.getNormals());
+  EXPECT_EQ(0.0f, derived.getNormals()[merged(0)].x);
+  EXPECT_EQ(1.0f, derived.getNormals()[merged(0)].y);
+  EXPECT_EQ(1.0f, derived.getNormals()[merged(2)].z);
+
+  // Given normals that agree merge and are remapped by the weld itself.
+  const kxGeom::MeshNormal agree[4] = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 0, 1}};
+  CompactMesh equalNormals(4, v, agree, nullptr, nullptr);
+  equalNormals.copyTriangles(2, t);
+  kxtest::LogCapture log;
+  weld(equalNormals);
+  EXPECT_EQ(3, equalNormals.getNumVertices());
+  EXPECT_NE(std::string::npos, log.all().find("remapped normals: "));
+}
+
+TEST(Weld, ComputedNormalsStayConsistentAfterWelding) {
+  CompactMesh soup = makeSoup(kxtest::makeLatLongSphere(8, 12));
+  kxGeom::meshComputeNormals(soup);
+  const std::vector<kxGeom::MeshNormal> before(soup.getNormals(),
+                                               soup.getNormals() + soup.getNumVertices());
+  const Remap remap = weld(soup);
+  ASSERT_NE(nullptr, soup.getNormals());
+  ASSERT_TRUE(soup.getNormalsComputed());
+  std::vector<int> highest(soup.getNumVertices(), -1);
+  for (int i = 0; i < remap.getDomainSize(); ++i) highest[remap(i)] = i;
+  for (int j = 0; j < soup.getNumVertices(); ++j) {
+    const kxGeom::MeshNormal& got = soup.getNormals()[j];
+    const kxGeom::MeshNormal& want = before[highest[j]];
+    ASSERT_EQ(want.x, got.x);
+    ASSERT_EQ(want.y, got.y);
+    ASSERT_EQ(want.z, got.z);
+  }
+}
+
+TEST(Weld, UVsWithoutGivenNormalsMergeKeepingTheHighestIndex) {
+  const MeshVertex v[5] = {{1, 1, 1}, {0, 0, 0}, {1, 1, 1}, {2, 0, 0}, {1, 1, 1}};
+  const kxGeom::MeshUV uv[5] = {{0.1f, 0.1f}, {0, 0}, {0.2f, 0.2f}, {1, 0}, {0.3f, 0.3f}};
+  const int t[3] = {0, 1, 3};
+  CompactMesh mesh(5, v, nullptr, uv, nullptr);
+  mesh.copyTriangles(1, t);
+  const Remap remap = weld(mesh);
+  ASSERT_EQ(3, mesh.getNumVertices());
+  EXPECT_EQ(remap(0), remap(2));
+  EXPECT_EQ(remap(0), remap(4));
+  EXPECT_EQ(0.3f, mesh.getUVs()[remap(0)].u);
+  EXPECT_EQ(1.0f, mesh.getUVs()[remap(3)].u);
+
+  // With given normals the UVs take part and keep the vertices apart.
+  const kxGeom::MeshNormal n[5] = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 0, 1}};
+  CompactMesh withNormals(5, v, n, uv, nullptr);
+  withNormals.copyTriangles(1, t);
+  EXPECT_TRUE(weld(withNormals).isSequential());
+}
+
+// Merges coordinates within a tolerance of the group's first member.
+class TolerantChecker : public kxGeom::IMeshVertexEqualityChecker {
+ public:
+  int calls = 0;
+  bool equal(const float* a, const float* b) override {
+    ++calls;
+    return std::fabs(a[0] - b[0]) <= 0.01f && a[1] == b[1] && a[2] == b[2];
+  }
+};
+
+TEST(Weld, TolerantCheckerComparesWithTheGroupsFirstMember) {
+  // Sorted x: 0, 0.006, 0.012, 0.018. A chain would merge all four; against
+  // the group's first member they form {0, 0.006} and {0.012, 0.018}.
+  const MeshVertex v[4] = {{0.012f, 0, 0}, {0.006f, 0, 0}, {0.018f, 0, 0}, {0, 0, 0}};
+  const int t[3] = {0, 1, 2};
+  CompactMesh mesh(4, v, nullptr, nullptr, nullptr);
+  mesh.copyTriangles(1, t);
+  kxUtil::Progress progress;
+  Remap remap;
+  TolerantChecker checker;
+  kxGeom::meshCompact(mesh, progress, remap, checker);
+  EXPECT_EQ(3, checker.calls);
+  ASSERT_EQ(2, mesh.getNumVertices());
+  EXPECT_EQ(0, remap(3));
+  EXPECT_EQ(0, remap(1));
+  EXPECT_EQ(1, remap(0));
+  EXPECT_EQ(1, remap(2));
+  // The highest old index of each group supplies the kept position.
+  EXPECT_EQ(0.0f, mesh.getVertices()[0].x);    // old 3
+  EXPECT_EQ(0.018f, mesh.getVertices()[1].x);  // old 2
+}
+
+TEST(Weld, StripsFansAndLinesFollowTheRenumbering) {
+  CompactMesh mesh = makeSoup(kxtest::makeGrid(2, 1));
+  mesh.resizeTriStripArrays(1, 4);
+  const int strip[4] = {0, 1, 2, 5};
+  std::copy(strip, strip + 4, mesh.getTriStripPoints());
+  mesh.getTriStripLengths()[0] = 4;
+  mesh.resizeTriFanArrays(1, 3);
+  const int fan[3] = {3, 4, 5};
+  std::copy(fan, fan + 3, mesh.getTriFanPoints());
+  mesh.getTriFanLengths()[0] = 3;
+  mesh.resizeLineArray(1);
+  mesh.getLines()[0] = {{6, 11}};
+  std::vector<Key> stripBefore;
+  for (int p : strip) stripBefore.push_back(keyOf(mesh.getVertices()[p]));
+  const Key lineEnd = keyOf(mesh.getVertices()[11]);
+  const Remap remap = weld(mesh);
+  ASSERT_EQ(6, mesh.getNumVertices());
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(remap(strip[i]), mesh.getTriStripPoints()[i]);
+    EXPECT_EQ(stripBefore[i], keyOf(mesh.getVertices()[mesh.getTriStripPoints()[i]]));
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(remap(fan[i]), mesh.getTriFanPoints()[i]);
+  EXPECT_EQ(lineEnd, keyOf(mesh.getVertices()[mesh.getLines()[0][1]]));
+}
+
+TEST(Weld, HostileValuesAndEmptyMeshes) {
+  const float nan = std::nanf("");
+  const MeshVertex v[6] = {{nan, 0, 0},   {nan, 0, 0}, {0.0f, 1, 0},
+                           {-0.0f, 1, 0}, {0, nan, 1}, {0, nan, 1}};
+  const int t[6] = {0, 2, 4, 1, 3, 5};
+  CompactMesh mesh(6, v, nullptr, nullptr, nullptr);
+  mesh.copyTriangles(2, t);
+  const Remap remap = weld(mesh);
+  EXPECT_EQ(5, mesh.getNumVertices());  // only +0 and -0 merge
+  EXPECT_EQ(remap(2), remap(3));
+  for (int i = 0; i < 6; ++i) EXPECT_LT(mesh.getTrianglesRaw()[i], 5);
+
+  CompactMesh empty;
+  const Remap none = weld(empty);
+  EXPECT_EQ(0, none.getDomainSize());
+  EXPECT_EQ(0, empty.getModificationCount());
+}
+
+TEST(Weld, IdenticalForEveryThreadCount) {
+  // Random positions from a small set, so many merge, with NaNs mixed in.
+  std::mt19937 rng(53);
+  std::uniform_int_distribution<int> pick(0, 40);
+  std::vector<MeshVertex> v(5000);
+  for (auto& p : v) {
+    p = {float(pick(rng) % 4), float(pick(rng) % 3), float(pick(rng) % 5)};
+    if (pick(rng) == 0) p.y = std::nanf("");
+  }
+  std::vector<int> t(v.size());
+  for (std::size_t i = 0; i < t.size(); ++i) t[i] = int(i);
+  std::vector<int> reference;
+  kxtest::forEachThreadCount([&](int threads) {
+    CompactMesh mesh(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+    mesh.copyTriangles(int(t.size() / 3), t.data());
+    const Remap remap = weld(mesh);
+    std::vector<int> got(remap.data(), remap.data() + remap.getDomainSize());
+    if (reference.empty()) reference = got;
+    EXPECT_EQ(reference, got) << threads << " threads";
+  });
+  int nans = 0;
+  for (const auto& p : v) nans += std::isnan(p.y);
+  int groups = 0;
+  for (int r : reference) groups = std::max(groups, r + 1);
+  EXPECT_EQ(60 + nans, groups);  // 4 * 3 * 5 positions, every NaN alone
+}
+
+}  // namespace
