@@ -22,4 +22,5 @@
 #include <kxgeom/predicates.h>
 #include <kxgeom/quad_ray.h>
 #include <kxgeom/query_shapes.h>
+#include <kxgeom/ray_tracer.h>
 #include <kxgeom/weld.h>

@@ -13,11 +13,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include <kxgeom/platform/boundingbox.h>
+#include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/export.h>
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
+#include <kxgeom/platform/octree.h>
 #include <kxgeom/platform/threads.h>
 
 namespace kxGeom {
@@ -120,6 +123,105 @@ class KXGEOM_API QuadRay {
   QuadLanes rdx_, rdy_, rdz_;
   QuadLanes t_;
   bool nearestHit_;
+};
+
+/// Depth-first enumeration of the octree leaves that some ray of a packet
+/// may still reach: a cell is entered when the packet's box test leaves at
+/// least one ray in its mask (so cells beyond every ray's nearest hit, behind
+/// the origin, or, in first-hit mode, reached only by finished rays are
+/// skipped). Only leaves are returned, each at most once.
+///
+/// The stack is allocated once, at construction, with room for 8 x the
+/// octree's depth entries (the worst case); `reset`, `next` and `get`
+/// allocate nothing. The octree and the packet are held by reference: both
+/// must outlive the iteration and the octree must not change.
+/// Thread safety: a single-threaded object; several threads may walk one
+/// octree at once with their own iterators and packets.
+class KXGEOM_API OctreeQuadRayIntersectIt {
+ public:
+  /// An idle iterator (`valid()` false until `reset`). [in] octree.
+  /// Cost O(depth) time and memory.
+  explicit OctreeQuadRayIntersectIt(const Octree& octree);
+  /// As above, then `reset(packet, true)`. [in] octree. [in,out] packet.
+  OctreeQuadRayIntersectIt(const Octree& octree, QuadRay& packet);
+  OctreeQuadRayIntersectIt(const OctreeQuadRayIntersectIt&) = delete;
+  OctreeQuadRayIntersectIt& operator=(const OctreeQuadRayIntersectIt&) = delete;
+
+  /// Starts a new walk for `packet` and moves to the first leaf.
+  /// [in,out] packet  the packet (kept by reference; its nearest t and hit
+  ///                  mask are read on every box test, so hits recorded
+  ///                  during the walk prune the rest of it).
+  /// [in] ordered     true: children in the order met along the packet's mean
+  ///                  direction (`Octree::getNodeOrdering`), which visits
+  ///                  leaves front to back; false: children 0, 1, ..., 7.
+  /// A packet that misses the root box, or an octree without leaves, leaves
+  /// `valid()` false. Cost O(depth) to the first leaf.
+  void reset(QuadRay& packet, bool ordered);
+  /// True while there is a current leaf.
+  bool valid() const { return count_ > 0; }
+  /// A copy of the handle on the current leaf. Requires valid().
+  OctreeIterator get() const { return stack_[count_ - 1].cell; }
+  /// The rays (bits 0..3) that reached the current leaf's box when it was
+  /// pushed. Requires valid().
+  kxUtil::BitField32 mask() const { return stack_[count_ - 1].mask; }
+  /// Advances to the next leaf; does nothing when exhausted. Cost: one
+  /// packet box test per child of every inner cell expanded.
+  void next();
+
+ private:
+  struct Entry {
+    OctreeIterator cell;
+    kxUtil::BitField32 mask;
+  };
+
+  void push(const OctreeIterator& cell);
+  void expandToLeaf();
+
+  int order_[8];
+  const Octree* octree_;
+  QuadRay* packet_ = nullptr;
+  std::unique_ptr<Entry[]> stack_;
+  int count_ = 0;
+};
+
+/// Traces packets through one mesh over an octree and its per-voxel
+/// triangle lists.
+///
+/// The walk keeps the fixed child order 0..7 and relies on the nearest-t
+/// pruning of the box test instead of front-to-back order. Each triangle is
+/// tested at most once per packet, even when it lies in several voxels: a
+/// per-triangle stamp marks the triangles seen by the current packet, so no
+/// array is cleared per packet. In first-hit mode the walk stops as soon as
+/// all four rays have hit.
+/// Thread safety: a tracer belongs to one thread; several tracers may run on
+/// one mesh, octree and triangle lists at once (they are only read).
+class KXGEOM_API QuadRayTracer {
+ public:
+  /// [in] octree  the octree whose voxels `tris` lists.
+  /// [in] tris    per-voxel triangle indices of `mesh` (`computeOctreeTris`).
+  /// [in] mesh    the mesh (not null); its vertex and triangle arrays are
+  ///              read on every trace, so it must outlive the tracer and not
+  ///              change. Indices are not validated.
+  /// Cost O(triangles) memory for the stamps (one 32-bit word each).
+  QuadRayTracer(const Octree& octree, const OctreeTris& tris, const CompactMesh* mesh);
+
+  /// Traces the packet; the results are read from the packet (`triHit`,
+  /// `triIntersectionRayParam`). Hits already recorded in the packet are kept
+  /// and prune the walk. [in,out] packet.
+  /// Cost: the leaves the packet reaches and their triangles; allocates
+  /// nothing (except clearing the stamps once every 2^32 - 2 packets).
+  void intersect(QuadRay& packet);
+
+ private:
+  // Tests the unseen triangles of one voxel; false once every ray is finished.
+  bool intersectVoxel(QuadRay& packet, int voxel);
+
+  OctreeQuadRayIntersectIt leaves_;
+  kx::vector<std::uint32_t> stamps_;
+  std::uint32_t stamp_ = 1;
+  const OctreeTris* tris_;
+  const MeshVertex* vertices_;
+  const MeshTriangle* triangles_;
 };
 
 }  // namespace kxGeom

@@ -1,5 +1,7 @@
 #include <kxgeom/quad_ray.h>
 
+#include <algorithm>
+
 #include <emmintrin.h>
 #include <xmmintrin.h>
 
@@ -146,6 +148,85 @@ void QuadRay::intersect(const BoundingBox& box, kxUtil::BitField32& mask) const 
       std::uint32_t(_mm_movemask_ps(_mm_and_ps(overlap, _mm_and_ps(beforeNearest, aheadOfOrigin))));
   if (!nearestHit_) passing &= ~hitMask_;
   mask = kxUtil::BitField32(passing);
+}
+
+OctreeQuadRayIntersectIt::OctreeQuadRayIntersectIt(const Octree& octree)
+    : order_{0, 1, 2, 3, 4, 5, 6, 7},
+      octree_(&octree),
+      stack_(new Entry[std::size_t(8 * std::max(1, octree.depth))]) {}
+
+OctreeQuadRayIntersectIt::OctreeQuadRayIntersectIt(const Octree& octree, QuadRay& packet)
+    : OctreeQuadRayIntersectIt(octree) {
+  reset(packet, true);
+}
+
+void OctreeQuadRayIntersectIt::reset(QuadRay& packet, bool ordered) {
+  packet_ = &packet;
+  if (ordered) {
+    Octree::getNodeOrdering(kxLinear::Vector(packet.meanDirection()), order_);
+  } else {
+    for (int k = 0; k < 8; ++k) order_[k] = k;
+  }
+  count_ = 0;
+  const OctreeIterator root = octree_->getRoot();
+  if (!root.getNode()) return;
+  push(root);
+  expandToLeaf();
+}
+
+void OctreeQuadRayIntersectIt::push(const OctreeIterator& cell) {
+  kxUtil::BitField32 mask;
+  packet_->intersect(cell.getBox(), mask);
+  if (mask.any()) stack_[count_++] = Entry{cell, mask};
+}
+
+// Children are pushed from order[7] down to order[0], so order[0] is on top
+// and explored first.
+void OctreeQuadRayIntersectIt::expandToLeaf() {
+  while (count_ > 0 && !stack_[count_ - 1].cell.isLeaf()) {
+    const OctreeIterator parent = stack_[--count_].cell;
+    for (int k = 7; k >= 0; --k) {
+      OctreeIterator child = parent;
+      if (child.descend(order_[k])) push(child);
+    }
+  }
+}
+
+void OctreeQuadRayIntersectIt::next() {
+  if (count_ == 0) return;
+  --count_;  // the current leaf
+  expandToLeaf();
+}
+
+QuadRayTracer::QuadRayTracer(const Octree& octree, const OctreeTris& tris, const CompactMesh* mesh)
+    : leaves_(octree),
+      tris_(&tris),
+      vertices_(mesh->getVertices()),
+      triangles_(mesh->getTriangles()) {
+  stamps_.assign(std::size_t(mesh->getNumTriangles()), 0u);
+}
+
+bool QuadRayTracer::intersectVoxel(QuadRay& packet, int voxel) {
+  const int* tris = tris_->firstTri(voxel);
+  const int count = tris_->numTris(voxel);
+  for (int i = 0; i < count; ++i) {
+    const int tri = tris[i];
+    if (stamps_[std::size_t(tri)] == stamp_) continue;
+    stamps_[std::size_t(tri)] = stamp_;
+    packet.intersect(triangles_[tri], vertices_);
+    if (packet.allRaysTerminated()) return false;
+  }
+  return true;
+}
+
+void QuadRayTracer::intersect(QuadRay& packet) {
+  for (leaves_.reset(packet, false); leaves_.valid(); leaves_.next()) {
+    if (!intersectVoxel(packet, leaves_.get().getVoxel())) break;
+  }
+  if (++stamp_ == 0xFFFFFFFFu) {
+    std::fill(stamps_.begin(), stamps_.end(), 0u);
+    stamp_ = 1;
+  }
 }
 
 }  // namespace kxGeom
