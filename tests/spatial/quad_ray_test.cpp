@@ -13,6 +13,7 @@
 #include <array>
 #include <cmath>
 #include <random>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -21,11 +22,14 @@ using kxGeom::BoundingBox;
 using kxGeom::CompactMesh;
 using kxGeom::MeshTriangle;
 using kxGeom::MeshVertex;
+using kxGeom::OctreeQuadRayIntersectIt;
 using kxGeom::QuadRay;
+using kxGeom::QuadRayTracer;
 using kxLinear::Point;
 using kxLinear::PointFlt;
 using kxLinear::Vector;
 using kxLinear::VectorFlt;
+using kxtest::IndexedMesh;
 
 constexpr float kMaxFloat = 3.4028235e38f;
 
@@ -362,6 +366,332 @@ TEST(QuadRayBoxes, BoxesBehindTheOriginOrBeyondTheNearestHitAreSkipped) {
   EXPECT_EQ(mask.value(), 15u);  // entered before the nearest hit
   packet.intersect(BoundingBox(-1.0f, -1.0f, -1.0f, 1.0f, 1.0f, 1.0f), mask);
   EXPECT_EQ(mask.value(), 15u);  // holds the origin
+}
+
+// --- Leaf walk ----------------------------------------------------------------
+
+TEST(OctreeQuadRayIntersectIt, LeafMasksMatchSingleRayWalks) {
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
+  std::mt19937 rng(23);
+  OctreeQuadRayIntersectIt quadLeaves(m.octree);
+  kxGeom::OctreeRayIntersectIt rayLeaves(m.octree);
+  int leavesChecked = 0;
+  for (int i = 0; i < 100; ++i) {
+    const PointFlt o = kxtest::randomOrigin(box, i % 3 == 0, rng);
+    Directions d;
+    for (auto& dk : d) dk = kxtest::randomPointInBox(box, 1.25f, rng) - o;
+    QuadRay packet = makePacket(o, d, true);
+    // Per lane, the voxels that the packet walk reached with that lane's bit.
+    std::vector<std::array<bool, 4>> quadHas(std::size_t(m.octree.numLeaves),
+                                             {false, false, false, false});
+    for (quadLeaves.reset(packet, i % 2 == 0); quadLeaves.valid(); quadLeaves.next()) {
+      for (int k = 0; k < 4; ++k)
+        quadHas[std::size_t(quadLeaves.get().getVoxel())][std::size_t(k)] |=
+            quadLeaves.mask().test(k);
+    }
+    for (int k = 0; k < 4; ++k) {
+      const kxGeom::Ray ray(o, wide(d[k]));
+      std::vector<char> rayHas(std::size_t(m.octree.numLeaves), 0);
+      std::vector<BoundingBox> boxes(std::size_t(m.octree.numLeaves));
+      for (rayLeaves.reset(ray); rayLeaves.valid(); rayLeaves.next())
+        rayHas[std::size_t(rayLeaves.get().getVoxel())] = 1;
+      for (kxGeom::OctreeLeafIterator all(m.octree); all.valid(); all.next()) {
+        const int voxel = all.get().getVoxel();
+        const int verdict = boxVerdict(packet, k, wide(o), wide(d[k]), all.get().getBox(), 5e-3);
+        if (verdict < 0) continue;
+        ++leavesChecked;
+        ASSERT_EQ(quadHas[std::size_t(voxel)][std::size_t(k)], verdict == 1)
+            << "packet " << i << " lane " << k;
+        ASSERT_EQ(rayHas[std::size_t(voxel)] != 0, verdict == 1);
+      }
+    }
+  }
+  EXPECT_GT(leavesChecked, 100 * 4 * m.octree.numLeaves * 8 / 10);
+}
+
+TEST(OctreeQuadRayIntersectIt, OrderedWalkVisitsLeavesFrontToBack) {
+  const IndexedMesh m(kxtest::makeRandomMesh(400, 800, 29));
+  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
+  std::mt19937 rng(31);
+  OctreeQuadRayIntersectIt leaves(m.octree);
+  int steps = 0;
+  for (int i = 0; i < 200; ++i) {
+    const PointFlt o = kxtest::randomOrigin(box, i % 2 == 0, rng);
+    const VectorFlt d = kxtest::randomPointInBox(box, 1.0f, rng) - o;
+    QuadRay packet = makePacket(o, {d, d, d, d}, true);
+    double previousEntry = -1e300;
+    for (leaves.reset(packet, true); leaves.valid(); leaves.next()) {
+      double t0, t1;
+      if (!kxtest::slabInterval(wide(o), wide(d), leaves.get().getBox(), 1e-4, t0, t1)) continue;
+      EXPECT_GE(std::max(t0, 0.0), previousEntry - 1e-3) << "packet " << i;
+      previousEntry = std::max(previousEntry, std::max(t0, 0.0));
+      ++steps;
+    }
+  }
+  EXPECT_GT(steps, 1000);
+}
+
+TEST(OctreeQuadRayIntersectIt, OctreeWithoutLeavesYieldsNothing) {
+  const IndexedMesh m{CompactMesh()};
+  ASSERT_EQ(m.octree.numLeaves, 0);
+  QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
+  OctreeQuadRayIntersectIt leaves(m.octree, packet);
+  EXPECT_FALSE(leaves.valid());
+  leaves.next();
+  EXPECT_FALSE(leaves.valid());
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  tracer.intersect(packet);
+  EXPECT_EQ(packet.hitMask(), 0u);
+}
+
+// --- Tracer ---------------------------------------------------------------------
+
+// Four rays from one origin toward random points of the box.
+QuadRay randomPacket(const BoundingBox& box, bool inside, bool nearest, std::mt19937& rng,
+                     PointFlt& o, Directions& d) {
+  o = kxtest::randomOrigin(box, inside, rng);
+  for (auto& dk : d) dk = kxtest::randomPointInBox(box, 1.25f, rng) - o;
+  return makePacket(o, d, nearest);
+}
+
+TEST(QuadRayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
+  std::mt19937 rng(17);
+  for (const CompactMesh& model :
+       {kxtest::makeLatLongSphere(24, 48), kxtest::makeRandomMesh(300, 600, 21)}) {
+    const IndexedMesh m(model);
+    const BoundingBox box = IndexedMesh::boxOf(m.mesh);
+    QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+    int sureHits = 0, uncertain = 0, lanes = 0;
+    for (int i = 0; i < 300; ++i) {
+      PointFlt o;
+      Directions d;
+      QuadRay packet = randomPacket(box, i % 4 == 0, true, rng, o, d);
+      tracer.intersect(packet);
+      for (int k = 0; k < 4; ++k) {
+        const auto oracle = kxtest::bruteForceRay(m.mesh, wide(o), wide(d[k]), 1e-6);
+        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4))
+            << "packet " << i << " lane " << k << " t " << packet.triIntersectionRayParam(k)
+            << " oracle " << oracle.nearestSure;
+        sureHits += oracle.surelyHit;
+        uncertain += !oracle.certain();
+        ++lanes;
+      }
+    }
+    EXPECT_GT(sureHits, lanes / 3);
+    EXPECT_LT(uncertain, lanes / 20);
+  }
+}
+
+// Traces with the iterator alone, testing every triangle of every leaf
+// (repeats included), in the given child order.
+void traceWithoutStamps(QuadRay& packet, const IndexedMesh& m, bool ordered) {
+  OctreeQuadRayIntersectIt leaves(m.octree);
+  for (leaves.reset(packet, ordered); leaves.valid(); leaves.next()) {
+    const int voxel = leaves.get().getVoxel();
+    for (int i = 0; i < m.tris.numTris(voxel); ++i)
+      packet.intersect(m.mesh.getTriangles()[m.tris.firstTri(voxel)[i]], m.mesh.getVertices());
+  }
+}
+
+TEST(QuadRayTracer, OrderedAndUnorderedWalksFindTheSameNearestHits) {
+  std::mt19937 rng(41);
+  const IndexedMesh m(kxtest::makeRandomMesh(500, 1200, 43));
+  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  int identical = 0, lanes = 0;
+  for (int i = 0; i < 500; ++i) {
+    PointFlt o;
+    Directions d;
+    QuadRay traced = randomPacket(box, i % 3 == 0, true, rng, o, d);
+    QuadRay ordered = traced, unordered = traced;
+    tracer.intersect(traced);
+    traceWithoutStamps(ordered, m, true);
+    traceWithoutStamps(unordered, m, false);
+    ASSERT_EQ(traced.hitMask(), ordered.hitMask());
+    ASSERT_EQ(traced.hitMask(), unordered.hitMask());
+    for (int k = 0; k < 4; ++k) {
+      // Same triangles in the same order: the stamps only drop repeats.
+      ASSERT_EQ(traced.triIntersectionRayParam(k), unordered.triIntersectionRayParam(k));
+      // Another order may prune a near-tie differently (reciprocal estimates).
+      const float t = traced.triIntersectionRayParam(k),
+                  tOrdered = ordered.triIntersectionRayParam(k);
+      ASSERT_NEAR(t, tOrdered, 1e-3f * std::fabs(t));
+      identical += t == tOrdered;
+      ++lanes;
+    }
+  }
+  EXPECT_GT(identical, lanes * 99 / 100);
+}
+
+// Two triangles in one leaf, listed far first: the far one at z = 5, and a
+// larger near one at z = 2. Both face rays along +z.
+CompactMesh farThenNear() {
+  const std::vector<MeshVertex> v = {{-1, -1, 5},   {3, -1, 5},   {-1, 3, 5},
+                                     {-10, -10, 2}, {30, -10, 2}, {-10, 30, 2}};
+  const int tris[] = {0, 2, 1, 3, 5, 4};
+  CompactMesh mesh(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  mesh.copyTriangles(2, tris);
+  return mesh;
+}
+
+TEST(QuadRayTracer, FirstHitModeStopsOnceAllRaysHaveHit) {
+  const IndexedMesh m(farThenNear());
+  ASSERT_EQ(m.octree.numLeaves, 1);
+  ASSERT_EQ(m.tris.firstTri(0)[0], 0);
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  for (bool nearest : {true, false}) {
+    QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, nearest);
+    tracer.intersect(packet);
+    EXPECT_EQ(packet.hitMask(), 15u);
+    EXPECT_EQ(packet.allRaysTerminated(), !nearest);
+    // First-hit mode stops after the far triangle, which all four rays hit.
+    for (int k = 0; k < 4; ++k)
+      EXPECT_NEAR(packet.triIntersectionRayParam(k), nearest ? 2.0f : 5.0f, 1e-5f);
+  }
+  // With lane 3 passing beside the far triangle the walk must go on, and the
+  // near triangle then lowers every lane's t.
+  Directions d = kAlongZ;
+  d[3] = VectorFlt(2, 2, 1);
+  QuadRay packet = makePacket(PointFlt(0, 0, 0), d, false);
+  tracer.intersect(packet);
+  EXPECT_EQ(packet.hitMask(), 15u);
+  for (int k = 0; k < 4; ++k) EXPECT_NEAR(packet.triIntersectionRayParam(k), 2.0f, 1e-5f);
+}
+
+TEST(QuadRayTracer, FirstHitsLieOnTheSurfaceAndAgreeOnWhichRaysHit) {
+  std::mt19937 rng(47);
+  const IndexedMesh m(kxtest::makeLatLongSphere(32, 64));
+  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  int fartherThanNearest = 0, hits = 0;
+  for (int i = 0; i < 400; ++i) {
+    PointFlt o;
+    Directions d;
+    QuadRay first = randomPacket(box, false, false, rng, o, d);
+    QuadRay nearest = makePacket(o, d, true);
+    tracer.intersect(first);
+    tracer.intersect(nearest);
+    ASSERT_EQ(first.hitMask(), nearest.hitMask());
+    for (int k = 0; k < 4; ++k) {
+      if (!first.triHit(k)) continue;
+      const float t = first.triIntersectionRayParam(k);
+      ASSERT_GE(t, nearest.triIntersectionRayParam(k));
+      // Every hit point lies on the unit sphere, up to the facets' sag.
+      const Point hit = wide(o + d[k] * t);
+      ASSERT_NEAR(hit.length(), 1.0, 3e-3);
+      fartherThanNearest += t > nearest.triIntersectionRayParam(k) * 1.01f;
+      ++hits;
+    }
+  }
+  EXPECT_GT(hits, 400);
+  EXPECT_GT(fartherThanNearest, 0);  // some walks stopped on the far side
+}
+
+TEST(QuadRayTracer, PacketsThatMissEverythingReportNothing) {
+  std::mt19937 rng(53);
+  std::uniform_real_distribution<float> jitter(-0.3f, 0.3f);
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  for (int i = 0; i < 200; ++i) {
+    const PointFlt o = kxtest::randomOrigin(box, false, rng);
+    Directions d;
+    for (auto& dk : d) dk = o + VectorFlt(jitter(rng), jitter(rng), jitter(rng));  // away
+    QuadRay packet = makePacket(o, d, i % 2 == 0);
+    tracer.intersect(packet);
+    ASSERT_EQ(packet.hitMask(), 0u);
+    for (int k = 0; k < 4; ++k) ASSERT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
+  }
+}
+
+TEST(QuadRayTracer, EdgeOnAndBehindTheOriginNeverHitAGrid) {
+  QuadCullGuard guard;
+  QuadRay::setBackfaceCullDistance(-100.0f);
+  const IndexedMesh m(kxtest::makeGrid(12, 9));  // z = 0, faces +z
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  struct Case {
+    PointFlt origin;
+    Directions d;
+    std::uint32_t mask;
+  };
+  const Directions up = kAlongZ;
+  const Directions down = {up[0] * -1.0f, up[1] * -1.0f, up[2] * -1.0f, up[3] * -1.0f};
+  const Directions inPlane = {VectorFlt(1, 0.5f, 0), VectorFlt(1, 0, 0), VectorFlt(1, 1, 0),
+                              VectorFlt(0.5f, 1, 0)};
+  for (const Case& c : {Case{PointFlt(-1, -1, 0), inPlane, 0u},     // edge-on, across the grid
+                        Case{PointFlt(4.5f, 3.25f, 1), up, 0u},     // grid behind (back face)
+                        Case{PointFlt(4.5f, 3.25f, -1), down, 0u},  // grid behind (front face)
+                        Case{PointFlt(4.5f, 3.25f, 1), down, 15u}}) {
+    QuadRay packet = makePacket(c.origin, c.d, true);
+    tracer.intersect(packet);
+    EXPECT_EQ(packet.hitMask(), c.mask) << c.origin.x << " " << c.origin.z;
+    if (c.mask) {
+      EXPECT_NEAR(packet.triIntersectionRayParam(0), 1.0f, 1e-6f);
+    }
+  }
+}
+
+TEST(QuadRayTracer, BackFacesFromInsideASphereObeyTheCullDistance) {
+  QuadCullGuard guard;
+  std::mt19937 rng(59);
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  const PointFlt o(0.1f, -0.2f, 0.05f);
+  // Unit directions: every hit is a back face at t in about [0.78, 1.22].
+  for (const float cull : {0.5f, 1.0f, 1.5f}) {
+    QuadRay::setBackfaceCullDistance(cull);
+    int hits = 0;
+    for (int i = 0; i < 200; ++i) {
+      Directions d;
+      for (auto& dk : d) dk = kxLinear::normalized(VectorFlt(unit(rng), unit(rng), unit(rng)));
+      QuadRay packet = makePacket(o, d, true);
+      tracer.intersect(packet);
+      for (int k = 0; k < 4; ++k) {
+        const auto oracle = kxtest::bruteForceRay(m.mesh, wide(o), wide(d[k]), cull);
+        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4));
+        hits += packet.triHit(k);
+      }
+    }
+    if (cull < 0.75f) {
+      EXPECT_EQ(hits, 800);
+    } else if (cull > 1.25f) {
+      EXPECT_EQ(hits, 0);
+    }
+  }
+}
+
+TEST(QuadRayTracer, ThreadsTracingOneMeshGetTheSerialResults) {
+  std::mt19937 rng(61);
+  const IndexedMesh m(kxtest::makeLatLongSphere(40, 80));
+  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
+  std::vector<QuadRay> packets;
+  for (int i = 0; i < 2000; ++i) {
+    PointFlt o;
+    Directions d;
+    packets.push_back(randomPacket(box, i % 5 == 0, i % 2 == 0, rng, o, d));
+  }
+  std::vector<QuadRay> serial = packets;
+  QuadRayTracer serialTracer(m.octree, m.tris, &m.mesh);
+  for (QuadRay& p : serial) serialTracer.intersect(p);
+  constexpr int kThreads = 4;
+  std::vector<std::vector<QuadRay>> results(kThreads, packets);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&m, &results, t] {
+      QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+      for (QuadRay& p : results[std::size_t(t)]) tracer.intersect(p);
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  for (const auto& result : results) {
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+      ASSERT_EQ(result[i].hitMask(), serial[i].hitMask());
+      for (int k = 0; k < 4; ++k)
+        ASSERT_EQ(result[i].triIntersectionRayParam(k), serial[i].triIntersectionRayParam(k));
+    }
+  }
 }
 
 }  // namespace

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <random>
 
 #include <kxgeom/kxgeom.h>
+#include <kxgeom/octree_query.h>
 
 namespace kxtest {
 
@@ -15,18 +17,19 @@ namespace kxtest {
 enum class RayTriClass { Miss, Hit, Unsure };
 
 /// The tracers' rules: a hit needs the ray to cross the triangle (edges
-/// included) at t > `eps`, the triangle not seen edge-on, and either a front
+/// included) at t > `eps`, the triangle not seen edge-on (|determinant| <
+/// `detMin`), and either a front
 /// face (the ray travels against the right-handed normal) or t >= `cull`.
 /// `Unsure` marks answers that rounding in single precision may flip: a
 /// crossing within a relative 1e-4 of an edge, t within a relative 1e-4 of
 /// `eps` or of `cull`, and any crossing near the triangle at a grazing angle
 /// (|cosine| < 0.01, where float arithmetic loses about 1e-7 / |cosine|) or
-/// with a determinant within 10 `eps` of the edge-on cutoff. `t` is written
+/// with a determinant within 10 `detMin` of the edge-on cutoff. `t` is written
 /// for Hit and Unsure.
 inline RayTriClass classifyRayTriangle(const kxLinear::Point& o, const kxLinear::Vector& d,
                                        const kxLinear::Point& a, const kxLinear::Point& b,
                                        const kxLinear::Point& c, double cull, double& t,
-                                       double eps = 1e-6) {
+                                       double eps = 1e-6, double detMin = 1e-6) {
   using kxLinear::cross;
   using kxLinear::dot;
   const kxLinear::Vector n = cross(b - a, c - a);
@@ -41,7 +44,7 @@ inline RayTriClass classifyRayTriangle(const kxLinear::Point& o, const kxLinear:
   if (sum == 0.0) return RayTriClass::Miss;
   const double margin = std::min({wa / sum, wb / sum, wc / sum});
   t = dot(n, a - o) / sum;
-  if (std::fabs(cosine) < 1e-2 || std::fabs(sum) < 10 * eps) {
+  if (std::fabs(cosine) < 1e-2 || std::fabs(sum) < 10 * detMin) {
     const double slack = 1e-5 / std::fabs(cosine);
     const bool near = margin > -slack && t > eps - slack * (1.0 + std::fabs(t));
     return near ? RayTriClass::Unsure : RayTriClass::Miss;
@@ -77,15 +80,17 @@ struct BruteForceRay {
 };
 
 /// Tests the ray o + t d against every triangle of `mesh`.
+/// [in] eps  the smallest t that counts (1e-6 for packets, 1e-8 for RayTracer).
 inline BruteForceRay bruteForceRay(const kxGeom::CompactMesh& mesh, const kxLinear::Point& o,
-                                   const kxLinear::Vector& d, double cull) {
+                                   const kxLinear::Vector& d, double cull, double eps = 1e-6) {
   BruteForceRay r;
   const kxGeom::MeshVertex* v = mesh.getVertices();
   const kxGeom::MeshTriangle* tris = mesh.getTriangles();
   for (int i = 0; i < mesh.getNumTriangles(); ++i) {
     double t = 0;
-    const RayTriClass k = classifyRayTriangle(
-        o, d, v[tris[i][0]].asPoint(), v[tris[i][1]].asPoint(), v[tris[i][2]].asPoint(), cull, t);
+    const RayTriClass k =
+        classifyRayTriangle(o, d, v[tris[i][0]].asPoint(), v[tris[i][1]].asPoint(),
+                            v[tris[i][2]].asPoint(), cull, t, eps);
     if (k == RayTriClass::Miss) continue;
     r.possiblyHit = true;
     r.nearestAny = std::min(r.nearestAny, t);
@@ -98,6 +103,45 @@ inline BruteForceRay bruteForceRay(const kxGeom::CompactMesh& mesh, const kxLine
     }
   }
   return r;
+}
+
+/// A mesh with the octree over its vertices (the library's usual settings)
+/// and the per-voxel triangle lists that the tracers walk.
+struct IndexedMesh {
+  explicit IndexedMesh(const kxGeom::CompactMesh& m)
+      : mesh(m), octree(m.getNumVertices(), m.getVerticesRaw(), boxOf(m), true, 16) {
+    kxGeom::computeOctreeTris(mesh, octree, tris);
+  }
+  static kxGeom::BoundingBox boxOf(const kxGeom::CompactMesh& m) {
+    kxGeom::BoundingBox box;
+    kxGeom::meshBoundingBox(m, box);
+    return box;
+  }
+
+  kxGeom::CompactMesh mesh;
+  kxGeom::Octree octree;
+  kxGeom::OctreeTris tris;
+};
+
+/// A random point of `box` grown by `grow` about its centre.
+inline kxLinear::PointFlt randomPointInBox(const kxGeom::BoundingBox& box, float grow,
+                                           std::mt19937& rng) {
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  const kxLinear::PointFlt c = box.center();
+  const kxLinear::VectorFlt h = box.halfDiagonal() * grow;
+  return {c.x + h.x * unit(rng), c.y + h.y * unit(rng), c.z + h.z * unit(rng)};
+}
+
+/// A random ray origin: inside `box` when `inside`, otherwise outside it at
+/// 1.5 to 3 times its half diagonal from its centre.
+inline kxLinear::PointFlt randomOrigin(const kxGeom::BoundingBox& box, bool inside,
+                                       std::mt19937& rng) {
+  if (inside) return randomPointInBox(box, 1.0f, rng);
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  kxLinear::VectorFlt away(unit(rng), unit(rng), unit(rng));
+  while (away.length2() < 1e-4f) away = kxLinear::VectorFlt(unit(rng), unit(rng), unit(rng));
+  const float distance = box.halfDiagonal().length() * (2.25f + 0.75f * unit(rng));
+  return box.center() + kxLinear::normalized(away) * distance;
 }
 
 }  // namespace kxtest
