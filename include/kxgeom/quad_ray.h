@@ -64,7 +64,9 @@ class KXGEOM_API QuadRay {
   /// [in] nearestHit  true: nearest-hit mode; false: first-hit mode.
   /// The hit mask starts at 0 and every lane's nearest t at 3.4028235e38. The
   /// reciprocal directions used by the box test are the processor's estimate
-  /// (about 12 bits); a zero component gives an infinite reciprocal.
+  /// (about 12 bits); the reciprocal of a zero component is clamped to
+  /// +/-3.4028235e38, so a ray parallel to a box face that starts in its
+  /// plane is taken to touch the box on the side it faces.
   /// Cost O(1). Allocates nothing.
   QuadRay(const kxLinear::PointFlt& origin, const kxLinear::VectorFlt& d0,
           const kxLinear::VectorFlt& d1, const kxLinear::VectorFlt& d2,

@@ -21,6 +21,16 @@ inline __m128 load(const QuadBits& q) {
 
 inline void store(QuadLanes& q, __m128 value) { _mm_store_ps(q.lane, value); }
 
+// The processor's reciprocal estimate, with the infinities of zero
+// components clamped to the largest float: a ray parallel to a slab that
+// starts exactly on its plane then gets the interval [0, huge) instead of
+// NaN, so an axis-aligned ray lying in an octree split plane still enters
+// the cells on one side of it.
+inline __m128 reciprocalEstimate(__m128 d) {
+  const __m128 limit = _mm_set1_ps(BoundingBox::kMaxFloat);
+  return _mm_max_ps(_mm_min_ps(_mm_rcp_ps(d), limit), _mm_sub_ps(_mm_setzero_ps(), limit));
+}
+
 // Lane-wise select: a where mask is set, b elsewhere (SSE2 has no blend).
 inline __m128 select(__m128 mask, __m128 a, __m128 b) {
   return _mm_or_ps(_mm_and_ps(mask, a), _mm_andnot_ps(mask, b));
@@ -71,9 +81,9 @@ QuadRay::QuadRay(const kxLinear::PointFlt& origin, const kxLinear::VectorFlt& d0
   meanDirection_[0] = mean.x;
   meanDirection_[1] = mean.y;
   meanDirection_[2] = mean.z;
-  store(rdx_, _mm_rcp_ps(load(dx_)));
-  store(rdy_, _mm_rcp_ps(load(dy_)));
-  store(rdz_, _mm_rcp_ps(load(dz_)));
+  store(rdx_, reciprocalEstimate(load(dx_)));
+  store(rdy_, reciprocalEstimate(load(dy_)));
+  store(rdz_, reciprocalEstimate(load(dz_)));
 }
 
 void QuadRay::setBackfaceCullDistance(float distance) { cullDistance = broadcast(distance); }

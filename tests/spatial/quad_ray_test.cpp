@@ -662,6 +662,26 @@ TEST(QuadRayTracer, BackFacesFromInsideASphereObeyTheCullDistance) {
   }
 }
 
+TEST(QuadRayTracer, AxisAlignedRaysInOctreeSplitPlanesStillHit) {
+  // The sphere's octree splits at x = 0, y = 0 and z = 0; these rays run
+  // inside those planes with zero direction components.
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  QuadRay packet = makePacket(
+      PointFlt(0, 0, -3),
+      {VectorFlt(0, 0, 1), VectorFlt(0, 0, 1), VectorFlt(0, 0.1f, 1), VectorFlt(0.1f, 0, 1)}, true);
+  tracer.intersect(packet);
+  EXPECT_EQ(packet.hitMask(), 15u);
+  EXPECT_NEAR(packet.triIntersectionRayParam(0), 2.0f, 1e-3f);
+  QuadRay sideways = makePacket(
+      PointFlt(-3, 0, 0),
+      {VectorFlt(1, 0, 0), VectorFlt(1, 0.1f, 0), VectorFlt(1, 0, 0.1f), VectorFlt(1, 0, -0.1f)},
+      true);
+  tracer.intersect(sideways);
+  EXPECT_EQ(sideways.hitMask(), 15u);
+  EXPECT_NEAR(sideways.triIntersectionRayParam(0), 2.0f, 1e-2f);
+}
+
 TEST(QuadRayTracer, ThreadsTracingOneMeshGetTheSerialResults) {
   std::mt19937 rng(61);
   const IndexedMesh m(kxtest::makeLatLongSphere(40, 80));
