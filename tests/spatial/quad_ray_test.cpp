@@ -143,15 +143,24 @@ TEST(QuadRayTriangles, FartherHitSetsMaskButKeepsNearestParameter) {
 }
 
 TEST(QuadRayTriangles, EdgesAndCornersCountAsInside) {
-  // Rays through a corner, the midpoint of a leg, a point of the hypotenuse
-  // and, for contrast, just past it; all arithmetic is exact in float.
+  // The front-facing triangle is wound (-1, -1), (-1, 3), (3, -1) at z = 2.
+  // Rays through its corners (u = v = 0; u = det; v = det) and a point of the
+  // hypotenuse (u + v = det) hit; rays just outside miss. All arithmetic is
+  // exact in float.
   const PlaneTriangle tri = triangleAtZ(2, false);
-  const Directions d = {VectorFlt(-1, -1, 2), VectorFlt(1, -1, 2), VectorFlt(1, 1, 2),
-                        VectorFlt(1.0078125f, 1, 2)};
-  QuadRay packet = makePacket(PointFlt(0, 0, 0), d, true);
-  packet.intersect(tri.triangle, tri.vertices.data());
-  EXPECT_EQ(packet.hitMask(), 7u);
-  for (int k = 0; k < 3; ++k) EXPECT_EQ(packet.triIntersectionRayParam(k), 1.0f);
+  QuadRay onBoundary = makePacket(
+      PointFlt(0, 0, 0),
+      {VectorFlt(-1, -1, 2), VectorFlt(-1, 3, 2), VectorFlt(3, -1, 2), VectorFlt(1, 1, 2)}, true);
+  onBoundary.intersect(tri.triangle, tri.vertices.data());
+  EXPECT_EQ(onBoundary.hitMask(), 15u);
+  for (int k = 0; k < 4; ++k) EXPECT_EQ(onBoundary.triIntersectionRayParam(k), 1.0f);
+  const float past = 1.0078125f;
+  QuadRay outside = makePacket(PointFlt(0, 0, 0),
+                               {VectorFlt(-past, -1, 2), VectorFlt(-1, 3 * past, 2),
+                                VectorFlt(3 * past, -1, 2), VectorFlt(past, 1, 2)},
+                               true);
+  outside.intersect(tri.triangle, tri.vertices.data());
+  EXPECT_EQ(outside.hitMask(), 0u);
 }
 
 TEST(QuadRayTriangles, EdgeOnTrianglesNeverHit) {
