@@ -381,15 +381,14 @@ TEST(QuadRayBoxes, BoxesBehindTheOriginOrBeyondTheNearestHitAreSkipped) {
 
 TEST(OctreeQuadRayIntersectIt, LeafMasksMatchSingleRayWalks) {
   const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   std::mt19937 rng(23);
   OctreeQuadRayIntersectIt quadLeaves(m.octree);
   kxGeom::OctreeRayIntersectIt rayLeaves(m.octree);
   int leavesChecked = 0;
   for (int i = 0; i < 100; ++i) {
-    const PointFlt o = kxtest::randomOrigin(box, i % 3 == 0, rng);
+    const PointFlt o = kxtest::randomOrigin(m.box, i % 3 == 0, rng);
     Directions d;
-    for (auto& dk : d) dk = kxtest::randomPointInBox(box, 1.25f, rng) - o;
+    for (auto& dk : d) dk = kxtest::randomPointInBox(m.box, 1.25f, rng) - o;
     QuadRay packet = makePacket(o, d, true);
     // Per lane, the voxels that the packet walk reached with that lane's bit.
     std::vector<std::array<bool, 4>> quadHas(std::size_t(m.octree.numLeaves),
@@ -421,13 +420,12 @@ TEST(OctreeQuadRayIntersectIt, LeafMasksMatchSingleRayWalks) {
 
 TEST(OctreeQuadRayIntersectIt, OrderedWalkVisitsLeavesFrontToBack) {
   const IndexedMesh m(kxtest::makeRandomMesh(400, 800, 29));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   std::mt19937 rng(31);
   OctreeQuadRayIntersectIt leaves(m.octree);
   int steps = 0;
   for (int i = 0; i < 200; ++i) {
-    const PointFlt o = kxtest::randomOrigin(box, i % 2 == 0, rng);
-    const VectorFlt d = kxtest::randomPointInBox(box, 1.0f, rng) - o;
+    const PointFlt o = kxtest::randomOrigin(m.box, i % 2 == 0, rng);
+    const VectorFlt d = kxtest::randomPointInBox(m.box, 1.0f, rng) - o;
     QuadRay packet = makePacket(o, {d, d, d, d}, true);
     double previousEntry = -1e300;
     for (leaves.reset(packet, true); leaves.valid(); leaves.next()) {
@@ -469,13 +467,12 @@ TEST(QuadRayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
   for (const CompactMesh& model :
        {kxtest::makeLatLongSphere(24, 48), kxtest::makeRandomMesh(300, 600, 21)}) {
     const IndexedMesh m(model);
-    const BoundingBox box = IndexedMesh::boxOf(m.mesh);
     QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
     int sureHits = 0, uncertain = 0, lanes = 0;
     for (int i = 0; i < 300; ++i) {
       PointFlt o;
       Directions d;
-      QuadRay packet = randomPacket(box, i % 4 == 0, true, rng, o, d);
+      QuadRay packet = randomPacket(m.box, i % 4 == 0, true, rng, o, d);
       tracer.intersect(packet);
       for (int k = 0; k < 4; ++k) {
         const auto oracle = kxtest::bruteForceRay(m.mesh, wide(o), wide(d[k]), 1e-6);
@@ -506,13 +503,12 @@ void traceWithoutStamps(QuadRay& packet, const IndexedMesh& m, bool ordered) {
 TEST(QuadRayTracer, OrderedAndUnorderedWalksFindTheSameNearestHits) {
   std::mt19937 rng(41);
   const IndexedMesh m(kxtest::makeRandomMesh(500, 1200, 43));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
   int identical = 0, lanes = 0;
   for (int i = 0; i < 500; ++i) {
     PointFlt o;
     Directions d;
-    QuadRay traced = randomPacket(box, i % 3 == 0, true, rng, o, d);
+    QuadRay traced = randomPacket(m.box, i % 3 == 0, true, rng, o, d);
     QuadRay ordered = traced, unordered = traced;
     tracer.intersect(traced);
     traceWithoutStamps(ordered, m, true);
@@ -571,13 +567,12 @@ TEST(QuadRayTracer, FirstHitModeStopsOnceAllRaysHaveHit) {
 TEST(QuadRayTracer, FirstHitsLieOnTheSurfaceAndAgreeOnWhichRaysHit) {
   std::mt19937 rng(47);
   const IndexedMesh m(kxtest::makeLatLongSphere(32, 64));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
   int fartherThanNearest = 0, hits = 0;
   for (int i = 0; i < 400; ++i) {
     PointFlt o;
     Directions d;
-    QuadRay first = randomPacket(box, false, false, rng, o, d);
+    QuadRay first = randomPacket(m.box, false, false, rng, o, d);
     QuadRay nearest = makePacket(o, d, true);
     tracer.intersect(first);
     tracer.intersect(nearest);
@@ -601,10 +596,9 @@ TEST(QuadRayTracer, PacketsThatMissEverythingReportNothing) {
   std::mt19937 rng(53);
   std::uniform_real_distribution<float> jitter(-0.3f, 0.3f);
   const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
   for (int i = 0; i < 200; ++i) {
-    const PointFlt o = kxtest::randomOrigin(box, false, rng);
+    const PointFlt o = kxtest::randomOrigin(m.box, false, rng);
     Directions d;
     for (auto& dk : d) dk = o + VectorFlt(jitter(rng), jitter(rng), jitter(rng));  // away
     QuadRay packet = makePacket(o, d, i % 2 == 0);
@@ -694,12 +688,11 @@ TEST(QuadRayTracer, AxisAlignedRaysInOctreeSplitPlanesStillHit) {
 TEST(QuadRayTracer, ThreadsTracingOneMeshGetTheSerialResults) {
   std::mt19937 rng(61);
   const IndexedMesh m(kxtest::makeLatLongSphere(40, 80));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   std::vector<QuadRay> packets;
   for (int i = 0; i < 2000; ++i) {
     PointFlt o;
     Directions d;
-    packets.push_back(randomPacket(box, i % 5 == 0, i % 2 == 0, rng, o, d));
+    packets.push_back(randomPacket(m.box, i % 5 == 0, i % 2 == 0, rng, o, d));
   }
   std::vector<QuadRay> serial = packets;
   QuadRayTracer serialTracer(m.octree, m.tris, &m.mesh);

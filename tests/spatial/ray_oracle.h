@@ -109,16 +109,17 @@ inline BruteForceRay bruteForceRay(const kxGeom::CompactMesh& mesh, const kxLine
 /// and the per-voxel triangle lists that the tracers walk.
 struct IndexedMesh {
   explicit IndexedMesh(const kxGeom::CompactMesh& m)
-      : mesh(m), octree(m.getNumVertices(), m.getVerticesRaw(), boxOf(m), true, 16) {
+      : mesh(m), box(boxOf(m)), octree(m.getNumVertices(), m.getVerticesRaw(), box, true, 16) {
     kxGeom::computeOctreeTris(mesh, octree, tris);
   }
   static kxGeom::BoundingBox boxOf(const kxGeom::CompactMesh& m) {
-    kxGeom::BoundingBox box;
-    kxGeom::meshBoundingBox(m, box);
-    return box;
+    kxGeom::BoundingBox b;
+    kxGeom::meshBoundingBox(m, b);
+    return b;
   }
 
   kxGeom::CompactMesh mesh;
+  kxGeom::BoundingBox box;  ///< the mesh's bounding box
   kxGeom::Octree octree;
   kxGeom::OctreeTris tris;
 };

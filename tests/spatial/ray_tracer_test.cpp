@@ -47,11 +47,10 @@ TEST(RayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
   for (const CompactMesh& model :
        {kxtest::makeLatLongSphere(24, 48), kxtest::makeRandomMesh(300, 600, 73)}) {
     const IndexedMesh m(model);
-    const BoundingBox box = IndexedMesh::boxOf(m.mesh);
     RayTracer tracer(m.octree, m.tris, &m.mesh);
     int sureHits = 0, sameTriangle = 0, certain = 0;
     for (int i = 0; i < 1200; ++i) {
-      const TracedRay r = randomRay(box, i % 4 == 0, rng);
+      const TracedRay r = randomRay(m.box, i % 4 == 0, rng);
       const auto oracle = kxtest::bruteForceRay(m.mesh, Point(r.origin), r.direction, 1e-6, kMinT);
       const bool hit = tracer.intersect(r.origin, r.direction);
       const double t = tracer.intersectionDist() / r.direction.length();
@@ -76,12 +75,11 @@ TEST(RayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
 TEST(RayTracer, FirstHitsAreRealHitsAndAgreeOnWhetherTheRayHits) {
   std::mt19937 rng(79);
   const IndexedMesh m(kxtest::makeLatLongSphere(32, 64));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   RayTracer nearest(m.octree, m.tris, &m.mesh), first(m.octree, m.tris, &m.mesh);
   first.setFindNearestHit(false);
   int hits = 0;
   for (int i = 0; i < 1000; ++i) {
-    const TracedRay r = randomRay(box, i % 3 == 0, rng);
+    const TracedRay r = randomRay(m.box, i % 3 == 0, rng);
     const bool hitNearest = nearest.intersect(r.origin, r.direction);
     ASSERT_EQ(first.intersect(r.origin, r.direction), hitNearest);
     if (!hitNearest) continue;
@@ -159,9 +157,8 @@ TEST(RayTracer, BackFacesFromInsideASphereObeyTheCullDistance) {
 TEST(RayTracer, ThreadsTracingOneMeshGetTheSerialResults) {
   std::mt19937 rng(89);
   const IndexedMesh m(kxtest::makeRandomMesh(2000, 4000, 97));
-  const BoundingBox box = IndexedMesh::boxOf(m.mesh);
   std::vector<TracedRay> rays;
-  for (int i = 0; i < 3000; ++i) rays.push_back(randomRay(box, i % 4 == 0, rng));
+  for (int i = 0; i < 3000; ++i) rays.push_back(randomRay(m.box, i % 4 == 0, rng));
   auto traceAll = [&m, &rays](std::vector<double>& distances, std::vector<int>& triangles) {
     RayTracer tracer(m.octree, m.tris, &m.mesh);
     for (const TracedRay& r : rays) {
