@@ -44,6 +44,12 @@ struct alignas(16) QuadBits {
 ///   all four rays have hit (visibility and occlusion queries).
 /// The ray parameter is in units of the ray's direction vector: the hit point
 /// of lane k is origin + t * direction k. Directions need not be unit length.
+/// In first-hit mode a lane's t is the smallest of the hits recorded before
+/// the trace stopped, not necessarily the nearest hit.
+///
+/// The accessors cost O(1) and never fail; a lane index k must be in 0..3
+/// (not checked). Copying copies every field. Thread safety: a packet belongs
+/// to one thread; the const operations may run concurrently on one packet.
 class KXGEOM_API QuadRay {
  public:
   /// 0 in every lane.
@@ -210,8 +216,10 @@ class KXGEOM_API QuadRayTracer {
   /// Traces the packet; the results are read from the packet (`triHit`,
   /// `triIntersectionRayParam`). Hits already recorded in the packet are kept
   /// and prune the walk. [in,out] packet.
+  /// Never fails: a packet that reaches no triangle is left as it was.
   /// Cost: the leaves the packet reaches and their triangles; allocates
-  /// nothing (except clearing the stamps once every 2^32 - 2 packets).
+  /// nothing (the stamps are cleared, O(triangles), once every 2^32 - 2
+  /// packets).
   void intersect(QuadRay& packet);
 
  private:
