@@ -47,60 +47,7 @@ QuadRay makePacket(const PointFlt& origin, const Directions& d, bool nearestHit)
 // Points and vectors share one type per precision.
 Point wide(const PointFlt& p) { return Point(p); }
 
-// Runs the packet over every triangle of the mesh, as a tracer would with
-// no spatial index.
-void intersectAll(QuadRay& packet, const CompactMesh& mesh) {
-  for (int i = 0; i < mesh.getNumTriangles(); ++i)
-    packet.intersect(mesh.getTriangles()[i], mesh.getVertices());
-}
-
-// A random point inside a random triangle of the mesh: a target that makes
-// rays hit often.
-PointFlt pointOnMesh(const CompactMesh& mesh, std::mt19937& rng) {
-  std::uniform_int_distribution<int> tri(0, mesh.getNumTriangles() - 1);
-  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-  const MeshTriangle& t = mesh.getTriangles()[tri(rng)];
-  float a = unit(rng), b = unit(rng);
-  if (a + b > 1) a = 1 - a, b = 1 - b;
-  const MeshVertex* v = mesh.getVertices();
-  const PointFlt p0 = v[t[0]].asPointFlt(), p1 = v[t[1]].asPointFlt(), p2 = v[t[2]].asPointFlt();
-  return p0 + (p1 - p0) * a + (p2 - p0) * b;
-}
-
 // --- Packet against triangles -------------------------------------------------
-
-TEST(QuadRayTriangles, NearestHitsMatchBruteForceOracleOnRandomSoups) {
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<float> coord(-2.0f, 2.0f);
-  int sureHits = 0, lanes = 0, uncertain = 0;
-  for (int soup = 0; soup < 40; ++soup) {
-    const CompactMesh mesh = kxtest::makeRandomMesh(30, 12, 100 + soup);
-    for (int packetIndex = 0; packetIndex < 100; ++packetIndex) {
-      const PointFlt o(coord(rng), coord(rng), coord(rng));
-      Directions d;
-      for (int k = 0; k < 4; ++k)
-        d[k] = k < 2 ? pointOnMesh(mesh, rng) - o : VectorFlt(coord(rng), coord(rng), coord(rng));
-      QuadRay packet = makePacket(o, d, true);
-      intersectAll(packet, mesh);
-      for (int k = 0; k < 4; ++k) {
-        const kxtest::BruteForceRay oracle = kxtest::bruteForceRay(mesh, wide(o), wide(d[k]), 1e-6);
-        const bool hit = packet.triHit(k);
-        const double t = packet.triIntersectionRayParam(k);
-        ASSERT_TRUE(oracle.accepts(hit, t, 1e-4))
-            << "soup " << soup << " packet " << packetIndex << " lane " << k << " hit " << hit
-            << " t " << t << " oracle t " << oracle.nearestSure;
-        if (!hit) {
-          EXPECT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
-        }
-        sureHits += oracle.surelyHit;
-        uncertain += !oracle.certain();
-        ++lanes;
-      }
-    }
-  }
-  EXPECT_GT(sureHits, lanes / 3);
-  EXPECT_LT(uncertain, lanes / 50);
-}
 
 // An axis-aligned right triangle in the plane z = `z`, its legs 4 long, wound
 // so that a ray along +z meets its back (`backFacingPlusZ`) or its front.
@@ -236,35 +183,6 @@ TEST(QuadRayTriangles, BackFacesCountOnlyAtOrBeyondTheCullDistance) {
   }
 }
 
-TEST(QuadRayTriangles, CullDistanceAgreesWithOracleOnRandomSoups) {
-  QuadCullGuard guard;
-  std::mt19937 rng(5);
-  std::uniform_real_distribution<float> coord(-2.0f, 2.0f);
-  int culledSomething = 0;
-  for (int soup = 0; soup < 20; ++soup) {
-    const float cull = 0.25f * float(soup % 8);
-    QuadRay::setBackfaceCullDistance(cull);
-    const CompactMesh mesh = kxtest::makeRandomMesh(30, 12, 300 + soup);
-    for (int packetIndex = 0; packetIndex < 50; ++packetIndex) {
-      const PointFlt o(coord(rng), coord(rng), coord(rng));
-      Directions d;
-      for (auto& dk : d) dk = pointOnMesh(mesh, rng) - o;
-      QuadRay packet = makePacket(o, d, true);
-      intersectAll(packet, mesh);
-      for (int k = 0; k < 4; ++k) {
-        const auto oracle = kxtest::bruteForceRay(mesh, wide(o), wide(d[k]), cull);
-        const auto uncull = kxtest::bruteForceRay(mesh, wide(o), wide(d[k]), -1e30);
-        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4));
-        culledSomething +=
-            uncull.certain() && oracle.certain() && uncull.nearestSure < oracle.nearestSure;
-      }
-    }
-  }
-  EXPECT_GT(culledSomething, 100);
-}
-
-// --- Packet state -----------------------------------------------------------------
-
 TEST(QuadRayState, FreshPacketAndMeanDirection) {
   const Directions d = {VectorFlt(1, 2, 3), VectorFlt(-4, 0.5f, 2), VectorFlt(0, 0, -1),
                         VectorFlt(7, -3, 0.25f)};
@@ -278,26 +196,6 @@ TEST(QuadRayState, FreshPacketAndMeanDirection) {
   EXPECT_FLOAT_EQ(mean.x, 1.0f);
   EXPECT_FLOAT_EQ(mean.y, -0.125f);
   EXPECT_FLOAT_EQ(mean.z, 1.0625f);
-}
-
-TEST(QuadRayState, AllRaysTerminatedOnlyInFirstHitModeWithFourHits) {
-  const PlaneTriangle tri = triangleAtZ(2, false);
-  for (bool nearest : {false, true}) {
-    // Lane 3 points away from the triangle until the second packet.
-    Directions d = kAlongZ;
-    d[3] = VectorFlt(0, 0, -1);
-    QuadRay partial = makePacket(PointFlt(0, 0, 0), d, nearest);
-    partial.intersect(tri.triangle, tri.vertices.data());
-    EXPECT_EQ(partial.hitMask(), 7u);
-    EXPECT_FALSE(partial.allRaysTerminated());
-    QuadRay full = makePacket(PointFlt(0, 0, 0), kAlongZ, nearest);
-    full.intersect(tri.triangle, tri.vertices.data());
-    EXPECT_EQ(full.hitMask(), 15u);
-    EXPECT_EQ(full.allRaysTerminated(), !nearest);
-    const QuadRay copy = full;
-    EXPECT_EQ(copy.hitMask(), 15u);
-    EXPECT_EQ(copy.triIntersectionRayParam(2), full.triIntersectionRayParam(2));
-  }
 }
 
 // --- Packet against boxes ---------------------------------------------------------
@@ -358,23 +256,6 @@ TEST(QuadRayBoxes, MaskMatchesSlabOracleIncludingNearestPruning) {
   }
   EXPECT_GT(decided, total * 95 / 100);
   EXPECT_GT(passed, total / 8);
-}
-
-TEST(QuadRayBoxes, BoxesBehindTheOriginOrBeyondTheNearestHitAreSkipped) {
-  const PlaneTriangle tri = triangleAtZ(2, false);
-  QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
-  kxUtil::BitField32 mask;
-  packet.intersect(BoundingBox(-1.0f, -1.0f, -3.0f, 1.0f, 1.0f, -0.5f), mask);
-  EXPECT_EQ(mask.value(), 0u);  // behind
-  packet.intersect(BoundingBox(-1.0f, -1.0f, 4.0f, 1.0f, 1.0f, 6.0f), mask);
-  EXPECT_EQ(mask.value(), 15u);  // ahead, nothing hit yet
-  packet.intersect(tri.triangle, tri.vertices.data());
-  packet.intersect(BoundingBox(-1.0f, -1.0f, 4.0f, 1.0f, 1.0f, 6.0f), mask);
-  EXPECT_EQ(mask.value(), 0u);  // beyond the nearest hit at t = 2
-  packet.intersect(BoundingBox(-1.0f, -1.0f, 1.0f, 1.0f, 1.0f, 6.0f), mask);
-  EXPECT_EQ(mask.value(), 15u);  // entered before the nearest hit
-  packet.intersect(BoundingBox(-1.0f, -1.0f, -1.0f, 1.0f, 1.0f, 1.0f), mask);
-  EXPECT_EQ(mask.value(), 15u);  // holds the origin
 }
 
 // --- Leaf walk ----------------------------------------------------------------
@@ -605,33 +486,6 @@ TEST(QuadRayTracer, PacketsThatMissEverythingReportNothing) {
     tracer.intersect(packet);
     ASSERT_EQ(packet.hitMask(), 0u);
     for (int k = 0; k < 4; ++k) ASSERT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
-  }
-}
-
-TEST(QuadRayTracer, EdgeOnAndBehindTheOriginNeverHitAGrid) {
-  QuadCullGuard guard;
-  QuadRay::setBackfaceCullDistance(-100.0f);
-  const IndexedMesh m(kxtest::makeGrid(12, 9));  // z = 0, faces +z
-  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
-  struct Case {
-    PointFlt origin;
-    Directions d;
-    std::uint32_t mask;
-  };
-  const Directions up = kAlongZ;
-  const Directions down = {up[0] * -1.0f, up[1] * -1.0f, up[2] * -1.0f, up[3] * -1.0f};
-  const Directions inPlane = {VectorFlt(1, 0.5f, 0), VectorFlt(1, 0, 0), VectorFlt(1, 1, 0),
-                              VectorFlt(0.5f, 1, 0)};
-  for (const Case& c : {Case{PointFlt(-1, -1, 0), inPlane, 0u},     // edge-on, across the grid
-                        Case{PointFlt(4.5f, 3.25f, 1), up, 0u},     // grid behind (back face)
-                        Case{PointFlt(4.5f, 3.25f, -1), down, 0u},  // grid behind (front face)
-                        Case{PointFlt(4.5f, 3.25f, 1), down, 15u}}) {
-    QuadRay packet = makePacket(c.origin, c.d, true);
-    tracer.intersect(packet);
-    EXPECT_EQ(packet.hitMask(), c.mask) << c.origin.x << " " << c.origin.z;
-    if (c.mask) {
-      EXPECT_NEAR(packet.triIntersectionRayParam(0), 1.0f, 1e-6f);
-    }
   }
 }
 
