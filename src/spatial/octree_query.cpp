@@ -1,6 +1,7 @@
 #include <kxgeom/octree_query.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/threads.h>
@@ -54,33 +55,8 @@ void advance(OctreeQueryState& s) {
   }
 }
 
-}  // namespace
-
 template <class Query>
-OctreeQueryIt<Query>::OctreeQueryIt(const Octree& octree) : state_(new OctreeQueryState) {
-  state_->octree = &octree;
-  state_->query = nullptr;
-  state_->capacity = 8 * std::max(1, octree.depth);
-  state_->count = 0;
-  state_->stack = new OctreeIterator[std::size_t(state_->capacity)];
-  for (int k = 0; k < 8; ++k) state_->order[k] = k;
-}
-
-template <class Query>
-OctreeQueryIt<Query>::OctreeQueryIt(const Octree& octree, const Query& query)
-    : OctreeQueryIt(octree) {
-  reset(query);
-}
-
-template <class Query>
-OctreeQueryIt<Query>::~OctreeQueryIt() {
-  delete[] state_->stack;
-  delete state_;
-}
-
-template <class Query>
-void OctreeQueryIt<Query>::reset(const Query& query) {
-  OctreeQueryState& s = *state_;
+void restart(OctreeQueryState& s, const Query& query) {
   s.query = &query;
   Octree::getNodeOrdering(childDirection(query), s.order);
   s.count = 0;
@@ -90,25 +66,33 @@ void OctreeQueryIt<Query>::reset(const Query& query) {
   if (s.count > 0 && !s.stack[0].isLeaf()) advance<Query>(s);
 }
 
-template <class Query>
-bool OctreeQueryIt<Query>::valid() const {
-  return state_->count > 0;
+}  // namespace
+
+OctreeQueryIt::OctreeQueryIt(const Octree& octree) : state_(new OctreeQueryState) {
+  state_->octree = &octree;
+  state_->query = nullptr;
+  state_->capacity = 8 * std::max(1, octree.depth);
+  state_->count = 0;
+  state_->stack = new OctreeIterator[std::size_t(state_->capacity)];
+  for (int k = 0; k < 8; ++k) state_->order[k] = k;
 }
 
-template <class Query>
-OctreeIterator OctreeQueryIt<Query>::get() const {
-  return state_->stack[state_->count - 1];
+OctreeQueryIt::~OctreeQueryIt() {
+  delete[] state_->stack;
+  delete state_;
 }
 
-template <class Query>
-void OctreeQueryIt<Query>::next() {
-  advance<Query>(*state_);
-}
+bool OctreeQueryIt::valid() const { return state_->count > 0; }
+OctreeIterator OctreeQueryIt::get() const { return state_->stack[state_->count - 1]; }
 
-template class OctreeQueryIt<BoundingBox>;
-template class OctreeQueryIt<Frustum>;
-template class OctreeQueryIt<Ray>;
-template class OctreeQueryIt<Sphere>;
+void OctreeBBoxIntersectIt::reset(const BoundingBox& box) { restart(*state_, box); }
+void OctreeBBoxIntersectIt::next() { advance<BoundingBox>(*state_); }
+void OctreeIntersectIt::reset(const Frustum& frustum) { restart(*state_, frustum); }
+void OctreeIntersectIt::next() { advance<Frustum>(*state_); }
+void OctreeRayIntersectIt::reset(const Ray& ray) { restart(*state_, ray); }
+void OctreeRayIntersectIt::next() { advance<Ray>(*state_); }
+void OctreeSphereIntersectIt::reset(const Sphere& sphere) { restart(*state_, sphere); }
+void OctreeSphereIntersectIt::next() { advance<Sphere>(*state_); }
 
 namespace {
 
@@ -122,7 +106,12 @@ struct PartitionRecord {
   int coherent = 0;
 };
 
-// Triangles as partition elements.
+bool isFinite(const float* p) {
+  return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
+}
+
+// Triangles as partition elements. `box` is false for an element with a
+// non-finite corner, which has no place in any leaf.
 struct TriangleElements {
   const float* vertices;
   const int* triangles;
@@ -130,9 +119,12 @@ struct TriangleElements {
   const float* corner(int element, int k) const {
     return vertices + 3 * std::size_t(triangles[3 * std::size_t(element) + k]);
   }
-  void box(int element, BoundingBox& box) const {
+  bool box(int element, BoundingBox& box) const {
+    const float *a = corner(element, 0), *b = corner(element, 1), *c = corner(element, 2);
+    if (!isFinite(a) || !isFinite(b) || !isFinite(c)) return false;
     box.zero();
-    meshTriBoundingBox(corner(element, 0), corner(element, 1), corner(element, 2), box);
+    meshTriBoundingBox(a, b, c, box);
+    return true;
   }
   bool overlaps(const BoundingBox& cell, int element) const {
     return intersects(cell, corner(element, 0), corner(element, 1), corner(element, 2));
@@ -147,11 +139,13 @@ struct LineElements {
   const float* end(int element, int k) const {
     return vertices + 3 * std::size_t(lines[element][k]);
   }
-  void box(int element, BoundingBox& box) const {
+  bool box(int element, BoundingBox& box) const {
     const float* p = end(element, 0);
     const float* q = end(element, 1);
+    if (!isFinite(p) || !isFinite(q)) return false;
     box = BoundingBox(p[0], p[1], p[2], p[0], p[1], p[2]);
     box.extend(q[0], q[1], q[2]);
+    return true;
   }
   bool overlaps(const BoundingBox& cell, int element) const {
     return intersects(cell, end(element, 0), end(element, 1));
@@ -188,7 +182,7 @@ class PartitionAlg : public kxUtil::ThreadedAlg<PartitionRecord> {
     OctreeIterator reference;
     BoundingBox box;
     for (int i = begin; i < end; ++i) {
-      elements_.box(i, box);
+      if (!elements_.box(i, box)) continue;
       if (reference.getNode() && reference.getBox().contains(box)) {
         record.pairs.push_back({reference.getVoxel(), i});
         ++record.coherent;
