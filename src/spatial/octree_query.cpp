@@ -17,6 +17,7 @@ struct OctreeQueryState {
   int count;
   OctreeIterator* stack;
   int order[8];
+  kxLinear::Vector direction;  // the direction `order` was computed for
 };
 
 namespace {
@@ -33,24 +34,51 @@ kxLinear::Vector childDirection(const Sphere&) { return kxLinear::xAxis; }
 kxLinear::Vector childDirection(const Frustum& query) { return query.getVector(); }
 kxLinear::Vector childDirection(const Ray& query) { return query.direction(); }
 
+// The children of `parent` (which passed the test) whose boxes pass it, as a
+// bit mask over child numbers.
 template <class Query>
-void push(OctreeQueryState& s, const OctreeIterator& handle) {
-  if (overlaps(handle.getBox(), *static_cast<const Query*>(s.query))) s.stack[s.count++] = handle;
+unsigned overlappingChildren(const OctreeIterator& parent, const Query& query) {
+  unsigned mask = 0;
+  for (int k = 0; k < 8; ++k) {
+    if (overlaps(OctreeIterator::childBox(parent.getBox(), k), query)) mask |= 1u << k;
+  }
+  return mask;
 }
 
-// Pops the current leaf, then expands inner cells (children pushed from
-// order[7] down to order[0], so order[0] is explored first) until a leaf is on
-// top or the stack is empty.
+// For a box query the children are the parent's halves at its midpoints and
+// the parent overlaps the query, so a half overlaps exactly when the query
+// reaches the midpoint from its side: the same answer as testing each child
+// box, at six comparisons for all eight.
+template <>
+unsigned overlappingChildren(const OctreeIterator& parent, const BoundingBox& query) {
+  static constexpr unsigned kUpperHalf[3] = {0xAA, 0xCC, 0xF0};
+  const BoundingBox& box = parent.getBox();
+  unsigned mask = 0xFF;
+  for (int axis = 0; axis < 3; ++axis) {
+    const float mid = 0.5f * (box[axis] + box[axis + 3]);
+    if (!(query[axis] <= mid)) mask &= kUpperHalf[axis];
+    if (!(query[axis + 3] >= mid)) mask &= ~kUpperHalf[axis];
+  }
+  return mask;
+}
+
+// Pops the current leaf, then expands inner cells until a leaf is on top or
+// the stack is empty. Children that pass the test are pushed from order[7]
+// down to order[0], so order[0] is explored first.
 template <class Query>
 void advance(OctreeQueryState& s) {
+  const Query& query = *static_cast<const Query*>(s.query);
   if (s.count > 0 && s.stack[s.count - 1].isLeaf()) --s.count;
   while (s.count > 0) {
     const OctreeIterator top = s.stack[s.count - 1];
     if (top.isLeaf()) return;
     --s.count;
+    const unsigned mask = overlappingChildren(top, query);
     for (int k = 7; k >= 0; --k) {
-      OctreeIterator child = top;
-      if (child.descend(s.order[k])) push<Query>(s, child);
+      if (!((mask >> s.order[k]) & 1)) continue;
+      OctreeIterator& child = s.stack[s.count++];
+      child = top;
+      child.descend(s.order[k]);
     }
   }
 }
@@ -58,12 +86,15 @@ void advance(OctreeQueryState& s) {
 template <class Query>
 void restart(OctreeQueryState& s, const Query& query) {
   s.query = &query;
-  Octree::getNodeOrdering(childDirection(query), s.order);
+  const kxLinear::Vector direction = childDirection(query);
+  if (!(direction == s.direction)) Octree::getNodeOrdering(direction, s.order);
+  s.direction = direction;
   s.count = 0;
   const OctreeIterator root = s.octree->getRoot();
   if (!root.getNode()) return;
-  push<Query>(s, root);
-  if (s.count > 0 && !s.stack[0].isLeaf()) advance<Query>(s);
+  if (!overlaps(root.getBox(), query)) return;
+  s.stack[s.count++] = root;
+  if (!root.isLeaf()) advance<Query>(s);
 }
 
 }  // namespace
@@ -74,7 +105,8 @@ OctreeQueryIt::OctreeQueryIt(const Octree& octree) : state_(new OctreeQueryState
   state_->capacity = 8 * std::max(1, octree.depth);
   state_->count = 0;
   state_->stack = new OctreeIterator[std::size_t(state_->capacity)];
-  for (int k = 0; k < 8; ++k) state_->order[k] = k;
+  state_->direction = kxLinear::xAxis;
+  Octree::getNodeOrdering(state_->direction, state_->order);
 }
 
 OctreeQueryIt::~OctreeQueryIt() {
