@@ -67,7 +67,9 @@ class KXGEOM_API MeshClosestPoint {
  public:
   /// [in] mesh    the mesh.  [in] octree  the octree.
   /// [in] tris    the triangle lists of `mesh` over `octree`.
-  /// Cost O(triangles) to create the stamp array.
+  /// Cost O(triangles + listed pairs): the stamp array and the box of each
+  /// leaf's triangles (which lets queries skip leaves and triangles that
+  /// cannot be nearer than the best point found).
   MeshClosestPoint(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris);
   MeshClosestPoint(const MeshClosestPoint&) = delete;
   MeshClosestPoint& operator=(const MeshClosestPoint&) = delete;

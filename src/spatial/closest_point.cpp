@@ -97,6 +97,51 @@ BoundingBox vertexFanBox(const CompactMesh& mesh, const MeshAdjTris& adjTris, in
   return box;
 }
 
+// Squared distance from p to a box of six floats (minimum, then maximum), in
+// double precision so that pruning by it is as exact as the distances it is
+// compared with.
+double boxDistance2(const float* box, const kxLinear::Point& p) {
+  double d2 = 0;
+  for (int k = 0; k < 3; ++k) {
+    const double gap = std::max(double(box[k]) - p[k], p[k] - double(box[k + 3]));
+    if (gap > 0) d2 += gap * gap;
+  }
+  return d2;
+}
+
+// A lower bound of triangle t's squared distance to p: that of its box.
+double triangleBoxDistance2(const float* vertices, const int* tri, const kxLinear::Point& p) {
+  const float* a = vertices + 3 * std::size_t(tri[0]);
+  const float* b = vertices + 3 * std::size_t(tri[1]);
+  const float* c = vertices + 3 * std::size_t(tri[2]);
+  float box[6];
+  for (int k = 0; k < 3; ++k) {
+    box[k] = std::min(a[k], std::min(b[k], c[k]));
+    box[k + 3] = std::max(a[k], std::max(b[k], c[k]));
+  }
+  return boxDistance2(box, p);
+}
+
+// True when a lower bound shows that nothing nearer than `best` can be found
+// (with a margin far above the rounding of the bound).
+bool beyond(double bound2, double best) { return bound2 > best * (1 + 1e-12); }
+
+// Box of the triangles listed in each voxel (invalid for an empty voxel, so
+// its distance is infinite).
+kx::vector<BoundingBox> voxelContentBoxes(const CompactMesh& mesh, const OctreeTris& tris) {
+  kx::vector<BoundingBox> boxes(std::size_t(tris.numVoxels()));
+  const MeshVertex* vertices = mesh.getVertices();
+  const MeshTriangle* triangles = mesh.getTriangles();
+  for (int v = 0; v < tris.numVoxels(); ++v) {
+    boxes[v].setInvalid();
+    const int* list = tris.firstTri(v);
+    for (int i = 0, n = tris.numTris(v); i < n; ++i) {
+      for (int k = 0; k < 3; ++k) boxes[v].extend(vertices[triangles[list[i]][k]].asPointFlt());
+    }
+  }
+  return boxes;
+}
+
 }  // namespace
 
 class OctreeClosestItImpl {
@@ -156,8 +201,9 @@ void OctreeClosestIt::next() { impl_->next(); }
 
 class ClosestPointContext {
  public:
-  explicit ClosestPointContext(int numTriangles)
-      : stamps_(std::size_t(std::max(0, numTriangles)), 0) {}
+  ClosestPointContext(const CompactMesh& mesh, const OctreeTris& tris)
+      : stamps_(std::size_t(std::max(0, mesh.getNumTriangles())), 0),
+        voxelBoxes_(voxelContentBoxes(mesh, tris)) {}
   virtual ~ClosestPointContext() = default;
 
   // True the first time triangle t is seen in the current query.
@@ -174,33 +220,39 @@ class ClosestPointContext {
     }
   }
   OctreeClosestIt& iterator() { return iterator_; }
+  const BoundingBox& voxelBox(int voxel) const { return voxelBoxes_[voxel]; }
 
  private:
   std::uint32_t stamp_ = 1;
   kx::vector<std::uint32_t> stamps_;
+  kx::vector<BoundingBox> voxelBoxes_;
   OctreeClosestIt iterator_;
 };
 
 MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree,
                                    const OctreeTris& tris)
-    : mesh_(mesh),
-      octree_(octree),
-      tris_(tris),
-      context_(new ClosestPointContext(mesh.getNumTriangles())) {}
+    : mesh_(mesh), octree_(octree), tris_(tris), context_(new ClosestPointContext(mesh, tris)) {}
 
 MeshClosestPoint::~MeshClosestPoint() { delete context_; }
 
 double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
   OctreeClosestIt& it = context_->iterator();
+  const float* vertices = mesh_.getVerticesRaw();
+  const int* triangles = mesh_.getTrianglesRaw();
   double best = kLargestDouble;
   for (it.reset(octree_, p); it.valid() && it.getDistance2() < best; it.next()) {
+    // Leaves and triangles whose boxes are no nearer than the best point are
+    // skipped: a pure saving, the answer is the same.
     const int voxel = it.get().getVoxel();
+    if (beyond(boxDistance2(context_->voxelBox(voxel).data(), p), best)) continue;
     const int* tris = tris_.firstTri(voxel);
     for (int i = 0, n = tris_.numTris(voxel); i < n; ++i) {
-      if (!context_->visit(tris[i])) continue;
+      const int t = tris[i];
+      if (!context_->visit(t)) continue;
+      if (beyond(triangleBoxDistance2(vertices, triangles + 3 * std::size_t(t), p), best)) continue;
       MeshCoord coord;
       double d2;
-      if (triangleClosest(mesh_, tris[i], p, coord, d2) && d2 < best) {
+      if (triangleClosest(mesh_, t, p, coord, d2) && d2 < best) {
         best = d2;
         if (result) *result = coord;
       }
