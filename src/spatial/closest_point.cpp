@@ -126,18 +126,35 @@ double triangleBoxDistance2(const float* vertices, const int* tri, const kxLinea
 // (with a margin far above the rounding of the bound).
 bool beyond(double bound2, double best) { return bound2 > best * (1 + 1e-12); }
 
-// Box of the triangles listed in each voxel (invalid for an empty voxel, so
-// its distance is infinite).
-kx::vector<BoundingBox> voxelContentBoxes(const CompactMesh& mesh, const OctreeTris& tris) {
-  kx::vector<BoundingBox> boxes(std::size_t(tris.numVoxels()));
-  const MeshVertex* vertices = mesh.getVertices();
-  const MeshTriangle* triangles = mesh.getTriangles();
-  for (int v = 0; v < tris.numVoxels(); ++v) {
-    boxes[v].setInvalid();
-    const int* list = tris.firstTri(v);
-    for (int i = 0, n = tris.numTris(v); i < n; ++i) {
-      for (int k = 0; k < 3; ++k) boxes[v].extend(vertices[triangles[list[i]][k]].asPointFlt());
+// Fills boxes[i] with the box of the triangles listed in the leaves below
+// node i (invalid for a subtree without triangles).
+void fillContentBoxes(const CompactMesh& mesh, const OctreeTris& tris, const OctreeNode* root,
+                      const OctreeIterator& cell, kx::vector<BoundingBox>& boxes) {
+  BoundingBox& box = boxes[cell.getNode() - root];
+  box.setInvalid();
+  if (cell.isLeaf()) {
+    const MeshVertex* vertices = mesh.getVertices();
+    const MeshTriangle* triangles = mesh.getTriangles();
+    const int* list = tris.firstTri(cell.getVoxel());
+    for (int i = 0, n = tris.numTris(cell.getVoxel()); i < n; ++i) {
+      for (int k = 0; k < 3; ++k) box.extend(vertices[triangles[list[i]][k]].asPointFlt());
     }
+    return;
+  }
+  for (int k = 0; k < 8; ++k) {
+    OctreeIterator child = cell;
+    child.descend(k);
+    fillContentBoxes(mesh, tris, root, child, boxes);
+    box.extend(boxes[child.getNode() - root]);
+  }
+}
+
+kx::vector<BoundingBox> contentBoxes(const CompactMesh& mesh, const Octree& octree,
+                                     const OctreeTris& tris) {
+  kx::vector<BoundingBox> boxes(std::size_t(octree.getNumNodes()));
+  const OctreeIterator root = octree.getRoot();
+  if (root.getNode() && tris.numVoxels() == octree.numLeaves) {
+    fillContentBoxes(mesh, tris, root.getNode(), root, boxes);
   }
   return boxes;
 }
@@ -150,10 +167,12 @@ class OctreeClosestItImpl {
 
   void reset(const Octree& octree, const kxLinear::Point& p) {
     root_ = octree.getRoot();
-    point_ = kxLinear::PointFlt(p);
+    point_ = p;
+    pointFlt_ = kxLinear::PointFlt(p);
+    limit_ = std::numeric_limits<double>::infinity();
     heap_.clear();
     if (!root_.getNode()) return;
-    heap_.push_back({root_.getBox().distance2(point_), root_});
+    heap_.push_back({distance2(root_), root_});
     if (!root_.isLeaf()) next();
   }
 
@@ -165,7 +184,9 @@ class OctreeClosestItImpl {
       for (int child = 0; child < 8; ++child) {
         OctreeIterator handle = cell;
         if (!handle.descend(child)) break;
-        heap_.push_back({handle.getBox().distance2(point_), handle});
+        const double d2 = distance2(handle);
+        if (!(d2 < limit_)) continue;
+        heap_.push_back({d2, handle});
         std::push_heap(heap_.begin(), heap_.end(), fartherThan);
       }
       if (!heap_.empty() && heap_.front().cell.isLeaf()) return;
@@ -174,10 +195,21 @@ class OctreeClosestItImpl {
 
   bool valid() const { return !heap_.empty(); }
   const HeapEntry& top() const { return heap_.front(); }
+  void setLimit(double limit2) { limit_ = limit2; }
+  void setNodeBounds(const BoundingBox* bounds) { bounds_ = bounds; }
 
  private:
+  // The cell's key: its box distance, or its bound's when bounds are given.
+  double distance2(const OctreeIterator& cell) const {
+    if (bounds_) return boxDistance2(bounds_[cell.getNode() - root_.getNode()].data(), point_);
+    return cell.getBox().distance2(pointFlt_);
+  }
+
   OctreeIterator root_;
-  kxLinear::PointFlt point_;
+  kxLinear::Point point_;
+  kxLinear::PointFlt pointFlt_;
+  double limit_ = 0;
+  const BoundingBox* bounds_ = nullptr;
   kx::vector<HeapEntry> heap_;
 };
 
@@ -198,12 +230,20 @@ bool OctreeClosestIt::valid() const { return impl_ && impl_->valid(); }
 OctreeIterator OctreeClosestIt::get() const { return impl_->top().cell; }
 double OctreeClosestIt::getDistance2() const { return impl_->top().distance2; }
 void OctreeClosestIt::next() { impl_->next(); }
+void OctreeClosestIt::setLimit(double limit2) { impl_->setLimit(limit2); }
+
+void OctreeClosestIt::setNodeBounds(const BoundingBox* bounds) {
+  if (!impl_) impl_ = new OctreeClosestItImpl;
+  impl_->setNodeBounds(bounds);
+}
 
 class ClosestPointContext {
  public:
-  ClosestPointContext(const CompactMesh& mesh, const OctreeTris& tris)
+  ClosestPointContext(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
       : stamps_(std::size_t(std::max(0, mesh.getNumTriangles())), 0),
-        voxelBoxes_(voxelContentBoxes(mesh, tris)) {}
+        nodeBoxes_(contentBoxes(mesh, octree, tris)) {
+    iterator_.setNodeBounds(nodeBoxes_.data());
+  }
   virtual ~ClosestPointContext() = default;
 
   // True the first time triangle t is seen in the current query.
@@ -220,18 +260,20 @@ class ClosestPointContext {
     }
   }
   OctreeClosestIt& iterator() { return iterator_; }
-  const BoundingBox& voxelBox(int voxel) const { return voxelBoxes_[voxel]; }
 
  private:
   std::uint32_t stamp_ = 1;
   kx::vector<std::uint32_t> stamps_;
-  kx::vector<BoundingBox> voxelBoxes_;
+  kx::vector<BoundingBox> nodeBoxes_;
   OctreeClosestIt iterator_;
 };
 
 MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree,
                                    const OctreeTris& tris)
-    : mesh_(mesh), octree_(octree), tris_(tris), context_(new ClosestPointContext(mesh, tris)) {}
+    : mesh_(mesh),
+      octree_(octree),
+      tris_(tris),
+      context_(new ClosestPointContext(mesh, octree, tris)) {}
 
 MeshClosestPoint::~MeshClosestPoint() { delete context_; }
 
@@ -241,10 +283,9 @@ double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
   const int* triangles = mesh_.getTrianglesRaw();
   double best = kLargestDouble;
   for (it.reset(octree_, p); it.valid() && it.getDistance2() < best; it.next()) {
-    // Leaves and triangles whose boxes are no nearer than the best point are
-    // skipped: a pure saving, the answer is the same.
+    // Triangles whose boxes are no nearer than the best point are skipped: a
+    // pure saving, the answer is the same.
     const int voxel = it.get().getVoxel();
-    if (beyond(boxDistance2(context_->voxelBox(voxel).data(), p), best)) continue;
     const int* tris = tris_.firstTri(voxel);
     for (int i = 0, n = tris_.numTris(voxel); i < n; ++i) {
       const int t = tris[i];
@@ -255,6 +296,7 @@ double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
       if (triangleClosest(mesh_, t, p, coord, d2) && d2 < best) {
         best = d2;
         if (result) *result = coord;
+        it.setLimit(best);
       }
     }
   }
