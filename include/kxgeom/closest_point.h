@@ -49,6 +49,18 @@ class KXGEOM_API OctreeClosestIt {
   /// Advances to the next leaf in distance order; does nothing when
   /// exhausted. Cost O(log heap) per cell expanded.
   void next();
+  /// Drops every cell met from now on whose squared distance is >= limit2
+  /// (it is neither expanded nor returned), so a caller that stops at a known
+  /// distance keeps the heap small. `reset` clears the limit. Requires a
+  /// prior `reset`. Cost O(1).
+  void setLimit(double limit2);
+  /// Orders cells by the distance to bounds[i] for node i of the octree (in
+  /// its node order, see `OctreeIterator::getNode`) instead of the cell's own
+  /// box, computed in double precision; null restores the cell boxes. Kept
+  /// across `reset`. With boxes that bound what the caller examines in each
+  /// subtree (invalid for nothing), the walk skips empty space and empty
+  /// subtrees. [in] bounds (not owned; outlives the searches). Cost O(1).
+  void setNodeBounds(const BoundingBox* bounds);
 
  private:
   OctreeClosestItImpl* impl_;
@@ -56,8 +68,8 @@ class KXGEOM_API OctreeClosestIt {
 
 /// Nearest point of a mesh to a query point, searched over an octree whose
 /// leaves carry triangle lists (`computeOctreeTris`). Exact: leaves are
-/// visited best first until a leaf's box is no nearer than the best triangle
-/// found, and the leaves tile the octree's box.
+/// visited best first, ordered by the box of the triangles listed below each
+/// cell, until that box is no nearer than the best triangle found.
 ///
 /// Built once per mesh and octree, it reuses its search context (a stamp per
 /// triangle and the iterator's heap) across queries. The mesh, octree and
@@ -67,7 +79,8 @@ class KXGEOM_API MeshClosestPoint {
  public:
   /// [in] mesh    the mesh.  [in] octree  the octree.
   /// [in] tris    the triangle lists of `mesh` over `octree`.
-  /// Cost O(triangles) to create the stamp array.
+  /// Cost O(triangles + listed pairs + nodes): the stamp array and, per
+  /// octree node, the box of the triangles listed below it.
   MeshClosestPoint(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris);
   MeshClosestPoint(const MeshClosestPoint&) = delete;
   MeshClosestPoint& operator=(const MeshClosestPoint&) = delete;

@@ -18,9 +18,12 @@
 #include <kxgeom/platform/threads.h>
 
 #include <kxgeom/bounds.h>
+#include <kxgeom/closest_point.h>
 #include <kxgeom/normals.h>
+#include <kxgeom/octree_query.h>
 #include <kxgeom/predicates.h>
 #include <kxgeom/quad_ray.h>
 #include <kxgeom/query_shapes.h>
+#include <kxgeom/ray_query.h>
 #include <kxgeom/ray_tracer.h>
 #include <kxgeom/weld.h>

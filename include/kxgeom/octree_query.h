@@ -14,12 +14,10 @@ namespace kxGeom {
 struct OctreeQueryState;
 
 /// Depth-first enumeration of the leaves of an octree whose boxes overlap a
-/// query shape `Query`. Children of a cell are explored in the order in which
-/// they are met along the shape's direction (the ray's direction, the
-/// frustum's viewing vector, +x for boxes and spheres); only leaves are
-/// returned, each once. The overlap test is the shape's box test: inclusive
-/// box overlap, the conservative frustum test, the forward ray's slab test on
-/// (0, FLT_MAX), and the box-sphere distance test.
+/// query shape. Children of a cell are explored in the order in which they
+/// are met along the shape's direction (the ray's direction, the frustum's
+/// viewing vector, +x for boxes and spheres); only leaves are returned, each
+/// once. The four shapes are the derived classes below.
 ///
 /// The object holds one pointer to its state, whose traversal stack is
 /// allocated once at construction with room for 8 x the octree's depth
@@ -28,69 +26,76 @@ struct OctreeQueryState;
 /// the iteration (the shape until the next `reset`) and stay unchanged.
 ///
 /// Usage: construct or `reset`; while `valid()`: use `get()`, then `next()`.
+/// `reset` starts over with a new shape on the same octree and moves to the
+/// first overlapping leaf (the root itself when it is an overlapping leaf); a
+/// shape that misses the root box leaves `valid()` false. `next` advances to
+/// the next overlapping leaf (one overlap test per child of every inner cell
+/// visited) and does nothing when exhausted. Constructing without a shape
+/// leaves `valid()` false until `reset`. Construction costs O(depth).
 /// Thread safety: a single-threaded object. Several threads may walk one
 /// octree at once, each with its own iterator.
-template <class Query>
 class KXGEOM_API OctreeQueryIt {
  public:
-  /// Allocates the state with an empty stack; `valid()` is false until
-  /// `reset`. [in] octree. Cost O(depth).
-  explicit OctreeQueryIt(const Octree& octree);
-  /// Allocates the state and runs `reset(query)`. [in] octree. [in] query.
-  OctreeQueryIt(const Octree& octree, const Query& query);
   OctreeQueryIt(const OctreeQueryIt&) = delete;
   OctreeQueryIt& operator=(const OctreeQueryIt&) = delete;
-  ~OctreeQueryIt();
 
-  /// Starts a new enumeration for `query` over the same octree and moves to
-  /// the first overlapping leaf (the root itself when it is an overlapping
-  /// leaf). A query that misses the root box leaves `valid()` false.
-  /// [in] query (kept by reference). Cost O(depth) to the first leaf.
-  void reset(const Query& query);
   /// True while there is a current leaf.
   bool valid() const;
   /// A copy of the handle on the current leaf. Requires valid().
   OctreeIterator get() const;
-  /// Advances to the next overlapping leaf; does nothing when exhausted.
-  /// Cost: one overlap test per child of every inner cell visited.
-  void next();
 
- private:
+ protected:
+  explicit OctreeQueryIt(const Octree& octree);
+  ~OctreeQueryIt();
+
   OctreeQueryState* state_;
 };
 
-extern template class OctreeQueryIt<BoundingBox>;
-extern template class OctreeQueryIt<Frustum>;
-extern template class OctreeQueryIt<Ray>;
-extern template class OctreeQueryIt<Sphere>;
-
 /// Leaves overlapping a box (`BoundingBox::intersects`, touching counts),
 /// children ordered along +x.
-class OctreeBBoxIntersectIt : public OctreeQueryIt<BoundingBox> {
+class KXGEOM_API OctreeBBoxIntersectIt : public OctreeQueryIt {
  public:
-  using OctreeQueryIt<BoundingBox>::OctreeQueryIt;
+  explicit OctreeBBoxIntersectIt(const Octree& octree) : OctreeQueryIt(octree) {}
+  OctreeBBoxIntersectIt(const Octree& octree, const BoundingBox& box) : OctreeQueryIt(octree) {
+    reset(box);
+  }
+  void reset(const BoundingBox& box);
+  void next();
 };
 
-/// Leaves that the (conservative) box-frustum test accepts, children
-/// ordered along `Frustum::getVector()`.
-class OctreeIntersectIt : public OctreeQueryIt<Frustum> {
+/// Leaves that the conservative box-frustum test accepts, children ordered
+/// along `Frustum::getVector()`.
+class KXGEOM_API OctreeIntersectIt : public OctreeQueryIt {
  public:
-  using OctreeQueryIt<Frustum>::OctreeQueryIt;
+  explicit OctreeIntersectIt(const Octree& octree) : OctreeQueryIt(octree) {}
+  OctreeIntersectIt(const Octree& octree, const Frustum& frustum) : OctreeQueryIt(octree) {
+    reset(frustum);
+  }
+  void reset(const Frustum& frustum);
+  void next();
 };
 
-/// Leaves that the forward ray (parameters in (0, FLT_MAX)) passes through,
-/// front to back within each parent. A ray starting inside the octree first
+/// Leaves that the forward ray passes through (slab test on parameters in
+/// (0, FLT_MAX)), front to back. A ray starting inside the octree first
 /// returns the leaf holding its origin.
-class OctreeRayIntersectIt : public OctreeQueryIt<Ray> {
+class KXGEOM_API OctreeRayIntersectIt : public OctreeQueryIt {
  public:
-  using OctreeQueryIt<Ray>::OctreeQueryIt;
+  explicit OctreeRayIntersectIt(const Octree& octree) : OctreeQueryIt(octree) {}
+  OctreeRayIntersectIt(const Octree& octree, const Ray& ray) : OctreeQueryIt(octree) { reset(ray); }
+  void reset(const Ray& ray);
+  void next();
 };
 
-/// Leaves whose box lies within the sphere's radius of its centre, children
-/// ordered along +x.
-class OctreeSphereIntersectIt : public OctreeQueryIt<Sphere> {
+/// Leaves whose box lies within the sphere's radius of its centre (distance
+/// in single precision), children ordered along +x.
+class KXGEOM_API OctreeSphereIntersectIt : public OctreeQueryIt {
  public:
-  using OctreeQueryIt<Sphere>::OctreeQueryIt;
+  explicit OctreeSphereIntersectIt(const Octree& octree) : OctreeQueryIt(octree) {}
+  OctreeSphereIntersectIt(const Octree& octree, const Sphere& sphere) : OctreeQueryIt(octree) {
+    reset(sphere);
+  }
+  void reset(const Sphere& sphere);
+  void next();
 };
 
 /// Lists, for every voxel of `octree`, the triangles of `mesh` that overlap
@@ -104,7 +109,7 @@ class OctreeSphereIntersectIt : public OctreeQueryIt<Sphere> {
 /// visited for the previous triangle of the same thread is listed in that
 /// leaf only, without traversal (so a triangle touching a neighbouring leaf
 /// only on its boundary may be missing there, depending on the thread split).
-/// A triangle with a NaN coordinate is listed nowhere. When the octree has no
+/// A triangle with a NaN or infinite coordinate is listed nowhere. When the octree has no
 /// leaves, `result` is left untouched and nothing is logged.
 /// Cost O(N log V) typical for N triangles and V leaves; memory O(pairs).
 /// Thread safety: re-entrant; reads mesh and octree only.

@@ -97,6 +97,68 @@ BoundingBox vertexFanBox(const CompactMesh& mesh, const MeshAdjTris& adjTris, in
   return box;
 }
 
+// Squared distance from p to a box of six floats (minimum, then maximum), in
+// double precision so that pruning by it is as exact as the distances it is
+// compared with.
+double boxDistance2(const float* box, const kxLinear::Point& p) {
+  double d2 = 0;
+  for (int k = 0; k < 3; ++k) {
+    const double gap = std::max(double(box[k]) - p[k], p[k] - double(box[k + 3]));
+    if (gap > 0) d2 += gap * gap;
+  }
+  return d2;
+}
+
+// A lower bound of triangle t's squared distance to p: that of its box.
+double triangleBoxDistance2(const float* vertices, const int* tri, const kxLinear::Point& p) {
+  const float* a = vertices + 3 * std::size_t(tri[0]);
+  const float* b = vertices + 3 * std::size_t(tri[1]);
+  const float* c = vertices + 3 * std::size_t(tri[2]);
+  float box[6];
+  for (int k = 0; k < 3; ++k) {
+    box[k] = std::min(a[k], std::min(b[k], c[k]));
+    box[k + 3] = std::max(a[k], std::max(b[k], c[k]));
+  }
+  return boxDistance2(box, p);
+}
+
+// True when a lower bound shows that nothing nearer than `best` can be found
+// (with a margin far above the rounding of the bound).
+bool beyond(double bound2, double best) { return bound2 > best * (1 + 1e-12); }
+
+// Fills boxes[i] with the box of the triangles listed in the leaves below
+// node i (invalid for a subtree without triangles).
+void fillContentBoxes(const CompactMesh& mesh, const OctreeTris& tris, const OctreeNode* root,
+                      const OctreeIterator& cell, kx::vector<BoundingBox>& boxes) {
+  BoundingBox& box = boxes[cell.getNode() - root];
+  box.setInvalid();
+  if (cell.isLeaf()) {
+    const MeshVertex* vertices = mesh.getVertices();
+    const MeshTriangle* triangles = mesh.getTriangles();
+    const int* list = tris.firstTri(cell.getVoxel());
+    for (int i = 0, n = tris.numTris(cell.getVoxel()); i < n; ++i) {
+      for (int k = 0; k < 3; ++k) box.extend(vertices[triangles[list[i]][k]].asPointFlt());
+    }
+    return;
+  }
+  for (int k = 0; k < 8; ++k) {
+    OctreeIterator child = cell;
+    child.descend(k);
+    fillContentBoxes(mesh, tris, root, child, boxes);
+    box.extend(boxes[child.getNode() - root]);
+  }
+}
+
+kx::vector<BoundingBox> contentBoxes(const CompactMesh& mesh, const Octree& octree,
+                                     const OctreeTris& tris) {
+  kx::vector<BoundingBox> boxes(std::size_t(octree.getNumNodes()));
+  const OctreeIterator root = octree.getRoot();
+  if (root.getNode() && tris.numVoxels() == octree.numLeaves) {
+    fillContentBoxes(mesh, tris, root.getNode(), root, boxes);
+  }
+  return boxes;
+}
+
 }  // namespace
 
 class OctreeClosestItImpl {
@@ -105,10 +167,12 @@ class OctreeClosestItImpl {
 
   void reset(const Octree& octree, const kxLinear::Point& p) {
     root_ = octree.getRoot();
-    point_ = kxLinear::PointFlt(p);
+    point_ = p;
+    pointFlt_ = kxLinear::PointFlt(p);
+    limit_ = std::numeric_limits<double>::infinity();
     heap_.clear();
     if (!root_.getNode()) return;
-    heap_.push_back({root_.getBox().distance2(point_), root_});
+    heap_.push_back({distance2(root_), root_});
     if (!root_.isLeaf()) next();
   }
 
@@ -120,7 +184,9 @@ class OctreeClosestItImpl {
       for (int child = 0; child < 8; ++child) {
         OctreeIterator handle = cell;
         if (!handle.descend(child)) break;
-        heap_.push_back({handle.getBox().distance2(point_), handle});
+        const double d2 = distance2(handle);
+        if (!(d2 < limit_)) continue;
+        heap_.push_back({d2, handle});
         std::push_heap(heap_.begin(), heap_.end(), fartherThan);
       }
       if (!heap_.empty() && heap_.front().cell.isLeaf()) return;
@@ -129,10 +195,21 @@ class OctreeClosestItImpl {
 
   bool valid() const { return !heap_.empty(); }
   const HeapEntry& top() const { return heap_.front(); }
+  void setLimit(double limit2) { limit_ = limit2; }
+  void setNodeBounds(const BoundingBox* bounds) { bounds_ = bounds; }
 
  private:
+  // The cell's key: its box distance, or its bound's when bounds are given.
+  double distance2(const OctreeIterator& cell) const {
+    if (bounds_) return boxDistance2(bounds_[cell.getNode() - root_.getNode()].data(), point_);
+    return cell.getBox().distance2(pointFlt_);
+  }
+
   OctreeIterator root_;
-  kxLinear::PointFlt point_;
+  kxLinear::Point point_;
+  kxLinear::PointFlt pointFlt_;
+  double limit_ = 0;
+  const BoundingBox* bounds_ = nullptr;
   kx::vector<HeapEntry> heap_;
 };
 
@@ -153,11 +230,20 @@ bool OctreeClosestIt::valid() const { return impl_ && impl_->valid(); }
 OctreeIterator OctreeClosestIt::get() const { return impl_->top().cell; }
 double OctreeClosestIt::getDistance2() const { return impl_->top().distance2; }
 void OctreeClosestIt::next() { impl_->next(); }
+void OctreeClosestIt::setLimit(double limit2) { impl_->setLimit(limit2); }
+
+void OctreeClosestIt::setNodeBounds(const BoundingBox* bounds) {
+  if (!impl_) impl_ = new OctreeClosestItImpl;
+  impl_->setNodeBounds(bounds);
+}
 
 class ClosestPointContext {
  public:
-  explicit ClosestPointContext(int numTriangles)
-      : stamps_(std::size_t(std::max(0, numTriangles)), 0) {}
+  ClosestPointContext(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
+      : stamps_(std::size_t(std::max(0, mesh.getNumTriangles())), 0),
+        nodeBoxes_(contentBoxes(mesh, octree, tris)) {
+    iterator_.setNodeBounds(nodeBoxes_.data());
+  }
   virtual ~ClosestPointContext() = default;
 
   // True the first time triangle t is seen in the current query.
@@ -178,6 +264,7 @@ class ClosestPointContext {
  private:
   std::uint32_t stamp_ = 1;
   kx::vector<std::uint32_t> stamps_;
+  kx::vector<BoundingBox> nodeBoxes_;
   OctreeClosestIt iterator_;
 };
 
@@ -186,23 +273,30 @@ MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree
     : mesh_(mesh),
       octree_(octree),
       tris_(tris),
-      context_(new ClosestPointContext(mesh.getNumTriangles())) {}
+      context_(new ClosestPointContext(mesh, octree, tris)) {}
 
 MeshClosestPoint::~MeshClosestPoint() { delete context_; }
 
 double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
   OctreeClosestIt& it = context_->iterator();
+  const float* vertices = mesh_.getVerticesRaw();
+  const int* triangles = mesh_.getTrianglesRaw();
   double best = kLargestDouble;
   for (it.reset(octree_, p); it.valid() && it.getDistance2() < best; it.next()) {
+    // Triangles whose boxes are no nearer than the best point are skipped: a
+    // pure saving, the answer is the same.
     const int voxel = it.get().getVoxel();
     const int* tris = tris_.firstTri(voxel);
     for (int i = 0, n = tris_.numTris(voxel); i < n; ++i) {
-      if (!context_->visit(tris[i])) continue;
+      const int t = tris[i];
+      if (!context_->visit(t)) continue;
+      if (beyond(triangleBoxDistance2(vertices, triangles + 3 * std::size_t(t), p), best)) continue;
       MeshCoord coord;
       double d2;
-      if (triangleClosest(mesh_, tris[i], p, coord, d2) && d2 < best) {
+      if (triangleClosest(mesh_, t, p, coord, d2) && d2 < best) {
         best = d2;
         if (result) *result = coord;
+        it.setLimit(best);
       }
     }
   }

@@ -1,6 +1,7 @@
 #include <kxgeom/octree_query.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/threads.h>
@@ -16,6 +17,7 @@ struct OctreeQueryState {
   int count;
   OctreeIterator* stack;
   int order[8];
+  kxLinear::Vector direction;  // the direction `order` was computed for
 };
 
 namespace {
@@ -32,83 +34,97 @@ kxLinear::Vector childDirection(const Sphere&) { return kxLinear::xAxis; }
 kxLinear::Vector childDirection(const Frustum& query) { return query.getVector(); }
 kxLinear::Vector childDirection(const Ray& query) { return query.direction(); }
 
+// The children of `parent` (which passed the test) whose boxes pass it, as a
+// bit mask over child numbers.
 template <class Query>
-void push(OctreeQueryState& s, const OctreeIterator& handle) {
-  if (overlaps(handle.getBox(), *static_cast<const Query*>(s.query))) s.stack[s.count++] = handle;
+unsigned overlappingChildren(const OctreeIterator& parent, const Query& query) {
+  unsigned mask = 0;
+  for (int k = 0; k < 8; ++k) {
+    if (overlaps(OctreeIterator::childBox(parent.getBox(), k), query)) mask |= 1u << k;
+  }
+  return mask;
 }
 
-// Pops the current leaf, then expands inner cells (children pushed from
-// order[7] down to order[0], so order[0] is explored first) until a leaf is on
-// top or the stack is empty.
+// For a box query the children are the parent's halves at its midpoints and
+// the parent overlaps the query, so a half overlaps exactly when the query
+// reaches the midpoint from its side: the same answer as testing each child
+// box, at six comparisons for all eight.
+template <>
+unsigned overlappingChildren(const OctreeIterator& parent, const BoundingBox& query) {
+  static constexpr unsigned kUpperHalf[3] = {0xAA, 0xCC, 0xF0};
+  const BoundingBox& box = parent.getBox();
+  unsigned mask = 0xFF;
+  for (int axis = 0; axis < 3; ++axis) {
+    const float mid = 0.5f * (box[axis] + box[axis + 3]);
+    if (!(query[axis] <= mid)) mask &= kUpperHalf[axis];
+    if (!(query[axis + 3] >= mid)) mask &= ~kUpperHalf[axis];
+  }
+  return mask;
+}
+
+// Pops the current leaf, then expands inner cells until a leaf is on top or
+// the stack is empty. Children that pass the test are pushed from order[7]
+// down to order[0], so order[0] is explored first.
 template <class Query>
 void advance(OctreeQueryState& s) {
+  const Query& query = *static_cast<const Query*>(s.query);
   if (s.count > 0 && s.stack[s.count - 1].isLeaf()) --s.count;
   while (s.count > 0) {
     const OctreeIterator top = s.stack[s.count - 1];
     if (top.isLeaf()) return;
     --s.count;
+    const unsigned mask = overlappingChildren(top, query);
     for (int k = 7; k >= 0; --k) {
-      OctreeIterator child = top;
-      if (child.descend(s.order[k])) push<Query>(s, child);
+      if (!((mask >> s.order[k]) & 1)) continue;
+      OctreeIterator& child = s.stack[s.count++];
+      child = top;
+      child.descend(s.order[k]);
     }
   }
 }
 
+template <class Query>
+void restart(OctreeQueryState& s, const Query& query) {
+  s.query = &query;
+  const kxLinear::Vector direction = childDirection(query);
+  if (!(direction == s.direction)) Octree::getNodeOrdering(direction, s.order);
+  s.direction = direction;
+  s.count = 0;
+  const OctreeIterator root = s.octree->getRoot();
+  if (!root.getNode()) return;
+  if (!overlaps(root.getBox(), query)) return;
+  s.stack[s.count++] = root;
+  if (!root.isLeaf()) advance<Query>(s);
+}
+
 }  // namespace
 
-template <class Query>
-OctreeQueryIt<Query>::OctreeQueryIt(const Octree& octree) : state_(new OctreeQueryState) {
+OctreeQueryIt::OctreeQueryIt(const Octree& octree) : state_(new OctreeQueryState) {
   state_->octree = &octree;
   state_->query = nullptr;
   state_->capacity = 8 * std::max(1, octree.depth);
   state_->count = 0;
   state_->stack = new OctreeIterator[std::size_t(state_->capacity)];
-  for (int k = 0; k < 8; ++k) state_->order[k] = k;
+  state_->direction = kxLinear::xAxis;
+  Octree::getNodeOrdering(state_->direction, state_->order);
 }
 
-template <class Query>
-OctreeQueryIt<Query>::OctreeQueryIt(const Octree& octree, const Query& query)
-    : OctreeQueryIt(octree) {
-  reset(query);
-}
-
-template <class Query>
-OctreeQueryIt<Query>::~OctreeQueryIt() {
+OctreeQueryIt::~OctreeQueryIt() {
   delete[] state_->stack;
   delete state_;
 }
 
-template <class Query>
-void OctreeQueryIt<Query>::reset(const Query& query) {
-  OctreeQueryState& s = *state_;
-  s.query = &query;
-  Octree::getNodeOrdering(childDirection(query), s.order);
-  s.count = 0;
-  const OctreeIterator root = s.octree->getRoot();
-  if (!root.getNode()) return;
-  push<Query>(s, root);
-  if (s.count > 0 && !s.stack[0].isLeaf()) advance<Query>(s);
-}
+bool OctreeQueryIt::valid() const { return state_->count > 0; }
+OctreeIterator OctreeQueryIt::get() const { return state_->stack[state_->count - 1]; }
 
-template <class Query>
-bool OctreeQueryIt<Query>::valid() const {
-  return state_->count > 0;
-}
-
-template <class Query>
-OctreeIterator OctreeQueryIt<Query>::get() const {
-  return state_->stack[state_->count - 1];
-}
-
-template <class Query>
-void OctreeQueryIt<Query>::next() {
-  advance<Query>(*state_);
-}
-
-template class OctreeQueryIt<BoundingBox>;
-template class OctreeQueryIt<Frustum>;
-template class OctreeQueryIt<Ray>;
-template class OctreeQueryIt<Sphere>;
+void OctreeBBoxIntersectIt::reset(const BoundingBox& box) { restart(*state_, box); }
+void OctreeBBoxIntersectIt::next() { advance<BoundingBox>(*state_); }
+void OctreeIntersectIt::reset(const Frustum& frustum) { restart(*state_, frustum); }
+void OctreeIntersectIt::next() { advance<Frustum>(*state_); }
+void OctreeRayIntersectIt::reset(const Ray& ray) { restart(*state_, ray); }
+void OctreeRayIntersectIt::next() { advance<Ray>(*state_); }
+void OctreeSphereIntersectIt::reset(const Sphere& sphere) { restart(*state_, sphere); }
+void OctreeSphereIntersectIt::next() { advance<Sphere>(*state_); }
 
 namespace {
 
@@ -122,7 +138,12 @@ struct PartitionRecord {
   int coherent = 0;
 };
 
-// Triangles as partition elements.
+bool isFinite(const float* p) {
+  return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
+}
+
+// Triangles as partition elements. `box` is false for an element with a
+// non-finite corner, which has no place in any leaf.
 struct TriangleElements {
   const float* vertices;
   const int* triangles;
@@ -130,9 +151,12 @@ struct TriangleElements {
   const float* corner(int element, int k) const {
     return vertices + 3 * std::size_t(triangles[3 * std::size_t(element) + k]);
   }
-  void box(int element, BoundingBox& box) const {
+  bool box(int element, BoundingBox& box) const {
+    const float *a = corner(element, 0), *b = corner(element, 1), *c = corner(element, 2);
+    if (!isFinite(a) || !isFinite(b) || !isFinite(c)) return false;
     box.zero();
-    meshTriBoundingBox(corner(element, 0), corner(element, 1), corner(element, 2), box);
+    meshTriBoundingBox(a, b, c, box);
+    return true;
   }
   bool overlaps(const BoundingBox& cell, int element) const {
     return intersects(cell, corner(element, 0), corner(element, 1), corner(element, 2));
@@ -147,11 +171,13 @@ struct LineElements {
   const float* end(int element, int k) const {
     return vertices + 3 * std::size_t(lines[element][k]);
   }
-  void box(int element, BoundingBox& box) const {
+  bool box(int element, BoundingBox& box) const {
     const float* p = end(element, 0);
     const float* q = end(element, 1);
+    if (!isFinite(p) || !isFinite(q)) return false;
     box = BoundingBox(p[0], p[1], p[2], p[0], p[1], p[2]);
     box.extend(q[0], q[1], q[2]);
+    return true;
   }
   bool overlaps(const BoundingBox& cell, int element) const {
     return intersects(cell, end(element, 0), end(element, 1));
@@ -188,7 +214,7 @@ class PartitionAlg : public kxUtil::ThreadedAlg<PartitionRecord> {
     OctreeIterator reference;
     BoundingBox box;
     for (int i = begin; i < end; ++i) {
-      elements_.box(i, box);
+      if (!elements_.box(i, box)) continue;
       if (reference.getNode() && reference.getBox().contains(box)) {
         record.pairs.push_back({reference.getVoxel(), i});
         ++record.coherent;

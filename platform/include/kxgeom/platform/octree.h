@@ -66,14 +66,12 @@ class OctreeIterator {
   /// and `descend` share it, so a point lies in the box of the leaf it is
   /// stored in.
   static BoundingBox childBox(const BoundingBox& parent, int child) {
-    BoundingBox box;
-    for (int axis = 0; axis < 3; ++axis) {
-      const float mid = 0.5f * (parent[axis] + parent[axis + 3]);
-      const bool upper = (child >> axis) & 1;
-      box[axis] = upper ? mid : parent[axis];
-      box[axis + 3] = upper ? parent[axis + 3] : mid;
-    }
-    return box;
+    const float mx = 0.5f * (parent[0] + parent[3]);
+    const float my = 0.5f * (parent[1] + parent[4]);
+    const float mz = 0.5f * (parent[2] + parent[5]);
+    const bool ux = child & 1, uy = child & 2, uz = child & 4;
+    return BoundingBox(ux ? mx : parent[0], uy ? my : parent[1], uz ? mz : parent[2],
+                       ux ? parent[3] : mx, uy ? parent[4] : my, uz ? parent[5] : mz);
   }
 
  private:
