@@ -14,10 +14,12 @@ namespace kxGeom {
 ///                one notice of type 2 marked normalsModified is sent. With no
 ///                vertices nothing happens (no log line, no notice).
 /// Preconditions: triangle indices lie in [0, vertex count).
-/// Never fails. Results are identical for every thread count: per-triangle
-/// normals are computed in parallel, then summed in triangle order.
-/// Cost O(vertices + triangles), O(triangles) temporary memory.
-/// Not to be called on one mesh from two threads.
+/// Never fails. Runs on the shared pool, each thread owning a range of
+/// vertices and summing their triangles in triangle order, so results are
+/// identical for every thread count. Cost O(vertices + threads * triangles)
+/// (each thread reads every triangle's indices; only triangles touching its
+/// range cost a normal), no temporary memory. Not to be called on one mesh
+/// from two threads.
 KXGEOM_API void meshComputeNormals(CompactMesh& mesh);
 
 /// Stores `meshTriNormal` of every triangle, rounded to float, in the

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/threads.h>
@@ -10,17 +11,31 @@ namespace kxGeom {
 
 namespace {
 
-// A running box kept in six locals so the compiler can hold it in registers.
+// Four floats in one vector register (a GNU vector extension that g++ and
+// clang++ both lower to SSE/NEON min/max for the selects below).
+using Float4 = float __attribute__((vector_size(16)));
+
+Float4 load4(const float* p) {
+  Float4 r;
+  std::memcpy(&r, p, sizeof(r));
+  return r;
+}
+
+// A running box in six floats, small enough to live in registers.
 struct Extent {
   float lo[3], hi[3];
 
   explicit Extent(const BoundingBox& b) : lo{b[0], b[1], b[2]}, hi{b[3], b[4], b[5]} {}
-  void add(const float* p) {
+  // Folds in a box given by its minimum and maximum corners: replace the
+  // minimum if smaller, the maximum if larger, written as selects so it
+  // compiles to branch-free min/max (a NaN never replaces).
+  void fold(const float* otherLo, const float* otherHi) {
     for (int k = 0; k < 3; ++k) {
-      if (p[k] < lo[k]) lo[k] = p[k];
-      if (p[k] > hi[k]) hi[k] = p[k];
+      lo[k] = otherLo[k] < lo[k] ? otherLo[k] : lo[k];
+      hi[k] = otherHi[k] > hi[k] ? otherHi[k] : hi[k];
     }
   }
+  void add(const float* p) { fold(p, p); }
   BoundingBox box() const { return BoundingBox(lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]); }
 };
 
@@ -43,16 +58,32 @@ class BoundingBoxAlg : public kxUtil::ThreadedAlg<BoundingBox> {
   }
 
  private:
+  // Four vertices (twelve floats, three 4-float vectors) per step, each
+  // float position with its own running minimum and maximum: the chains are
+  // independent and use vector min/max. Lane j of vector r holds component
+  // (4 r + j) % 3.
   void addAll(int begin, int end, Extent& extent) const {
     const float* v = vertices_ + 3 * std::ptrdiff_t(begin);
+    Float4 lo[3], hi[3];
+    for (int r = 0; r < 3; ++r) {
+      for (int j = 0; j < 4; ++j) {
+        lo[r][j] = extent.lo[(4 * r + j) % 3];
+        hi[r][j] = extent.hi[(4 * r + j) % 3];
+      }
+    }
     int i = begin;
     for (; i + 4 <= end; i += 4, v += 12) {
-      extent.add(v);
-      extent.add(v + 3);
-      extent.add(v + 6);
-      extent.add(v + 9);
+      for (int r = 0; r < 3; ++r) {
+        const Float4 p = load4(v + 4 * r);
+        lo[r] = p < lo[r] ? p : lo[r];
+        hi[r] = p > hi[r] ? p : hi[r];
+      }
     }
     for (; i < end; ++i, v += 3) extent.add(v);
+    float flat[2][12];
+    std::memcpy(flat[0], lo, sizeof(lo));
+    std::memcpy(flat[1], hi, sizeof(hi));
+    for (int j = 0; j < 12; j += 3) extent.fold(flat[0] + j, flat[1] + j);
   }
   // Reads the filter's 32-bit words directly and skips empty words whole.
   void addSelected(int begin, int end, Extent& extent) const {

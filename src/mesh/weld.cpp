@@ -1,7 +1,9 @@
 #include <kxgeom/weld.h>
 
 #include <algorithm>
-#include <numeric>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
 
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/os.h>
@@ -17,33 +19,116 @@ bool DefaultMeshVertexEqualityChecker::equal(const float* a, const float* b) {
 
 namespace {
 
-// Sorts the two halves of an index array concurrently: thread 0 the first,
-// thread 1 the second, split by the range rule for two threads. Any further
-// threads of the pool have nothing to do.
-template <class Less>
+// Maps a float to an unsigned int of the same order: -0 goes to +0 and
+// every NaN to the top value (after +infinity), so NaNs sort last and are
+// equivalent to each other, as in VertexCompare.
+std::uint32_t sortableBits(float f) {
+  if (std::isnan(f)) return 0xFFFFFFFFu;
+  std::uint32_t bits;
+  const float canonical = f == 0.0f ? 0.0f : f;
+  std::memcpy(&bits, &canonical, sizeof(bits));
+  return (bits & 0x80000000u) ? ~bits : bits | 0x80000000u;
+}
+
+float fromSortableBits(std::uint32_t u) {
+  const std::uint32_t bits = (u & 0x80000000u) ? u & 0x7FFFFFFFu : ~u;
+  float f;
+  std::memcpy(&f, &bits, sizeof(f));
+  return f;
+}
+
+// A vertex's sort key stored next to its index, so that sorting compares
+// contiguous integers instead of chasing indices into the vertex arrays. The
+// key is the position, then the given normal (K >= 6), then the UV (K = 8),
+// as sortable bits; word K is the index. Compared lexicographically as
+// 64-bit pairs, this is exactly the order of VertexCompare,
+// VertexNormalCompare or VertexNormalUVCompare on the indices.
+template <int K>
+struct WeldRecord {
+  std::uint32_t words[K + 1];
+
+  int index() const { return int(words[K]); }
+  // Exact float equality of key word w: same value and not NaN.
+  bool sameFloat(const WeldRecord& o, int w) const {
+    return words[w] == o.words[w] && words[w] != 0xFFFFFFFFu;
+  }
+};
+
+template <int K>
+struct RecordLess {
+  bool operator()(const WeldRecord<K>& a, const WeldRecord<K>& b) const {
+    for (int w = 0; w + 1 <= K; w += 2) {
+      const std::uint64_t x = std::uint64_t(a.words[w]) << 32 | a.words[w + 1];
+      const std::uint64_t y = std::uint64_t(b.words[w]) << 32 | b.words[w + 1];
+      if (x != y) return x < y;
+    }
+    return (K + 1) % 2 == 1 && a.words[K] < b.words[K];
+  }
+};
+
+// Stable LSD radix sort of records by their key words, 8 bits per pass,
+// least significant digit first; passes whose digit is the same in every
+// record are skipped. Stability keeps equal keys in their incoming order,
+// which is index order, so the result is the records' total order.
+// `scratch` holds `count` records; the result ends up in `data`.
+template <int K>
+void radixSortRecords(WeldRecord<K>* data, int count, WeldRecord<K>* scratch) {
+  constexpr int kBits = 8, kBuckets = 1 << kBits, kDigitsPerWord = 4;
+  constexpr int kDigits = K * kDigitsPerWord;
+  auto digit = [](const WeldRecord<K>& r, int d) {
+    const int word = K - 1 - d / kDigitsPerWord, shift = (d % kDigitsPerWord) * kBits;
+    return int((r.words[word] >> shift) & (kBuckets - 1));
+  };
+  if (count < 2) return;
+  kx::vector<int> counts;
+  counts.assign(std::size_t(kDigits) * kBuckets, 0);
+  for (int i = 0; i < count; ++i) {
+    for (int d = 0; d < kDigits; ++d) ++counts[std::size_t(d) * kBuckets + digit(data[i], d)];
+  }
+  WeldRecord<K>* src = data;
+  WeldRecord<K>* dst = scratch;
+  for (int d = 0; d < kDigits; ++d) {
+    int* offsets = counts.data() + std::size_t(d) * kBuckets;
+    if (offsets[digit(src[0], d)] == count) continue;
+    for (int b = 0, sum = 0; b < kBuckets; ++b) {
+      const int c = offsets[b];
+      offsets[b] = sum;
+      sum += c;
+    }
+    for (int i = 0; i < count; ++i) dst[offsets[digit(src[i], d)]++] = src[i];
+    std::swap(src, dst);
+  }
+  if (src != data) std::copy(src, src + count, data);
+}
+
+// Sorts the two halves of the records concurrently: thread 0 the first,
+// thread 1 the second, split by the range rule for two threads, each with
+// its own slice of the scratch array. Further threads have nothing to do.
+template <int K>
 class HalfSortAlg : public kxUtil::ThreadedAlgBase {
  public:
-  HalfSortAlg(int* data, int n, Less less) : data_(data), n_(n), less_(less) {}
+  HalfSortAlg(WeldRecord<K>* data, int n, WeldRecord<K>* scratch)
+      : data_(data), n_(n), scratch_(scratch) {}
   void run(int thread, int) override {
     if (thread > 1) return;
     const int begin = getBeginIndex(thread, 2, n_), end = getBeginIndex(thread + 1, 2, n_);
-    std::sort(data_ + begin, data_ + end, less_);
+    radixSortRecords(data_ + begin, end - begin, scratch_ + begin);
   }
 
  private:
-  int* data_;
+  WeldRecord<K>* data_;
   int n_;
-  Less less_;
+  WeldRecord<K>* scratch_;
 };
 
 // Merges the two sorted halves into `out` from both ends at once: thread 0
 // takes from the halves' fronts and fills the lower half of the result,
 // thread 1 takes from their ends and fills the upper half backwards. With a
 // total order the two meet exactly.
-template <class Less>
+template <class T, class Less>
 class TwoEndedMergeAlg : public kxUtil::ThreadedAlgBase {
  public:
-  TwoEndedMergeAlg(const int* data, int n, Less less, int* out)
+  TwoEndedMergeAlg(const T* data, int n, Less less, T* out)
       : data_(data), n_(n), mid_(getBeginIndex(1, 2, n)), less_(less), out_(out) {}
   void run(int thread, int) override {
     if (thread == 0) mergeFronts();
@@ -66,80 +151,103 @@ class TwoEndedMergeAlg : public kxUtil::ThreadedAlgBase {
     }
   }
 
-  const int* data_;
+  const T* data_;
   int n_;
   int mid_;
   Less less_;
-  int* out_;
+  T* out_;
 };
 
-// Sorts indices on the shared pool: directly with one thread, otherwise two
-// concurrently sorted halves merged from both ends into a temporary array.
-template <class Less>
-void parallelSortIndices(kx::vector<int>& indices, Less less) {
+// Sorts the records on the shared pool: directly with one thread, otherwise
+// two concurrently sorted halves merged from both ends into a temporary
+// array (the halves' scratch space, free again by then).
+template <int K>
+void parallelSort(kx::vector<WeldRecord<K>>& records) {
   kxUtil::ThreadPool& pool = kxUtil::ThreadPool::get();
-  const int n = int(indices.size());
+  const int n = int(records.size());
+  kx::vector<WeldRecord<K>> scratch(n);
   if (pool.numThreads() == 1) {
-    std::sort(indices.begin(), indices.end(), less);
+    radixSortRecords(records.data(), n, scratch.data());
     return;
   }
-  HalfSortAlg<Less> halves(indices.data(), n, less);
+  HalfSortAlg<K> halves(records.data(), n, scratch.data());
   pool.run(halves);
-  kx::vector<int> merged(n);
-  TwoEndedMergeAlg<Less> merge(indices.data(), n, less, merged.data());
+  TwoEndedMergeAlg<WeldRecord<K>, RecordLess<K>> merge(records.data(), n, RecordLess<K>(),
+                                                       scratch.data());
   pool.run(merge);
-  indices.swap(merged);
+  records.swap(scratch);
 }
 
-// What besides the position keeps two vertices apart.
-struct WeldKeys {
-  const float* normals = nullptr;  // given normals, or null
-  const float* uvs = nullptr;      // UVs when normals take part, or null
-
-  bool sameExtras(int r, int q) const {
-    if (normals && !std::equal(normals + 3 * r, normals + 3 * r + 3, normals + 3 * q)) {
-      return false;
-    }
-    return !uvs || (uvs[2 * r] == uvs[2 * q] && uvs[2 * r + 1] == uvs[2 * q + 1]);
-  }
-};
-
-WeldKeys chooseKeys(const CompactMesh& mesh) {
-  WeldKeys keys;
-  if (mesh.getNormals() && !mesh.getNormalsComputed()) {
-    keys.normals = mesh.getNormalsRaw();
-    keys.uvs = mesh.getUVsRaw();
-  }
-  return keys;
+// Fills each vertex's record with its key and index, in parallel.
+template <int K>
+kx::vector<WeldRecord<K>> makeRecords(const CompactMesh& mesh) {
+  const float* vertices = mesh.getVerticesRaw();
+  const float* normals = mesh.getNormalsRaw();
+  const float* uvs = mesh.getUVsRaw();
+  kx::vector<WeldRecord<K>> records(mesh.getNumVertices());
+  kxUtil::forEachRange(kxUtil::ThreadPool::get(), mesh.getNumVertices(),
+                       [&](int, int begin, int end) {
+                         for (int i = begin; i < end; ++i) {
+                           std::uint32_t* w = records[i].words;
+                           for (int k = 0; k < 3; ++k) w[k] = sortableBits(vertices[3 * i + k]);
+                           for (int k = 3; k < std::min(K, 6); ++k) {
+                             w[k] = sortableBits(normals[3 * i + k - 3]);
+                           }
+                           for (int k = 6; k < K; ++k) w[k] = sortableBits(uvs[2 * i + k - 6]);
+                           w[K] = std::uint32_t(i);
+                         }
+                       });
+  return records;
 }
 
-void sortByKeys(kx::vector<int>& order, const float* vertices, const WeldKeys& keys) {
-  if (keys.uvs) {
-    parallelSortIndices(order, VertexNormalUVCompare(vertices, keys.normals, keys.uvs));
-  } else if (keys.normals) {
-    parallelSortIndices(order, VertexNormalCompare(vertices, keys.normals));
-  } else {
-    parallelSortIndices(order, VertexCompare(vertices));
-  }
-}
-
-// Scans the sorted indices and numbers the groups; returns the group count.
-int numberGroups(kx::vector<int>& order, const float* vertices, const WeldKeys& keys,
-                 IMeshVertexEqualityChecker& checker, Remap& remap) {
-  const int n = int(order.size());
+// Scans the sorted records and numbers the groups; returns the group count.
+// Normals and UVs in the key must match exactly (as floats) besides the
+// checker's verdict on the positions, which it sees decoded from the key.
+template <int K>
+int numberGroups(kx::vector<WeldRecord<K>>& records, IMeshVertexEqualityChecker& checker,
+                 Remap& remap) {
+  const int n = int(records.size());
   if (n == 0) return 0;
   int next = 0;
-  remap.set(order[0], next++);
+  remap.set(records[0].index(), next++);
+  float first[3] = {fromSortableBits(records[0].words[0]), fromSortableBits(records[0].words[1]),
+                    fromSortableBits(records[0].words[2])};
   for (int i = 1; i < n; ++i) {
-    const int r = order[i - 1], q = order[i];
-    if (checker.equal(vertices + 3 * r, vertices + 3 * q) && keys.sameExtras(r, q)) {
-      remap.set(q, next - 1);
-      order[i] = r;  // the next candidate meets the group's first member again
+    const WeldRecord<K>& r = records[i - 1];
+    const WeldRecord<K>& q = records[i];
+    const float candidate[3] = {fromSortableBits(q.words[0]), fromSortableBits(q.words[1]),
+                                fromSortableBits(q.words[2])};
+    bool same = checker.equal(first, candidate);
+    for (int w = 3; w < K && same; ++w) same = r.sameFloat(q, w);
+    if (same) {
+      remap.set(q.index(), next - 1);
+      records[i] = r;  // the next candidate meets the group's first member again
     } else {
-      remap.set(q, next++);
+      remap.set(q.index(), next++);
+      std::copy(candidate, candidate + 3, first);
     }
   }
   return next;
+}
+
+// The sort and scan phases of the weld with K key floats; returns the
+// number of new vertices.
+template <int K>
+int sortAndNumber(const CompactMesh& mesh, kxUtil::Progress& progress, Remap& remap,
+                  IMeshVertexEqualityChecker& checker, kxOS::StopWatch& watch) {
+  kx::vector<WeldRecord<K>> records = makeRecords<K>(mesh);
+  kxUtil::Progress sortPhase;
+  progress.subPhase(0.8, sortPhase);
+  parallelSort(records);
+  sortPhase.set(1.0);
+  debugChannel().print("sorted vertices: %f s\n", watch.clear());
+
+  kxUtil::Progress scanPhase;
+  progress.subPhase(0.2, scanPhase);
+  const int k = numberGroups(records, checker, remap);
+  scanPhase.set(1.0);
+  debugChannel().print("initialized remap: %f s\n", watch.clear());
+  return k;
 }
 
 // Writes each old element to its new index, ascending, so the highest old
@@ -194,24 +302,13 @@ void meshCompact(CompactMesh& mesh, kxUtil::Progress& progress, Remap& remap,
   const int n = mesh.getNumVertices();
   debugChannel().print("meshCompact: %d vertices, %d triangles\n", n, mesh.getNumTriangles());
   kxOS::StopWatch watch;
-  const WeldKeys keys = chooseKeys(mesh);
-  const float* vertices = mesh.getVerticesRaw();
-  kx::vector<int> order(n);
-  std::iota(order.begin(), order.end(), 0);
+  // Given normals take part in the comparison, and UVs only with them.
+  const bool useNormals = mesh.getNormals() && !mesh.getNormalsComputed();
+  const bool useUVs = useNormals && mesh.getUVs();
   remap.resize(n, n);
-
-  kxUtil::Progress sortPhase;
-  progress.subPhase(0.8, sortPhase);
-  sortByKeys(order, vertices, keys);
-  sortPhase.set(1.0);
-  debugChannel().print("sorted vertices: %f s\n", watch.clear());
-
-  kxUtil::Progress scanPhase;
-  progress.subPhase(0.2, scanPhase);
-  const int k = numberGroups(order, vertices, keys, checker, remap);
-  scanPhase.set(1.0);
-  debugChannel().print("initialized remap: %f s\n", watch.clear());
-  kx::vector<int>().swap(order);
+  const int k = useUVs       ? sortAndNumber<8>(mesh, progress, remap, checker, watch)
+                : useNormals ? sortAndNumber<6>(mesh, progress, remap, checker, watch)
+                             : sortAndNumber<3>(mesh, progress, remap, checker, watch);
   if (k == n) {
     remap.setSequential();
     return;
@@ -223,7 +320,7 @@ void meshCompact(CompactMesh& mesh, kxUtil::Progress& progress, Remap& remap,
   const kx::vector<MeshVertex> newVertices = gather(mesh.getVertices(), n, remap, k);
   debugChannel().print("remapped vertices: %f s\n", watch.clear());
   kx::vector<MeshNormal> newNormals;
-  if (keys.normals) {
+  if (useNormals) {
     newNormals = gather(mesh.getNormals(), n, remap, k);
     mod.normalsModified();
     debugChannel().print("remapped normals: %f s\n", watch.clear());
@@ -237,7 +334,7 @@ void meshCompact(CompactMesh& mesh, kxUtil::Progress& progress, Remap& remap,
 
   mesh.resizeVertexArray(k);
   copyInto(newVertices, mesh.getVertices());
-  if (keys.normals) copyInto(newNormals, mesh.getNormals());
+  if (useNormals) copyInto(newNormals, mesh.getNormals());
   if (mesh.getUVs()) copyInto(newUVs, mesh.getUVs());
   remap(mesh.getTrianglesRaw(), 3 * mesh.getNumTriangles());
   mod.triangleNormalsValid();

@@ -103,7 +103,14 @@ TEST(TriangleNormals, EqualTriNormalOfEachTriangle) {
   ASSERT_NE(nullptr, mesh.getTriangleNormals());
   for (int t = 0; t < mesh.getNumTriangles(); ++t) {
     const Vector ref = unitNormal(mesh, t);
-    EXPECT_LT((mesh.getTriangleNormals()[t].asVector() - ref).length(), 1e-6) << t;
+    const kxGeom::MeshNormal& got = mesh.getTriangleNormals()[t];
+    EXPECT_LT((got.asVector() - ref).length(), 1e-6) << t;
+    // The pass must round exactly what meshTriNormal gives, bit for bit.
+    const kxLinear::Normal exact =
+        kxGeom::meshTriNormal(mesh.getVerticesRaw(), mesh.getTrianglesRaw() + 3 * t);
+    ASSERT_EQ(float(exact.x()), got.x) << t;
+    ASSERT_EQ(float(exact.y()), got.y) << t;
+    ASSERT_EQ(float(exact.z()), got.z) << t;
   }
   ASSERT_EQ(2u, log.lines().size());
   EXPECT_EQ("meshComputeTriangleNormals:  vertices 100  triangles 500\n", log.lines()[0]);

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <map>
 #include <random>
 #include <tuple>
@@ -111,18 +113,6 @@ TEST(Weld, SoupOfASphereWeldsToItsDistinctPositions) {
   for (int i = 0; i < 4; ++i) {
     EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[i + 1], phases[i], " s\n")) << i;
   }
-}
-
-TEST(Weld, RepeatedTrianglesShareThreeVertices) {
-  const MeshVertex v[6] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
-  const int t[6] = {0, 1, 2, 3, 4, 5};
-  CompactMesh mesh(6, v, nullptr, nullptr, nullptr);
-  mesh.copyTriangles(2, t);
-  weld(mesh);
-  ASSERT_EQ(3, mesh.getNumVertices());
-  for (int c = 0; c < 3; ++c) EXPECT_EQ(mesh.getTriangles()[0][c], mesh.getTriangles()[1][c]);
-  for (int c = 0; c < 3; ++c)
-    EXPECT_EQ(keyOf(v[c]), keyOf(mesh.getVertices()[mesh.getTriangles()[0][c]]));
 }
 
 TEST(Weld, GivenNormalsKeepVerticesApartDerivedOnesDoNot) {
@@ -271,6 +261,45 @@ TEST(Weld, HostileValuesAndEmptyMeshes) {
   const Remap none = weld(empty);
   EXPECT_EQ(0, none.getDomainSize());
   EXPECT_EQ(0, empty.getModificationCount());
+}
+
+TEST(Weld, NumberingFollowsThePublicSortOrders) {
+  // Positions (with signed zeros, infinities and NaN), given normals and
+  // UVs from small sets, so each key part decides some comparisons; new
+  // indices must rise along the index order of VertexNormalUVCompare, by one
+  // exactly where the full key changes.
+  std::mt19937 rng(83);
+  std::uniform_int_distribution<int> pick(0, 2);
+  const int n = 3000;
+  std::vector<MeshVertex> v(n);
+  std::vector<kxGeom::MeshNormal> nn(n);
+  std::vector<kxGeom::MeshUV> uv(n);
+  const float inf = std::numeric_limits<float>::infinity();
+  const float xs[7] = {-inf, -2.5f, -0.0f, 0.0f, 3.0f, inf, std::nanf("")};
+  std::uniform_int_distribution<int> pickX(0, 6);
+  for (int i = 0; i < n; ++i) {
+    v[i] = {xs[pickX(rng)], float(pick(rng)), -0.0f};
+    nn[i] = {0, float(pick(rng)), 1};
+    uv[i] = {float(pick(rng)), 0.5f};
+  }
+  CompactMesh mesh(n, v.data(), nn.data(), uv.data(), nullptr);
+  const Remap remap = weld(mesh);
+  std::vector<int> order(n);
+  for (int i = 0; i < n; ++i) order[i] = i;
+  const float* uvs = reinterpret_cast<const float*>(uv.data());
+  const kxGeom::VertexNormalUVCompare less(&v[0].x, &nn[0].x, uvs);
+  std::sort(order.begin(), order.end(), less);
+  EXPECT_EQ(0, remap(order[0]));
+  int groups = 1;
+  for (int i = 1; i < n; ++i) {
+    const int a = order[i - 1], b = order[i];
+    const bool sameKey =
+        v[a].x == v[b].x && v[a].y == v[b].y && nn[a].y == nn[b].y && uv[a].u == uv[b].u;
+    ASSERT_EQ(remap(a) + (sameKey ? 0 : 1), remap(b)) << i;
+    groups += !sameKey;
+  }
+  EXPECT_EQ(groups, mesh.getNumVertices());
+  EXPECT_GT(groups, 5 * 27);  // five x values besides NaN, and every NaN alone
 }
 
 TEST(Weld, IdenticalForEveryThreadCount) {

@@ -99,14 +99,6 @@ void expectPlanesConsistent(const Frustum& f) {
   }
 }
 
-TEST(FrustumShape, DefaultIsTheClipCube) {
-  const Frustum f;
-  expectPlanesConsistent(f);
-  EXPECT_TRUE(kxGeom::contains(f, Point(1, -1, 1)));
-  EXPECT_FALSE(kxGeom::contains(f, Point(0, 0, 1.0001)));
-  EXPECT_EQ(Vector(0, 0, 1), f.getVector());
-}
-
 TEST(FrustumShape, PickFrustumMatchesItsAxisFrame) {
   const kxLinear::Line ray(Point(1, 2, 3), Vector(0.5, -2, 1));
   const double halfWidth = 0.2, halfAngle = 0.1, length = 10;
@@ -222,9 +214,13 @@ TEST(FrustumShape, ScreenFrustumRejectsSingularInput) {
   EXPECT_FALSE(kxGeom::makeScreenFrustum(kxLinear::ProjMatrixFlt(), 0.5, -1, 0.5, 1, f));
   EXPECT_FALSE(kxGeom::makeScreenFrustum(kxLinear::ProjMatrixFlt(), -1, -1, 1, std::nan(""), f));
   for (int i = 0; i < 8; ++i) EXPECT_EQ(before.corner(i), f.corner(i));
-  // The identity projection over the full screen is the clip cube.
+  // The identity projection over the full screen is the clip cube, which is
+  // also the default frustum, seen along +z.
   ASSERT_TRUE(kxGeom::makeScreenFrustum(kxLinear::ProjMatrixFlt(), -1, -1, 1, 1, f));
   for (int i = 0; i < 8; ++i) EXPECT_EQ(before.corner(i), f.corner(i));
+  expectPlanesConsistent(f);
+  EXPECT_EQ(Vector(0, 0, 1), f.getVector());
+  EXPECT_FALSE(kxGeom::contains(f, Point(0, 0, 1.0001)));
 }
 
 }  // namespace
