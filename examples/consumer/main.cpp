@@ -1,5 +1,5 @@
-// Builds a small grid mesh, boxes it and lists its vertex neighbourhoods
-// through the installed kxgeom package.
+// Builds a two-triangle square and finds its boundary loop through the
+// installed kxgeom package.
 #include <cstdio>
 #include <vector>
 
@@ -11,9 +11,15 @@ int main() {
   kxGeom::CompactMesh mesh(4, vertices.data(), nullptr, nullptr, nullptr);
   mesh.copyTriangles(2, triangles);
 
-  kxGeom::BoundingBox box;
-  for (const auto& v : vertices) box.extend(v.asPointFlt());
-  std::printf("consumer: %d vertices, %d triangles, box diagonal %.3f\n", mesh.getNumVertices(),
-              mesh.getNumTriangles(), box.diagonalLength());
-  return mesh.getNumTriangles() == 2 ? 0 : 1;
+  kxGeom::MeshAdjTris adjTris;
+  kxGeom::meshAdjTris(mesh, adjTris);
+  kxGeom::MeshAdjVertices adjVertices;
+  kxGeom::meshAdjVertices(mesh, adjTris, adjVertices);
+  kxGeom::MeshBoundaries loops;
+  kxGeom::meshComputeBoundary(mesh, adjTris, adjVertices, loops);
+
+  std::printf("consumer: %d vertices, %d triangles, %d boundary loop(s) of length %d\n",
+              mesh.getNumVertices(), mesh.getNumTriangles(), loops.size(),
+              loops.size() ? loops.getLength(0) : 0);
+  return loops.size() == 1 && loops.getLength(0) == 4 ? 0 : 1;
 }

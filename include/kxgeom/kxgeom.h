@@ -4,6 +4,7 @@
 // the platform types included.
 #pragma once
 
+#include <kxgeom/adjacency.h>
 #include <kxgeom/platform/arrayofsets.h>
 #include <kxgeom/platform/bitvector.h>
 #include <kxgeom/platform/boundingbox.h>
@@ -12,11 +13,16 @@
 #include <kxgeom/platform/mesh.h>
 #include <kxgeom/platform/octree.h>
 #include <kxgeom/platform/os.h>
+#include <kxgeom/platform/polyline.h>
 #include <kxgeom/platform/progress.h>
+#include <kxgeom/platform/random.h>
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
 
+#include <kxgeom/clip.h>
+#include <kxgeom/planar.h>
+#include <kxgeom/sampling.h>
 #include <kxgeom/bounds.h>
 #include <kxgeom/closest_point.h>
 #include <kxgeom/normals.h>
@@ -27,3 +33,6 @@
 #include <kxgeom/ray_query.h>
 #include <kxgeom/ray_tracer.h>
 #include <kxgeom/weld.h>
+#include <kxgeom/platform/topomesh.h>
+#include <kxgeom/mesh_io.h>
+#include <kxgeom/primitives.h>

@@ -98,7 +98,7 @@ PointMesh::PointMesh() {
   vertices_ = attributes_[0].get();
 }
 
-PointMesh::PointMesh(const PointMesh& o) { copyFrom(o); }
+PointMesh::PointMesh(const PointMesh& o) : kx::ReferenceCount() { copyFrom(o); }
 
 PointMesh& PointMesh::operator=(const PointMesh& o) {
   if (this != &o) copyFrom(o);
@@ -140,6 +140,7 @@ void PointMesh::swapPointData(PointMesh& o) noexcept {
   std::swap(hasSTs_, o.hasSTs_);
   std::swap(hasColours_, o.hasColours_);
   std::swap(selectedVertices_, o.selectedVertices_);
+  std::swap(selectionBeforeShrink_, o.selectionBeforeShrink_);
   std::swap(allocator_, o.allocator_);
 }
 
@@ -328,11 +329,15 @@ void CompactMesh::swap(CompactMesh& o) noexcept {
   triFanLengths_.swap(o.triFanLengths_);
   triFanPoints_.swap(o.triFanPoints_);
   std::swap(selectedTriangles_, o.selectedTriangles_);
+  std::swap(triangleSelectionBeforeShrink_, o.triangleSelectionBeforeShrink_);
 }
 
 void CompactMesh::resizeTriangleArray(int n) {
   triangles_.resize(n);
   if (hasTriNormals_) triNormals_.resize(triangles_.size());
+  if (triangles_.size() < selectedTriangles_.size() && selectedTriangles_.countSetBits() > 0) {
+    triangleSelectionBeforeShrink_ = selectedTriangles_;
+  }
   selectedTriangles_.resize(triangles_.size());
 }
 
@@ -398,10 +403,14 @@ void CompactMesh::modified(MeshModification& mod) {
       mod.isMarked(M::TriangleNormalsModified) || mod.isMarked(M::TriangleNormalsValid);
   if (hasTriNormals_ && tmap && !handled) remapStorage(triNormals_, *tmap, m);
   if (hasTriNormals_ && triNormals_.size() != m) deleteTriangleNormals();
-  if (tmap && selectedTriangles_.size() == tmap->getDomainSize()) {
-    selectedTriangles_ = remapBits(selectedTriangles_, *tmap, m);
+  if (tmap) {
+    const BitVector& old = triangleSelectionBeforeShrink_.size() == tmap->getDomainSize()
+                               ? triangleSelectionBeforeShrink_
+                               : selectedTriangles_;
+    if (old.size() == tmap->getDomainSize()) selectedTriangles_ = remapBits(old, *tmap, m);
   }
   selectedTriangles_.resize(m);
+  triangleSelectionBeforeShrink_ = BitVector();
 }
 
 void CompactMesh::setArrayAllocator(kx::Reference<ArrayAllocator> allocator) {

@@ -1,1 +1,283 @@
-// placeholder
+// The platform mesh model: bit layout of BitVector, ArrayOfSets builders,
+// Remap, CompactMesh copies and swaps, the renumbering notice, and boxes.
+// Each is checked against a plain reference (std::vector<bool>, nested
+// vectors, a second formula for box measures).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include <kxgeom/kxgeom.h>
+
+namespace {
+
+using namespace kxGeom;
+using Sets = std::vector<std::vector<int>>;
+
+Sets setsOf(const ArrayOfSets& a) {
+  Sets s(static_cast<std::size_t>(a.getNumSets()));
+  for (int i = 0; i < a.getNumSets(); ++i) s[i].assign(a.getSet(i), a.getSet(i) + a.getSetSize(i));
+  return s;
+}
+
+// --- BitVector ---------------------------------------------------------------
+
+TEST(BitVectorModel, WordLayoutAndOperationsMatchABoolArray) {
+  std::mt19937 rng(1);
+  for (int n : {0, 1, 31, 32, 33, 100, 1000}) {
+    BitVector bits(n), other(n);
+    std::vector<bool> ref(std::size_t(n), false), refOther(std::size_t(n), false);
+    for (int k = 0; k < n; ++k) {
+      const int i = int(rng() % unsigned(n));
+      (k % 3 ? bits : other).setBit(i);
+      (k % 3 ? ref : refOther)[i] = true;
+      if (k % 5 == 0) bits.clearBit(i), ref[i] = false;
+    }
+    bits |= other;
+    int numSet = 0;
+    for (int i = 0; i < n; ++i) {
+      const bool want = ref[i] || refOther[i];
+      numSet += want;
+      EXPECT_EQ(bits.isBitSet(i) != 0, want);
+      EXPECT_EQ((bits.words()[i / 32] >> (i % 32)) & 1u, want ? 1u : 0u);
+    }
+    EXPECT_EQ(bits.countSetBits(), numSet);
+    bits.setAllBits();
+    EXPECT_EQ(bits.countSetBits(), n);  // no bits beyond size() in the last word
+    EXPECT_EQ(bits.numWords(), (n + 31) / 32);
+  }
+}
+
+TEST(BitVectorModel, ResizeKeepsBitsAndClearsTheTail) {
+  BitVector bits(70);
+  bits.setAllBits();
+  bits.resize(40);
+  EXPECT_EQ(bits.words()[1], (1u << 8) - 1u);
+  bits.resize(90);
+  EXPECT_EQ(bits.countSetBits(), 40);
+  EXPECT_FALSE(bits.isBitSet(40));
+  const int picks[] = {3, 89, 64};
+  bits.clearBits();
+  bits.setBits(3, picks);
+  EXPECT_EQ(bits.words()[0], 1u << 3);
+  EXPECT_EQ(bits.words()[2], (1u << 0) | (1u << 25));
+}
+
+// --- ArrayOfSets ----------------------------------------------------------------
+
+TEST(ArrayOfSetsModel, PairsKeepOrderAndInverseTransposes) {
+  std::mt19937 rng(2);
+  for (int numSets : {1, 7, 50}) {
+    const int numPairs = 5 * numSets;
+    std::vector<int> pairs;
+    Sets want(static_cast<std::size_t>(numSets));
+    for (int p = 0; p < numPairs; ++p) {
+      const int s = int(rng() % unsigned(numSets)), m = int(rng() % 20);
+      pairs.insert(pairs.end(), {s, m});
+      want[s].push_back(m);
+    }
+    ArrayOfSets sets;
+    sets.assignFromPairs(numSets, numPairs, pairs.data());
+    EXPECT_EQ(setsOf(sets), want);
+    EXPECT_EQ(sets.getNumMembers(), numPairs);
+    Sets transposed(20);  // member m lists every set holding it, per holding
+    for (int s = 0; s < numSets; ++s) {
+      for (int m : want[s]) transposed[m].push_back(s);
+    }
+    ArrayOfSets inverse;
+    inverse.assignInverse(20, sets);
+    EXPECT_EQ(setsOf(inverse), transposed);
+    ArrayOfSets copy(inverse), swapped;
+    swapped.swap(copy);
+    EXPECT_EQ(setsOf(swapped), transposed);
+    EXPECT_EQ(copy.getNumSets(), 0);
+  }
+}
+
+// --- Remap ---------------------------------------------------------------------
+
+TEST(RemapModel, DeleteMapNumbersSurvivorsInOrder) {
+  BitVector deleted(10);
+  for (int i : {0, 3, 4, 9}) deleted.setBit(i);
+  Remap map;
+  map.setDeleteMap(deleted);
+  const std::vector<int> want{-1, 0, 1, -1, -1, 2, 3, 4, 5, -1};
+  ASSERT_EQ(map.getDomainSize(), 10);
+  EXPECT_EQ(map.getRangeSize(), 6);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(map(i), want[i]);
+  std::vector<int> indices{8, 1, 5};
+  map(indices.data(), 3);
+  EXPECT_EQ(indices, (std::vector<int>{5, 0, 2}));
+  EXPECT_FALSE(map.isSequential());
+  map.setSequential();
+  EXPECT_TRUE(map.isSequential());
+  EXPECT_EQ(map.getRangeSize(), 10);
+  EXPECT_EQ(map(7), 7);
+  Remap fresh(4, 2);
+  EXPECT_EQ(fresh(3), -1);
+}
+
+// --- CompactMesh ------------------------------------------------------------------
+
+CompactMesh makeDecoratedMesh(int n) {
+  std::vector<MeshVertex> v;
+  std::vector<MeshNormal> nr;
+  std::vector<MeshUV> uv;
+  for (int i = 0; i < n; ++i) {
+    v.push_back({float(i), 0, 0});
+    nr.push_back({float(i), 1, 0});
+    uv.push_back({float(i), -float(i)});
+  }
+  CompactMesh mesh(n, v.data(), nr.data(), uv.data(), nullptr);
+  std::vector<int> tris;
+  for (int t = 0; t + 2 < n; ++t) tris.insert(tris.end(), {t, t + 1, t + 2});
+  mesh.copyTriangles(int(tris.size() / 3), tris.data());
+  MeshNormal* tn = mesh.allocTriangleNormalArray();
+  for (int t = 0; t < mesh.getNumTriangles(); ++t) tn[t] = {float(t), 0, 2};
+  float* w = mesh.allocAttributes("weight", 1)->asFloat();
+  for (int i = 0; i < n; ++i) w[i] = 10.0f * float(i);
+  return mesh;
+}
+
+TEST(CompactMeshModel, CopyIsDeepAndSwapExchangesEverything) {
+  CompactMesh a = makeDecoratedMesh(6), b = makeDecoratedMesh(3);
+  a.getSelectedVertices().setBit(4);
+  CompactMesh copy(a);
+  copy.getVertices()[0].x = 99;
+  copy.getNormals()[0].x = 99;
+  copy.getTriangles()[0][0] = 5;
+  copy.getSelectedVertices().clearBit(4);
+  EXPECT_EQ(a.getVertices()[0].x, 0.0f);
+  EXPECT_EQ(a.getNormals()[0].x, 0.0f);
+  EXPECT_EQ(a.getTriangles()[0][0], 0);
+  EXPECT_TRUE(a.getSelectedVertices().isBitSet(4));
+  EXPECT_EQ(copy.getAttributes("weight")->asFloat()[5], 50.0f);
+
+  a.swap(b);
+  EXPECT_EQ(a.getNumVertices(), 3);
+  EXPECT_EQ(b.getNumVertices(), 6);
+  EXPECT_EQ(b.getNumTriangles(), 4);
+  EXPECT_EQ(b.getTriangleNormals()[3].x, 3.0f);
+  EXPECT_EQ(b.getUVs()[5].v, -5.0f);
+  EXPECT_EQ(b.getAttributes("weight")->asFloat()[5], 50.0f);
+  EXPECT_TRUE(b.getSelectedVertices().isBitSet(4));
+  EXPECT_EQ(a.getSelectedVertices().size(), 3);
+  EXPECT_EQ(a.getAttributes("weight")->getNumElements(), 3);
+}
+
+// A weld-like renumbering: vertices 0,1 -> 0; 2,4 -> 1; 3 -> 2. The caller
+// shrinks the arrays first, then sends the notice.
+TEST(CompactMeshModel, RenumberingNoticeRemapsDerivedDataAndSelection) {
+  for (bool normalsHandled : {false, true}) {
+    CompactMesh mesh = makeDecoratedMesh(5);
+    mesh.setNormalsComputed(true);
+    for (int i : {1, 3}) mesh.getSelectedVertices().setBit(i);
+    Remap map(5, 3);
+    const int images[] = {0, 0, 1, 2, 1};
+    for (int i = 0; i < 5; ++i) map.set(i, images[i]);
+    const int before = mesh.getModificationCount();
+    mesh.resizeVertexArray(3);
+    MeshRemap remap(&map, nullptr);
+    MeshModification mod(&mesh, MeshModification::TopologyChanged, &remap);
+    if (normalsHandled) mod.normalsValid();
+    mesh.modified(mod);
+
+    EXPECT_EQ(mesh.getModificationCount(), before + 1);
+    EXPECT_EQ(mesh.getLastModificationType(), 1);
+    // The highest old index wins where several merge.
+    const std::vector<float> remapped{1, 4, 3}, untouched{0, 1, 2};
+    const std::vector<float>& want = normalsHandled ? untouched : remapped;
+    ASSERT_NE(mesh.getNormals(), nullptr);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(mesh.getNormals()[i].x, want[i]);
+      EXPECT_EQ(mesh.getUVs()[i].u, remapped[i]);
+      EXPECT_EQ(mesh.getAttributes("weight")->asFloat()[i], 10.0f * remapped[i]);
+    }
+    EXPECT_EQ(mesh.getSelectedVertices().size(), 3);
+    EXPECT_EQ(mesh.getSelectedVertices().words()[0], (1u << 0) | (1u << 2));
+  }
+}
+
+TEST(CompactMeshModel, TriangleRenumberingRemapsTriangleNormalsAndSelection) {
+  CompactMesh mesh = makeDecoratedMesh(6);  // triangles 0..3
+  for (int t : {0, 3}) mesh.getSelectedTriangles().setBit(t);
+  BitVector deleted(4);
+  deleted.setBit(1);
+  Remap map;
+  map.setDeleteMap(deleted);
+  const MeshTriangle kept[] = {mesh.getTriangles()[0], mesh.getTriangles()[2],
+                               mesh.getTriangles()[3]};
+  mesh.copyTriangles(3, &kept[0][0]);
+  MeshRemap remap(nullptr, &map);
+  MeshModification mod(&mesh, MeshModification::TopologyChanged, &remap);
+  mesh.modified(mod);
+  ASSERT_NE(mesh.getTriangleNormals(), nullptr);
+  const float want[] = {0, 2, 3};
+  for (int t = 0; t < 3; ++t) EXPECT_EQ(mesh.getTriangleNormals()[t].x, want[t]);
+  EXPECT_EQ(mesh.getSelectedTriangles().size(), 3);
+  EXPECT_EQ(mesh.getSelectedTriangles().words()[0], (1u << 0) | (1u << 2));
+}
+
+// --- BoundingBox ------------------------------------------------------------------
+
+TEST(BoundingBoxModel, ExtendContainsIntersectAndDistanceAgreeWithSecondFormulas) {
+  std::mt19937 rng(4);
+  std::uniform_real_distribution<float> u(-3, 3);
+  BoundingBox box;
+  EXPECT_FALSE(box.isValid());
+  float lo[3] = {1e9f, 1e9f, 1e9f}, hi[3] = {-1e9f, -1e9f, -1e9f};
+  for (int k = 0; k < 50; ++k) {
+    const float p[3] = {u(rng), u(rng) * 0.5f, u(rng) * 0.25f};
+    box.extend(kxLinear::PointFlt{p[0], p[1], p[2]});
+    for (int a = 0; a < 3; ++a) lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
+  }
+  EXPECT_EQ(box, BoundingBox(lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]));
+  for (int k = 0; k < 200; ++k) {
+    const kxLinear::PointFlt p{u(rng), u(rng), u(rng)};
+    float clamped[3];
+    for (int a = 0; a < 3; ++a) clamped[a] = std::clamp(p[a], lo[a], hi[a]);
+    const float d = std::hypot(p.x - clamped[0], p.y - clamped[1], p.z - clamped[2]);
+    EXPECT_NEAR(box.distance(p), d, 1e-5f);
+    EXPECT_NEAR(box.distance2(p), d * d, 1e-4f);
+
+    BoundingBox other;
+    other.extend(p);
+    other.extend(kxLinear::PointFlt{u(rng), u(rng), u(rng)});
+    BoundingBox common(std::max(box[0], other[0]), std::max(box[1], other[1]),
+                       std::max(box[2], other[2]), std::min(box[3], other[3]),
+                       std::min(box[4], other[4]), std::min(box[5], other[5]));
+    EXPECT_EQ(box.intersects(other), common.isValid());
+    BoundingBox merged = box;
+    merged.extend(other);
+    EXPECT_EQ(box.contains(other), merged == box);
+  }
+}
+
+TEST(BoundingBoxModel, CubeCornersAndRotatedBox) {
+  BoundingBox box(-1.0f, -2.0f, -0.5f, 1.0f, 2.0f, 0.5f);
+  float corner[3];
+  box.getPoint(5, corner);  // max x, min y, max z
+  EXPECT_EQ(corner[0], 1.0f);
+  EXPECT_EQ(corner[1], -2.0f);
+  EXPECT_EQ(corner[2], 0.5f);
+  BoundingBox cube = box;
+  cube.extendToCube();
+  EXPECT_TRUE(cube.contains(box));
+  EXPECT_TRUE(equivalent(cube, BoundingBox(-2.0f, -2.0f, -2.0f, 2.0f, 2.0f, 2.0f), 0.0f));
+  // Rotation about z by t: half-widths become |a cos t| + |b sin t| and
+  // |a sin t| + |b cos t| for half-widths a, b.
+  const double t = 0.3, c = std::cos(t), s = std::sin(t);
+  const auto rot = kxLinear::AffineMatrix::frame({5, 0, 0}, {c, s, 0}, {-s, c, 0}, {0, 0, 1});
+  BoundingBox turned = box;
+  turned.transform(rot);
+  const float hx = float(1 * c + 2 * s), hy = float(1 * s + 2 * c);
+  EXPECT_TRUE(equivalent(turned, BoundingBox(5 - hx, -hy, -0.5f, 5 + hx, hy, 0.5f), 1e-5f));
+  BoundingBox empty;
+  empty.transform(rot);
+  EXPECT_FALSE(empty.isValid());
+  EXPECT_FLOAT_EQ(box.diagonalLength(), std::sqrt(4.0f + 16.0f + 1.0f));
+}
+
+}  // namespace

@@ -305,8 +305,10 @@ class KXGEOM_API MeshModification {
 };
 
 /// Per-vertex arrays: positions, optional normals, UVs, STs and colours,
-/// named attributes and the vertex selection.
-class KXGEOM_API PointMesh {
+/// named attributes and the vertex selection. Reference counted, so that
+/// builders can hand out shared meshes as kx::Reference<CompactMesh>; a copy
+/// starts with its own count of zero.
+class KXGEOM_API PointMesh : public kx::ReferenceCount {
  public:
   static const kxString::CString VerticesName;  ///< "vertices"
   static const kxString::CString NormalsName;   ///< "normals"
@@ -501,6 +503,7 @@ class KXGEOM_API CompactMesh : public PointMesh {
   MeshArray<int> triStripLengths_, triStripPoints_;
   MeshArray<int> triFanLengths_, triFanPoints_;
   BitVector selectedTriangles_;
+  BitVector triangleSelectionBeforeShrink_;  // kept until the next notice
 };
 
 }  // namespace kxGeom

@@ -1,0 +1,128 @@
+// OBJ reading speed on a dense sphere of about 830k triangles, written once
+// to temporary files (positions only, and with "i/i/i" normals and UVs).
+// With KXGEOM_BENCH_PEERS the same files are read by tinyobjloader in the
+// same run and the ratio of the best CPU times is printed at the end.
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <kxgeom/mesh_io.h>
+
+#include "support/bench_meshes.h"
+
+#ifdef KXGEOM_BENCH_PEERS
+#include <tiny_obj_loader.h>
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct BenchFiles {
+  fs::path dir;
+  std::string plain, attributed;
+  int triangles = 0;
+
+  BenchFiles() {
+    dir = fs::temp_directory_path() / ("kxgeom_mesh_io_bench_" + std::to_string(::getpid()));
+    fs::create_directories(dir);
+    kxGeom::CompactMesh mesh = kxbench::makeDenseSphere(830000);
+    triangles = mesh.getNumTriangles();
+    plain = (dir / "plain.obj").string();
+    kxGeom::meshWriteObj(mesh, plain);
+    kxGeom::MeshNormal* n = mesh.allocNormalArray();
+    kxGeom::MeshUV* uv = mesh.allocUVArray();
+    for (int i = 0; i < mesh.getNumVertices(); ++i) {
+      const kxLinear::Vector d = kxLinear::normalized(mesh.getVertices()[i].asPoint());
+      n[i] = {float(d.x), float(d.y), float(d.z)};
+      uv[i] = {float(0.5 + 0.5 * d.x), float(0.5 + 0.5 * d.y)};
+    }
+    attributed = (dir / "attributed.obj").string();
+    kxGeom::meshWriteObj(mesh, attributed);
+  }
+  ~BenchFiles() { fs::remove_all(dir); }
+  const std::string& file(int which) const { return which ? attributed : plain; }
+};
+
+const BenchFiles& files() {
+  static BenchFiles f;
+  return f;
+}
+
+// Process CPU seconds since start: the readers are single-threaded, and CPU
+// time keeps the ratio steady on a machine shared with other work.
+double cpuSeconds() { return double(std::clock()) / CLOCKS_PER_SEC; }
+
+// Best CPU seconds per read, by benchmark name, for the closing ratio lines.
+std::map<std::string, double>& bestTimes() {
+  static std::map<std::string, double> t;
+  return t;
+}
+
+void record(const std::string& name, double seconds) {
+  auto [it, fresh] = bestTimes().emplace(name, seconds);
+  if (!fresh && seconds < it->second) it->second = seconds;
+}
+
+const char* kindName(int which) { return which ? "vn+vt" : "plain"; }
+
+void BM_MeshReadObj(benchmark::State& state) {
+  const int which = static_cast<int>(state.range(0));
+  const std::string& file = files().file(which);
+  for (auto _ : state) {
+    const double start = cpuSeconds();
+    kxGeom::CompactMesh mesh;
+    const bool ok = kxGeom::meshReadObj(mesh, file);
+    benchmark::DoNotOptimize(ok);
+    record(std::string("kxgeom ") + kindName(which), cpuSeconds() - start);
+    if (!ok || mesh.getNumTriangles() != files().triangles) state.SkipWithError("bad read");
+  }
+  state.counters["triangles"] = files().triangles;
+}
+BENCHMARK(BM_MeshReadObj)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+
+#ifdef KXGEOM_BENCH_PEERS
+void BM_TinyObjLoadObj(benchmark::State& state) {
+  const int which = static_cast<int>(state.range(0));
+  const std::string& file = files().file(which);
+  for (auto _ : state) {
+    const double start = cpuSeconds();
+    tinyobj::attrib_t attrib;
+    std::vector<tinyobj::shape_t> shapes;
+    std::vector<tinyobj::material_t> materials;
+    std::string warn, err;
+    const bool ok = tinyobj::LoadObj(&attrib, &shapes, &materials, &warn, &err, file.c_str());
+    benchmark::DoNotOptimize(ok);
+    record(std::string("tinyobjloader ") + kindName(which), cpuSeconds() - start);
+    if (!ok) state.SkipWithError("tinyobjloader failed");
+  }
+}
+BENCHMARK(BM_TinyObjLoadObj)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+#endif
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  for (int which = 0; which < 2; ++which) {
+    const auto& t = bestTimes();
+    const auto ours = t.find(std::string("kxgeom ") + kindName(which));
+    const auto peer = t.find(std::string("tinyobjloader ") + kindName(which));
+    if (ours == t.end() || peer == t.end()) continue;
+    std::printf(
+        "OBJ read %s (%d triangles): tinyobjloader / meshReadObj = %.2fx (best CPU %.1f ms vs %.1f "
+        "ms)\n",
+        kindName(which), files().triangles, peer->second / ours->second, 1e3 * peer->second,
+        1e3 * ours->second);
+  }
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,451 @@
+// Adjacency tables and boundary loops, each checked against a brute-force
+// computation from the raw triangle list on random, degenerate, non-manifold
+// and bounded meshes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <numeric>
+#include <random>
+#include <regex>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "support/test_meshes.h"
+
+namespace {
+
+using namespace kxGeom;
+using Sets = std::vector<std::vector<int>>;
+using kxtest::makeGrid;
+using kxtest::makeLatLongSphere;
+using kxtest::makeRandomMesh;
+
+CompactMesh meshFrom(int numVertices, const std::vector<int>& corners) {
+  std::vector<MeshVertex> v(std::size_t(numVertices), MeshVertex{0, 0, 0});
+  CompactMesh mesh(numVertices, v.data(), nullptr, nullptr, nullptr);
+  mesh.copyTriangles(int(corners.size() / 3), corners.data());
+  return mesh;
+}
+
+std::vector<int> cornersOf(const CompactMesh& m) {
+  return {m.getTrianglesRaw(), m.getTrianglesRaw() + 3 * m.getNumTriangles()};
+}
+
+// A grid with a hole (one square removed), two triangles repeated, one edge
+// shared by four triangles, a degenerate triangle and two isolated vertices.
+CompactMesh makeAwkwardMesh() {
+  std::vector<int> c = cornersOf(makeGrid(4, 4));
+  c.erase(c.begin() + 6 * 5, c.begin() + 6 * 6);
+  c.insert(c.end(), {0, 1, 6, 0, 1, 6, 1, 0, 25, 1, 0, 26, 7, 7, 12});
+  return meshFrom(27 + 2, c);
+}
+
+std::vector<CompactMesh> testMeshes() {
+  std::vector<CompactMesh> meshes{makeAwkwardMesh(), makeGrid(5, 3), makeLatLongSphere(6, 8),
+                                  meshFrom(3, {0, 1, 2}), meshFrom(4, {})};
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    meshes.push_back(makeRandomMesh(8 + 40 * int(seed), 60 * int(seed), seed));
+  }
+  meshes.push_back(makeRandomMesh(6, 400, 99));  // large buckets of equal edges
+  return meshes;
+}
+
+// --- brute-force oracles -------------------------------------------------
+
+Sets bruteAdjTris(const CompactMesh& m) {
+  Sets out(std::size_t(m.getNumVertices()));
+  for (int t = 0; t < m.getNumTriangles(); ++t) {
+    for (int c = 0; c < 3; ++c) out[m.getTriangles()[t][c]].push_back(t);
+  }
+  return out;
+}
+
+Sets bruteAdjVertices(const CompactMesh& m) {
+  Sets tris = bruteAdjTris(m), out(tris.size());
+  for (int v = 0; v < int(tris.size()); ++v) {
+    for (int t : tris[v]) {
+      for (int c = 0; c < 3; ++c) {
+        const int w = m.getTriangles()[t][c];
+        if (w != v && std::find(out[v].begin(), out[v].end(), w) == out[v].end())
+          out[v].push_back(w);
+      }
+    }
+  }
+  return out;
+}
+
+std::pair<int, int> undirected(const MeshTriangle& t, int e) {
+  return std::minmax(t[e], t[(e + 1) % 3]);
+}
+
+Sets bruteTriAdjTris(const CompactMesh& m) {
+  const MeshTriangle* tris = m.getTriangles();
+  Sets out(std::size_t(m.getNumTriangles()));
+  for (int t = 0; t < m.getNumTriangles(); ++t) {
+    for (int e = 0; e < 3; ++e) {
+      for (int u = 0; u < m.getNumTriangles(); ++u) {
+        for (int f = 0; f < 3; ++f) {
+          if (u != t && undirected(tris[u], f) == undirected(tris[t], e)) out[t].push_back(u);
+        }
+      }
+    }
+  }
+  return out;
+}
+
+// The boundary walk computed from the triangle list alone; `part` < 0 means
+// the whole mesh, otherwise only triangles with parts[t] == part count.
+struct BruteWalk {
+  const CompactMesh& m;
+  std::vector<int> parts;
+  int part;
+  Sets trisOf, neighboursOf;
+
+  explicit BruteWalk(const CompactMesh& mesh, std::vector<int> p = {}, int onePart = -1)
+      : m(mesh),
+        parts(std::move(p)),
+        part(onePart),
+        trisOf(bruteAdjTris(mesh)),
+        neighboursOf(bruteAdjVertices(mesh)) {}
+
+  bool uses(int t) const { return part < 0 || parts[t] == part; }
+  int after(int v, int t) const {
+    const MeshTriangle& tri = m.getTriangles()[t];
+    return tri[0] == v ? tri[1] : tri[1] == v ? tri[2] : tri[0];
+  }
+  bool seam(int w) const {
+    std::set<int> own;
+    for (int t : trisOf[w]) own.insert(part < 0 ? 0 : parts[t]);
+    return own.size() >= 2;
+  }
+  bool step(int v, int& next) const {
+    for (int t : trisOf[v]) {
+      if (!uses(t)) continue;
+      const int w = next = after(v, t);
+      bool reverse = false;
+      for (int u : trisOf[w]) reverse |= uses(u) && after(w, u) == v;
+      const bool irregular = seam(w) || neighboursOf[w].size() != trisOf[w].size();
+      if (irregular && !reverse) return true;
+    }
+    return false;
+  }
+  Sets loops(const std::vector<int>& starts) const {
+    Sets out;
+    std::vector<bool> seen(std::size_t(m.getNumVertices()), false);
+    for (int v : starts) {
+      if (seen[v]) continue;
+      seen[v] = true;
+      std::vector<int> loop;
+      int next = -1;
+      for (bool go = step(v, next); go; go = step(v, next)) {
+        loop.push_back(v);
+        v = next;
+        if (seen[v]) break;
+        seen[v] = true;
+      }
+      if (!loop.empty()) out.push_back(loop);
+    }
+    return out;
+  }
+};
+
+Sets setsOf(const ArrayOfSets& a) {
+  Sets s;
+  for (int i = 0; i < a.getNumSets(); ++i)
+    s.emplace_back(a.getSet(i), a.getSet(i) + a.getSetSize(i));
+  return s;
+}
+Sets setsOf(const MeshAdjVertices& a) {
+  Sets s(std::size_t(a.getNumVertices()));
+  for (int v = 0; v < a.getNumVertices(); ++v) {
+    s[v].assign(a.adjVertices(v), a.adjVertices(v) + a.numAdjVertices(v));
+  }
+  return s;
+}
+Sets setsOf(const MeshBoundaries& b) {
+  Sets s;
+  for (int i = 0; i < b.size(); ++i) s.emplace_back(b.getStart(i), b.getEnd(i));
+  return s;
+}
+
+std::vector<int> iota(int n) {
+  std::vector<int> v(static_cast<std::size_t>(n), 0);
+  std::iota(v.begin(), v.end(), 0);
+  return v;
+}
+
+// Directed edges a->b of the (part's) triangles with no triangle b->a.
+std::multiset<std::pair<int, int>> boundaryEdges(const BruteWalk& w) {
+  std::multiset<std::pair<int, int>> directed, out;
+  for (int t = 0; t < w.m.getNumTriangles(); ++t) {
+    for (int e = 0; e < 3; ++e) {
+      if (w.uses(t))
+        directed.insert({w.m.getTriangles()[t][e], w.m.getTriangles()[t][(e + 1) % 3]});
+    }
+  }
+  for (const auto& d : directed) {
+    if (!directed.count({d.second, d.first})) out.insert(d);
+  }
+  return out;
+}
+std::multiset<std::pair<int, int>> closedLoopEdges(const Sets& loops) {
+  std::multiset<std::pair<int, int>> out;
+  for (const auto& l : loops) {
+    for (std::size_t i = 0; i < l.size(); ++i) out.insert({l[i], l[(i + 1) % l.size()]});
+  }
+  return out;
+}
+
+// Every table of a mesh, built by the functions under test in dependency order.
+struct Tables {
+  MeshAdjTris adj;
+  MeshAdjVertices adjV;
+  MeshTriAdjTris triAdj;
+
+  explicit Tables(const CompactMesh& m) {
+    meshAdjTris(m, adj);
+    meshAdjVertices(m, adj, adjV);
+    meshTriAdjTris(m, triAdj);
+  }
+  Sets loops(const CompactMesh& m) const {
+    MeshBoundaries b;
+    meshComputeBoundary(m, adj, adjV, b);
+    return setsOf(b);
+  }
+};
+
+// --- tables ----------------------------------------------------------------
+
+TEST(AdjacencyTables, MatchBruteForceOnAllTestMeshes) {
+  MeshTriAdjTris reused;  // each build must replace the previous table whole
+  for (const CompactMesh& m : testMeshes()) {
+    const Tables tables(m);
+    meshTriAdjTris(m, reused);
+    EXPECT_EQ(setsOf(reused.getData()), setsOf(tables.triAdj.getData()));
+    const MeshAdjVertices& adjV = tables.adjV;
+    const MeshTriAdjTris& triAdj = tables.triAdj;
+    EXPECT_EQ(setsOf(tables.adj.getData()), bruteAdjTris(m));
+    const Sets neighbours = bruteAdjVertices(m);
+    EXPECT_EQ(setsOf(adjV), neighbours);
+    std::size_t maxCount = 0;
+    for (const auto& s : neighbours) maxCount = std::max(maxCount, s.size());
+    EXPECT_EQ(adjV.getMaxCount(), int(maxCount));
+    EXPECT_EQ(setsOf(triAdj.getData()), bruteTriAdjTris(m));
+    EXPECT_EQ(triAdj.getData().getNumMembers(), triAdj.getData().offsets()[m.getNumTriangles()]);
+  }
+}
+
+TEST(AdjacencyTables, RepeatedTriangleListsItsCopyOncePerEdge) {
+  const CompactMesh m = meshFrom(3, {0, 1, 2, 2, 0, 1});
+  MeshTriAdjTris triAdj;
+  meshTriAdjTris(m, triAdj);
+  EXPECT_EQ(setsOf(triAdj.getData()), (Sets{{1, 1, 1}, {0, 0, 0}}));
+  MeshAdjTris adj;
+  meshAdjTris(m, adj);
+  int other = -5, edge = -5;
+  EXPECT_TRUE(getSharedEdgeAdjacentTriangle(0, 0, m.getTriangles(), adj, other, edge));
+  EXPECT_EQ(other, 1);
+  EXPECT_EQ(edge, 2);  // corner of vertex 1 in (2, 0, 1)
+}
+
+// 46342 triangles on one edge would need 46342 * 46341 > 2^31 - 1 entries.
+TEST(AdjacencyTables, TableBeyondIntRangeComesOutAsEmptySets) {
+  const int k = 46342;
+  std::vector<int> corners;
+  for (int i = 0; i < k; ++i) corners.insert(corners.end(), {0, 1, i + 2});
+  MeshTriAdjTris triAdj;
+  meshTriAdjTris(meshFrom(k + 2, corners), triAdj);
+  ASSERT_EQ(triAdj.getNumTriangles(), k);
+  EXPECT_EQ(triAdj.getData().getNumMembers(), 0);
+  EXPECT_EQ(triAdj.numTris(0) + triAdj.numTris(k - 1), 0);
+}
+
+TEST(AdjacencyTables, LogLinesAreExact) {
+  const std::string f = "[0-9]+\\.[0-9]{6}";
+  for (const CompactMesh& m : {meshFrom(0, {}), makeGrid(2, 1)}) {
+    kxtest::LogCapture log;
+    const Tables tables(m);
+    ASSERT_EQ(log.lines().size(), 3u);
+    const std::string n = std::to_string(m.getNumVertices()),
+                      t = std::to_string(m.getNumTriangles());
+    EXPECT_TRUE(std::regex_match(log.lines()[0], std::regex("MeshAdjTris: " + n + " vertices " + t +
+                                                            " triangles " + f + "\n")));
+    EXPECT_TRUE(std::regex_match(
+        log.lines()[1],
+        std::regex("MeshAdjVertices: " + n + " vertices, " + t + " triangles: " + f + " s\n")));
+    EXPECT_TRUE(std::regex_match(log.lines()[2], std::regex("MeshTriAdjTris: " + n + " vertices " +
+                                                            t + " triangles " + f + "\n")));
+  }
+}
+
+// --- local queries -----------------------------------------------------------
+
+TEST(LocalQueries, SharedEdgeNeighbourIsFirstTriangleOfAHoldingB) {
+  for (const CompactMesh& m : testMeshes()) {
+    MeshAdjTris adj;
+    meshAdjTris(m, adj);
+    const Sets tris = bruteAdjTris(m);
+    for (int t = 0; t < m.getNumTriangles(); ++t) {
+      for (int e = 0; e < 3; ++e) {
+        const int a = m.getTriangles()[t][e], b = m.getTriangles()[t][(e + 1) % 3];
+        int wantTri = -7, wantEdge = -1;
+        for (int u : tris[a]) {
+          const MeshTriangle& tu = m.getTriangles()[u];
+          const int c = tu[0] == b ? 0 : tu[1] == b ? 1 : tu[2] == b ? 2 : -1;
+          if (u != t && c >= 0 && wantEdge < 0) wantTri = u, wantEdge = c;
+        }
+        int self = t, gotEdge = 99;  // the triangle argument may alias the result
+        const bool found =
+            getSharedEdgeAdjacentTriangle(self, e, m.getTriangles(), adj, self, gotEdge);
+        EXPECT_EQ(found, wantEdge >= 0);
+        EXPECT_EQ(gotEdge, wantEdge);
+        EXPECT_EQ(self, found ? wantTri : t);
+      }
+    }
+  }
+}
+
+TEST(LocalQueries, SortAdjTrisRotatesClosedFansAndStopsAtBreaks) {
+  const CompactMesh sphere = makeLatLongSphere(6, 7);
+  const MeshTriangle* tris = sphere.getTriangles();
+  const Sets fans = bruteAdjTris(sphere);
+  std::mt19937 rng(3);
+  kx::vector<int> out;
+  for (int v = 0; v < sphere.getNumVertices(); ++v) {
+    std::vector<int> in = fans[v];
+    std::shuffle(in.begin(), in.end(), rng);
+    sortAdjTris(v, int(in.size()), in.data(), tris, out);
+    ASSERT_TRUE(std::is_permutation(out.begin(), out.end(), in.begin(), in.end()));
+    EXPECT_EQ(out[0], in[0]);
+    for (std::size_t i = 0; i + 1 < out.size(); ++i) {
+      const int before = Boundary::findEdge(Boundary::findEdge(v, tris[out[i]]), tris[out[i]]);
+      EXPECT_EQ(Boundary::findEdge(v, tris[out[i + 1]]), before) << v << " " << i;
+    }
+  }
+  // The fan of vertex 0 in (0,1,2) (0,2,3) (0,3,4) and a reversed (0,5,4)
+  // chains 0 -> 1 -> 2 and breaks there; a break keeps the remaining order.
+  const CompactMesh fan = meshFrom(6, {0, 1, 2, 0, 2, 3, 0, 3, 4, 0, 5, 4});
+  const std::vector<std::pair<std::vector<int>, std::vector<int>>> orders{
+      {{0, 3, 2, 1}, {0, 1, 2, 3}}, {{3, 0, 2, 1}, {3, 0, 1, 2}}, {{2, 3, 1, 0}, {2, 3, 1, 0}}};
+  for (const auto& [in, want] : orders) {
+    sortAdjTris(0, 4, in.data(), fan.getTriangles(), out);
+    EXPECT_EQ(std::vector<int>(out.begin(), out.end()), want);
+  }
+  out.assign({1, 3, 0, 2});
+  sortAdjTris(0, 4, out.data(), fan.getTriangles(), out);  // in place
+  EXPECT_EQ(std::vector<int>(out.begin(), out.end()), (std::vector<int>{1, 2, 0, 3}));
+  const std::vector<int> in{3, 2};
+  for (int count : {0, 1}) {
+    sortAdjTris(0, count, in.data(), fan.getTriangles(), out);
+    EXPECT_EQ(std::vector<int>(out.begin(), out.end()),
+              std::vector<int>(in.begin(), in.begin() + count));
+  }
+}
+
+// --- boundaries ----------------------------------------------------------------
+
+TEST(Boundaries, LoopsMatchBruteForceWalk) {
+  for (const CompactMesh& m : testMeshes()) {
+    EXPECT_EQ(Tables(m).loops(m), BruteWalk(m).loops(iota(m.getNumVertices())));
+  }
+}
+
+TEST(Boundaries, CleanMeshesGiveClosedLoopsOverExactlyTheBoundaryEdges) {
+  std::vector<int> holed = cornersOf(makeGrid(4, 4));
+  holed.erase(holed.begin() + 6 * 5, holed.begin() + 6 * 6);
+  const std::vector<std::pair<CompactMesh, int>> cases{{meshFrom(3, {0, 1, 2}), 1},
+                                                       {makeGrid(5, 3), 1},
+                                                       {meshFrom(25, holed), 2},
+                                                       {makeLatLongSphere(5, 6), 0}};
+  for (const auto& [m, numLoops] : cases) {
+    const Sets loops = Tables(m).loops(m);
+    EXPECT_EQ(int(loops.size()), numLoops);
+    EXPECT_EQ(closedLoopEdges(loops), boundaryEdges(BruteWalk(m)));
+  }
+  const CompactMesh tri = meshFrom(4, {0, 1, 2});  // vertex 3 is isolated
+  const Tables tables(tri);
+  EXPECT_EQ(tables.loops(tri), (Sets{{0, 1, 2}}));
+  EXPECT_TRUE(Boundary::hasEdge(tri, tables.adj, 2, 0));
+  EXPECT_FALSE(Boundary::hasEdge(tri, tables.adj, 0, 2));
+  int next = 42;
+  EXPECT_FALSE(Boundary::walkBoundary(3, next, tri, tables.adj, tables.adjV));
+  EXPECT_EQ(next, 42);
+  EXPECT_EQ(Boundary::findEdge(3, tri.getTriangles()[0]), -1);
+}
+
+TEST(Boundaries, SubsetLoopsMatchBruteForceAndIncludeSeams) {
+  std::vector<std::pair<CompactMesh, std::vector<int>>> cases;
+  const CompactMesh grid = makeGrid(6, 4);
+  std::vector<int> halves;  // left three columns part 0, the rest part 1
+  for (int t = 0; t < grid.getNumTriangles(); ++t) halves.push_back((t / 2) % 6 < 3 ? 0 : 1);
+  cases.push_back({grid, halves});
+  std::mt19937 rng(5);
+  for (const CompactMesh& m : testMeshes()) {
+    std::vector<int> parts(std::size_t(m.getNumTriangles()));
+    for (int& p : parts) p = int(rng() % 3);
+    cases.push_back({m, parts});
+  }
+  for (const auto& [m, parts] : cases) {
+    const Tables tables(m);
+    Remap triangleParts(m.getNumTriangles(), 3);
+    std::set<std::pair<int, int>> vertexPartPairs;
+    for (int t = 0; t < m.getNumTriangles(); ++t) {
+      triangleParts.set(t, parts[t]);
+      for (int c = 0; c < 3; ++c) vertexPartPairs.insert({m.getTriangles()[t][c], parts[t]});
+    }
+    std::vector<int> flat;
+    for (const auto& p : vertexPartPairs) flat.insert(flat.end(), {p.first, p.second});
+    ArrayOfSets vertexParts;
+    vertexParts.assignFromPairs(m.getNumVertices(), int(vertexPartPairs.size()), flat.data());
+    for (int part = 0; part < 2; ++part) {
+      std::vector<int> starts;  // the part's vertices, last triangle first
+      for (int t = m.getNumTriangles() - 1; t >= 0; --t) {
+        for (int c = 0; c < 3 && parts[t] == part; ++c) starts.push_back(m.getTriangles()[t][c]);
+      }
+      MeshSubset subset(int(starts.size()), starts.data(), 0, nullptr);
+      MeshBoundaries loops;
+      meshComputeSubsetBoundary(m, subset, part, tables.adj, tables.adjV, vertexParts,
+                                triangleParts, loops);
+      const BruteWalk walk(m, parts, part);
+      EXPECT_EQ(setsOf(loops), walk.loops(starts));
+      if (&m == &cases[0].first) {  // a clean half grid: one closed loop with its seam
+        EXPECT_EQ(loops.size(), 1);
+        EXPECT_EQ(closedLoopEdges(setsOf(loops)), boundaryEdges(walk));
+        EXPECT_EQ(loops.getLength(0), 2 * (3 + 4));
+      }
+    }
+  }
+}
+
+// --- inverse maps ----------------------------------------------------------------
+
+TEST(InvertRemap, SetsListPreimagesInAscendingOrder) {
+  std::mt19937 rng(11);
+  for (int domain : {1, 5, 200}) {
+    Remap map(domain, 10);
+    std::map<int, std::vector<int>> want;
+    for (int i = 0; i < domain; ++i) {
+      const int r = int(rng() % 12) - 2;  // about one in six removed
+      map.set(i, r);
+      if (r >= 0) want[r].push_back(i);
+    }
+    ArrayOfSets out;
+    ASSERT_EQ(invertRemap(map, out), !want.empty());
+    if (want.empty()) continue;
+    ASSERT_EQ(out.getNumSets(), want.rbegin()->first + 1);
+    for (int r = 0; r < out.getNumSets(); ++r) {
+      EXPECT_EQ(std::vector<int>(out.getSet(r), out.getSet(r) + out.getSetSize(r)), want[r]);
+    }
+  }
+  ArrayOfSets out;
+  out.assignFromPairs(2, 1, std::vector<int>{1, 7}.data());
+  EXPECT_FALSE(invertRemap(Remap(4, 4), out));  // every image -1: unchanged
+  EXPECT_EQ(out.getNumSets(), 2);
+  EXPECT_EQ(out.getSet(1)[0], 7);
+  EXPECT_TRUE(invertRemap(Remap(), out));
+  EXPECT_EQ(out.getNumSets(), 0);
+}
+
+}  // namespace
