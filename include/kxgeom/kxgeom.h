@@ -11,6 +11,7 @@
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
+#include <kxgeom/platform/octree.h>
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/polyline.h>
 #include <kxgeom/platform/progress.h>
@@ -23,9 +24,14 @@
 #include <kxgeom/planar.h>
 #include <kxgeom/sampling.h>
 #include <kxgeom/bounds.h>
+#include <kxgeom/closest_point.h>
 #include <kxgeom/normals.h>
+#include <kxgeom/octree_query.h>
 #include <kxgeom/predicates.h>
+#include <kxgeom/quad_ray.h>
 #include <kxgeom/query_shapes.h>
+#include <kxgeom/ray_query.h>
+#include <kxgeom/ray_tracer.h>
 #include <kxgeom/weld.h>
 #include <kxgeom/platform/topomesh.h>
 #include <kxgeom/mesh_io.h>

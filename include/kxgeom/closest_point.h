@@ -1,0 +1,190 @@
+// Closest-point searches on triangle meshes: the best-first octree iterator,
+// the nearest surface point over an octree with triangle lists or over a
+// vertex octree, the nearest vertex, and point containment.
+#pragma once
+
+#include <kxgeom/platform/arrayofsets.h>
+#include <kxgeom/platform/boundingbox.h>
+#include <kxgeom/platform/export.h>
+#include <kxgeom/platform/linear.h>
+#include <kxgeom/platform/mesh.h>
+#include <kxgeom/platform/octree.h>
+
+namespace kxGeom {
+
+class OctreeClosestItImpl;
+class ClosestPointContext;
+
+/// Best-first enumeration of the leaves of an octree in non-decreasing
+/// squared distance from a point (the distance of the leaf's box, computed in
+/// single precision; 0 inside the box). Ties are broken by the heap.
+///
+/// Keeps a binary min-heap of cells whose storage survives `reset`, so a
+/// reused iterator allocates only when a query needs a larger heap than any
+/// before. Thread safety: a single-threaded object; several threads may walk
+/// one octree at once, each with its own iterator.
+class KXGEOM_API OctreeClosestIt {
+ public:
+  /// No search; call `reset` before any other member (`valid()` is false).
+  OctreeClosestIt();
+  /// Starts a search: as `reset(octree, p)`.
+  OctreeClosestIt(const Octree& octree, const kxLinear::Point& p);
+  OctreeClosestIt(const OctreeClosestIt&) = delete;
+  OctreeClosestIt& operator=(const OctreeClosestIt&) = delete;
+  ~OctreeClosestIt();
+
+  /// Restarts the search for `p` over `octree` and moves to the nearest leaf.
+  /// [in] octree  kept by reference; must outlive the search, unchanged.
+  /// [in] p       the query point (model units). A non-finite point gives
+  ///              NaN or infinite distances, ordered arbitrarily.
+  /// Cost O(depth log n) to the first leaf.
+  void reset(const Octree& octree, const kxLinear::Point& p);
+  /// True while there is a current leaf.
+  bool valid() const;
+  /// The current leaf. Requires valid().
+  OctreeIterator get() const;
+  /// Squared distance from the query point to the current leaf's box.
+  /// Requires valid().
+  double getDistance2() const;
+  /// Advances to the next leaf in distance order; does nothing when
+  /// exhausted. Cost O(log heap) per cell expanded.
+  void next();
+  /// Drops every cell met from now on whose squared distance is >= limit2
+  /// (it is neither expanded nor returned), so a caller that stops at a known
+  /// distance keeps the heap small. `reset` clears the limit. Requires a
+  /// prior `reset`. Cost O(1).
+  void setLimit(double limit2);
+  /// Orders cells by the distance to bounds[i] for node i of the octree (in
+  /// its node order, see `OctreeIterator::getNode`) instead of the cell's own
+  /// box, computed in double precision; null restores the cell boxes. Kept
+  /// across `reset`. With boxes that bound what the caller examines in each
+  /// subtree (invalid for nothing), the walk skips empty space and empty
+  /// subtrees. [in] bounds (not owned; outlives the searches). Cost O(1).
+  void setNodeBounds(const BoundingBox* bounds);
+
+ private:
+  OctreeClosestItImpl* impl_;
+};
+
+/// Nearest point of a mesh to a query point, searched over an octree whose
+/// leaves carry triangle lists (`computeOctreeTris`). Exact: leaves are
+/// visited best first, ordered by the box of the triangles listed below each
+/// cell, until that box is no nearer than the best triangle found.
+///
+/// Built once per mesh and octree, it reuses its search context (a stamp per
+/// triangle and the iterator's heap) across queries. The mesh, octree and
+/// lists must outlive it, unchanged. Thread safety: not safe for concurrent
+/// `compute` calls; use one object per thread.
+class KXGEOM_API MeshClosestPoint {
+ public:
+  /// [in] mesh    the mesh.  [in] octree  the octree.
+  /// [in] tris    the triangle lists of `mesh` over `octree`.
+  /// Cost O(triangles + listed pairs + nodes): the stamp array and, per
+  /// octree node, the box of the triangles listed below it.
+  MeshClosestPoint(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris);
+  MeshClosestPoint(const MeshClosestPoint&) = delete;
+  MeshClosestPoint& operator=(const MeshClosestPoint&) = delete;
+  virtual ~MeshClosestPoint();
+
+  /// Distance from p to the mesh.
+  /// [in]  p       the query point (model units).
+  /// [out] result  when not null, the nearest point's coordinate (of the first
+  ///               triangle examined among equally near ones).
+  /// Returns the distance, or sqrt(DBL_MAX) when no triangle yields a point
+  /// (empty mesh, all triangles non-finite, non-finite p); `result` is then
+  /// untouched. Triangles only listed in leaves of the octree are found: the
+  /// octree's box must hold the mesh (it does when built over its vertices).
+  /// Cost O(log leaves + triangles near p) typical.
+  double compute(const kxLinear::Point& p, MeshCoord* result);
+
+ private:
+  const CompactMesh& mesh_;
+  const Octree& octree_;
+  const OctreeTris& tris_;
+  ClosestPointContext* context_;
+};
+
+/// Nearest point of a mesh over an octree built on the mesh's vertices,
+/// reaching triangles through the vertex-to-triangle table.
+/// [in]  mesh          the mesh.
+/// [in]  vertexOctree  an octree over mesh's vertices (same indices).
+/// [in]  adjTris       the vertex-to-triangle table of `mesh`.
+/// [in]  p             the query point.
+/// [in]  longestEdge   the mesh's longest edge (`meshLongestEdge`); leaves are
+///                     searched at least to half its square.
+/// [in]  maxDistance2  only triangles nearer than sqrt(maxDistance2) count.
+/// [in]  vertexBoxes   optional per-vertex boxes bounding each vertex's
+///                     triangles (null: computed on the fly from `adjTris`).
+/// [out] result        when not null, the nearest point's coordinate.
+/// Returns the squared distance found, or maxDistance2 when nothing nearer;
+/// `result` is then untouched. Exact within about 0.13 x longestEdge of the
+/// surface; farther away the search stops once leaves are beyond the best
+/// distance and may return a triangle up to longestEdge / sqrt(3) farther
+/// than the nearest.
+/// Cost O(V + T) to clear its stamps plus the search. Re-entrant.
+KXGEOM_API double meshClosestPoint(const CompactMesh& mesh, const Octree& vertexOctree,
+                                   const MeshAdjTris& adjTris, const kxLinear::Point& p,
+                                   double longestEdge, double maxDistance2,
+                                   const BoundingBox* vertexBoxes, MeshCoord* result);
+
+/// As above with longestEdge = meshLongestEdge(mesh), no distance limit and
+/// no vertex boxes. Cost adds O(T) for the longest edge. Re-entrant.
+KXGEOM_API double meshClosestPoint(const CompactMesh& mesh, const Octree& vertexOctree,
+                                   const MeshAdjTris& adjTris, const kxLinear::Point& p,
+                                   MeshCoord* result);
+
+/// Squared distance from p to the nearest vertex, over an octree built on the
+/// mesh's vertices; logs one line. Vertices with non-finite coordinates never
+/// count. [in] mesh. [in] vertexOctree. [in] p.
+/// Returns DBL_MAX when there is no vertex. Cost O(V) to clear its visit
+/// bits plus the search. Re-entrant.
+KXGEOM_API double meshClosestVertex2(const CompactMesh& mesh, const Octree& vertexOctree,
+                                     const kxLinear::Point& p);
+
+/// Classifies points against a closed mesh with outward normals from one
+/// closest-point query each. Thread safety: as `MeshClosestPoint`.
+class KXGEOM_API MeshPtInside {
+ public:
+  enum Result { Inside = 0, Outside = 1, OnSurface = 2 };
+
+  /// [in] mesh       a closed mesh, consistently oriented outward; its vertex
+  ///                 normals orient the test (without normals, each
+  ///                 triangle's geometric normal is used).
+  /// [in] octree, tris  as `MeshClosestPoint`.
+  /// [in] tolerance  points nearer than this to the surface are OnSurface.
+  /// Cost O(V + T) (the mesh's box and the stamp array).
+  MeshPtInside(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris,
+               double tolerance);
+  virtual ~MeshPtInside() = default;
+
+  /// Outside when p (in single precision) is outside the mesh's box; else
+  /// OnSurface when the surface is nearer than the tolerance; else Inside when
+  /// the vector from p to its closest point has a non-negative dot product
+  /// with the interpolated normal there, Outside otherwise (also when the
+  /// mesh yields no closest point). [in] p. Cost: one `compute`.
+  Result evaluate(const kxLinear::Point& p);
+
+ private:
+  const CompactMesh& mesh_;
+  MeshClosestPoint closest_;
+  BoundingBox box_;
+  double tolerance_;
+};
+
+/// Closest point of one triangle to p, as barycentric weights.
+/// [in] vertices   raw vertex array (three floats per vertex).
+/// [in] triangles  raw triangle array (three ints per triangle); not validated.
+/// [in] triangle   the triangle's index.
+/// [in] p          the query point.
+/// Degenerate triangles (zero area, zero-length edges, coincident corners)
+/// are answered exactly as the segments or point they reduce to. Returns an
+/// invalid coordinate (triangle -1) only when a corner or p is not finite.
+/// Cost O(1). Re-entrant.
+KXGEOM_API MeshCoord meshTriClosestPt(const float* vertices, const int* triangles, int triangle,
+                                      const kxLinear::Point& p);
+
+/// Length of the longest triangle edge of `mesh` (0 for no triangles; edges
+/// with non-finite length are ignored). Cost O(T). Re-entrant.
+KXGEOM_API double meshLongestEdge(const CompactMesh& mesh);
+
+}  // namespace kxGeom

@@ -1,0 +1,422 @@
+#include <kxgeom/closest_point.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include <kxgeom/bounds.h>
+#include <kxgeom/platform/bitvector.h>
+#include <kxgeom/platform/os.h>
+#include <kxgeom/predicates.h>
+
+namespace kxGeom {
+
+namespace {
+
+constexpr double kLargestDouble = std::numeric_limits<double>::max();
+
+struct HeapEntry {
+  double distance2;
+  OctreeIterator cell;
+};
+
+// Min-heap order for the std heap algorithms (which build max-heaps).
+bool fartherThan(const HeapEntry& a, const HeapEntry& b) { return a.distance2 > b.distance2; }
+
+kxLinear::Point corner(const float* vertices, const int* tri, int k) {
+  return kxLinear::Point::from(vertices + 3 * std::size_t(tri[k]));
+}
+
+bool isFinite(const kxLinear::Point& p) {
+  return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+}
+
+// Parameter in [0, 1] of the point of segment from + t * edge nearest to p.
+double segmentParameter(const kxLinear::Point& p, const kxLinear::Point& from,
+                        const kxLinear::Vector& edge) {
+  const double len2 = edge.length2();
+  if (!(len2 > 0)) return 0;
+  return std::clamp(kxLinear::dot(p - from, edge) / len2, 0.0, 1.0);
+}
+
+// Closest point of triangle abc to p as weights of a, b, c. The interior is
+// tried when the triangle has a usable area; otherwise, or when p projects
+// outside, the nearest of the three edges wins (edges cover degenerate
+// triangles exactly).
+void triangleClosestWeights(const kxLinear::Point& p, const kxLinear::Point tri[3], double w[3]) {
+  const kxLinear::Vector e0 = tri[1] - tri[0], e1 = tri[2] - tri[0], ap = p - tri[0];
+  const double d00 = kxLinear::dot(e0, e0), d01 = kxLinear::dot(e0, e1);
+  const double d11 = kxLinear::dot(e1, e1);
+  const double denom = d00 * d11 - d01 * d01;
+  if (denom > 1e-12 * d00 * d11) {
+    const double d20 = kxLinear::dot(ap, e0), d21 = kxLinear::dot(ap, e1);
+    const double v = (d11 * d20 - d01 * d21) / denom;
+    const double u = (d00 * d21 - d01 * d20) / denom;
+    if (v >= 0 && u >= 0 && v + u <= 1) {
+      w[0] = 1 - v - u;
+      w[1] = v;
+      w[2] = u;
+      return;
+    }
+  }
+  double best = std::numeric_limits<double>::infinity();
+  for (int e = 0; e < 3; ++e) {
+    const int i = e, j = (e + 1) % 3;
+    const kxLinear::Vector edge = tri[j] - tri[i];
+    const double t = segmentParameter(p, tri[i], edge);
+    const double d2 = (tri[i] + edge * t - p).length2();
+    if (d2 < best || e == 0) {
+      best = d2;
+      w[0] = w[1] = w[2] = 0;
+      w[i] = 1 - t;
+      w[j] = t;
+    }
+  }
+}
+
+// Squared distance from p to the closest point of triangle t, written to
+// `coord`; false (coord untouched) when the triangle has no closest point.
+bool triangleClosest(const CompactMesh& mesh, int t, const kxLinear::Point& p, MeshCoord& coord,
+                     double& distance2) {
+  coord = meshTriClosestPt(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), t, p);
+  if (!coord.isValid()) return false;
+  distance2 = (coord.evaluate(mesh.getVertices(), mesh.getTriangles()) - p).length2();
+  return true;
+}
+
+// Box of every corner of the triangles around vertex v.
+BoundingBox vertexFanBox(const CompactMesh& mesh, const MeshAdjTris& adjTris, int v) {
+  BoundingBox box;
+  const MeshVertex* vertices = mesh.getVertices();
+  const MeshTriangle* triangles = mesh.getTriangles();
+  const int* tris = adjTris.triIndices(v);
+  for (int i = 0, n = adjTris.numTris(v); i < n; ++i) {
+    for (int k = 0; k < 3; ++k) box.extend(vertices[triangles[tris[i]][k]].asPointFlt());
+  }
+  return box;
+}
+
+// Squared distance from p to a box of six floats (minimum, then maximum), in
+// double precision so that pruning by it is as exact as the distances it is
+// compared with.
+double boxDistance2(const float* box, const kxLinear::Point& p) {
+  double d2 = 0;
+  for (int k = 0; k < 3; ++k) {
+    const double gap = std::max(double(box[k]) - p[k], p[k] - double(box[k + 3]));
+    if (gap > 0) d2 += gap * gap;
+  }
+  return d2;
+}
+
+// A lower bound of triangle t's squared distance to p: that of its box.
+double triangleBoxDistance2(const float* vertices, const int* tri, const kxLinear::Point& p) {
+  const float* a = vertices + 3 * std::size_t(tri[0]);
+  const float* b = vertices + 3 * std::size_t(tri[1]);
+  const float* c = vertices + 3 * std::size_t(tri[2]);
+  float box[6];
+  for (int k = 0; k < 3; ++k) {
+    box[k] = std::min(a[k], std::min(b[k], c[k]));
+    box[k + 3] = std::max(a[k], std::max(b[k], c[k]));
+  }
+  return boxDistance2(box, p);
+}
+
+// True when a lower bound shows that nothing nearer than `best` can be found
+// (with a margin far above the rounding of the bound).
+bool beyond(double bound2, double best) { return bound2 > best * (1 + 1e-12); }
+
+// Fills boxes[i] with the box of the triangles listed in the leaves below
+// node i (invalid for a subtree without triangles).
+void fillContentBoxes(const CompactMesh& mesh, const OctreeTris& tris, const OctreeNode* root,
+                      const OctreeIterator& cell, kx::vector<BoundingBox>& boxes) {
+  BoundingBox& box = boxes[cell.getNode() - root];
+  box.setInvalid();
+  if (cell.isLeaf()) {
+    const MeshVertex* vertices = mesh.getVertices();
+    const MeshTriangle* triangles = mesh.getTriangles();
+    const int* list = tris.firstTri(cell.getVoxel());
+    for (int i = 0, n = tris.numTris(cell.getVoxel()); i < n; ++i) {
+      for (int k = 0; k < 3; ++k) box.extend(vertices[triangles[list[i]][k]].asPointFlt());
+    }
+    return;
+  }
+  for (int k = 0; k < 8; ++k) {
+    OctreeIterator child = cell;
+    child.descend(k);
+    fillContentBoxes(mesh, tris, root, child, boxes);
+    box.extend(boxes[child.getNode() - root]);
+  }
+}
+
+kx::vector<BoundingBox> contentBoxes(const CompactMesh& mesh, const Octree& octree,
+                                     const OctreeTris& tris) {
+  kx::vector<BoundingBox> boxes(std::size_t(octree.getNumNodes()));
+  const OctreeIterator root = octree.getRoot();
+  if (root.getNode() && tris.numVoxels() == octree.numLeaves) {
+    fillContentBoxes(mesh, tris, root.getNode(), root, boxes);
+  }
+  return boxes;
+}
+
+}  // namespace
+
+class OctreeClosestItImpl {
+ public:
+  virtual ~OctreeClosestItImpl() = default;
+
+  void reset(const Octree& octree, const kxLinear::Point& p) {
+    root_ = octree.getRoot();
+    point_ = p;
+    pointFlt_ = kxLinear::PointFlt(p);
+    limit_ = std::numeric_limits<double>::infinity();
+    heap_.clear();
+    if (!root_.getNode()) return;
+    heap_.push_back({distance2(root_), root_});
+    if (!root_.isLeaf()) next();
+  }
+
+  void next() {
+    while (!heap_.empty()) {
+      std::pop_heap(heap_.begin(), heap_.end(), fartherThan);
+      const OctreeIterator cell = heap_.back().cell;
+      heap_.pop_back();
+      for (int child = 0; child < 8; ++child) {
+        OctreeIterator handle = cell;
+        if (!handle.descend(child)) break;
+        const double d2 = distance2(handle);
+        if (!(d2 < limit_)) continue;
+        heap_.push_back({d2, handle});
+        std::push_heap(heap_.begin(), heap_.end(), fartherThan);
+      }
+      if (!heap_.empty() && heap_.front().cell.isLeaf()) return;
+    }
+  }
+
+  bool valid() const { return !heap_.empty(); }
+  const HeapEntry& top() const { return heap_.front(); }
+  void setLimit(double limit2) { limit_ = limit2; }
+  void setNodeBounds(const BoundingBox* bounds) { bounds_ = bounds; }
+
+ private:
+  // The cell's key: its box distance, or its bound's when bounds are given.
+  double distance2(const OctreeIterator& cell) const {
+    if (bounds_) return boxDistance2(bounds_[cell.getNode() - root_.getNode()].data(), point_);
+    return cell.getBox().distance2(pointFlt_);
+  }
+
+  OctreeIterator root_;
+  kxLinear::Point point_;
+  kxLinear::PointFlt pointFlt_;
+  double limit_ = 0;
+  const BoundingBox* bounds_ = nullptr;
+  kx::vector<HeapEntry> heap_;
+};
+
+OctreeClosestIt::OctreeClosestIt() : impl_(nullptr) {}
+
+OctreeClosestIt::OctreeClosestIt(const Octree& octree, const kxLinear::Point& p) : impl_(nullptr) {
+  reset(octree, p);
+}
+
+OctreeClosestIt::~OctreeClosestIt() { delete impl_; }
+
+void OctreeClosestIt::reset(const Octree& octree, const kxLinear::Point& p) {
+  if (!impl_) impl_ = new OctreeClosestItImpl;
+  impl_->reset(octree, p);
+}
+
+bool OctreeClosestIt::valid() const { return impl_ && impl_->valid(); }
+OctreeIterator OctreeClosestIt::get() const { return impl_->top().cell; }
+double OctreeClosestIt::getDistance2() const { return impl_->top().distance2; }
+void OctreeClosestIt::next() { impl_->next(); }
+void OctreeClosestIt::setLimit(double limit2) { impl_->setLimit(limit2); }
+
+void OctreeClosestIt::setNodeBounds(const BoundingBox* bounds) {
+  if (!impl_) impl_ = new OctreeClosestItImpl;
+  impl_->setNodeBounds(bounds);
+}
+
+class ClosestPointContext {
+ public:
+  ClosestPointContext(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
+      : stamps_(std::size_t(std::max(0, mesh.getNumTriangles())), 0),
+        nodeBoxes_(contentBoxes(mesh, octree, tris)) {
+    iterator_.setNodeBounds(nodeBoxes_.data());
+  }
+  virtual ~ClosestPointContext() = default;
+
+  // True the first time triangle t is seen in the current query.
+  bool visit(int t) {
+    if (stamps_[t] == stamp_) return false;
+    stamps_[t] = stamp_;
+    return true;
+  }
+  // Starts a new query; clears the stamps only when the counter wraps.
+  void advanceStamp() {
+    if (++stamp_ == ~std::uint32_t(0)) {
+      std::fill(stamps_.begin(), stamps_.end(), 0u);
+      stamp_ = 1;
+    }
+  }
+  OctreeClosestIt& iterator() { return iterator_; }
+
+ private:
+  std::uint32_t stamp_ = 1;
+  kx::vector<std::uint32_t> stamps_;
+  kx::vector<BoundingBox> nodeBoxes_;
+  OctreeClosestIt iterator_;
+};
+
+MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree,
+                                   const OctreeTris& tris)
+    : mesh_(mesh),
+      octree_(octree),
+      tris_(tris),
+      context_(new ClosestPointContext(mesh, octree, tris)) {}
+
+MeshClosestPoint::~MeshClosestPoint() { delete context_; }
+
+double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
+  OctreeClosestIt& it = context_->iterator();
+  const float* vertices = mesh_.getVerticesRaw();
+  const int* triangles = mesh_.getTrianglesRaw();
+  double best = kLargestDouble;
+  for (it.reset(octree_, p); it.valid() && it.getDistance2() < best; it.next()) {
+    // Triangles whose boxes are no nearer than the best point are skipped: a
+    // pure saving, the answer is the same.
+    const int voxel = it.get().getVoxel();
+    const int* tris = tris_.firstTri(voxel);
+    for (int i = 0, n = tris_.numTris(voxel); i < n; ++i) {
+      const int t = tris[i];
+      if (!context_->visit(t)) continue;
+      if (beyond(triangleBoxDistance2(vertices, triangles + 3 * std::size_t(t), p), best)) continue;
+      MeshCoord coord;
+      double d2;
+      if (triangleClosest(mesh_, t, p, coord, d2) && d2 < best) {
+        best = d2;
+        if (result) *result = coord;
+        it.setLimit(best);
+      }
+    }
+  }
+  context_->advanceStamp();
+  return std::sqrt(best);
+}
+
+double meshClosestPoint(const CompactMesh& mesh, const Octree& vertexOctree,
+                        const MeshAdjTris& adjTris, const kxLinear::Point& p, double longestEdge,
+                        double maxDistance2, const BoundingBox* vertexBoxes, MeshCoord* result) {
+  kx::vector<std::uint8_t> vertexSeen(std::size_t(mesh.getNumVertices()), 0);
+  kx::vector<std::uint8_t> triangleSeen(std::size_t(mesh.getNumTriangles()), 0);
+  const double halfEdge = longestEdge / 1.4142135623730951;
+  const double margin = halfEdge * halfEdge;
+  const kxLinear::PointFlt pf(p);
+  const int* points = vertexOctree.getPointIndices();
+  double best = maxDistance2;
+  double limit = std::max(best, margin);
+  for (OctreeClosestIt it(vertexOctree, p); it.valid() && it.getDistance2() < limit; it.next()) {
+    const OctreeIterator leaf = it.get();
+    for (int i = leaf.firstPoint(); i < leaf.endPoint(); ++i) {
+      const int v = points[i];
+      if (vertexSeen[v]) continue;
+      vertexSeen[v] = 1;
+      const double bound =
+          vertexBoxes ? vertexBoxes[v].distance2(pf) : vertexFanBox(mesh, adjTris, v).distance2(pf);
+      if (!(bound < best)) continue;
+      const int* tris = adjTris.triIndices(v);
+      for (int k = 0, n = adjTris.numTris(v); k < n; ++k) {
+        const int t = tris[k];
+        if (triangleSeen[t]) continue;
+        triangleSeen[t] = 1;
+        MeshCoord coord;
+        double d2;
+        if (triangleClosest(mesh, t, p, coord, d2) && d2 < best) {
+          best = d2;
+          if (result) *result = coord;
+          limit = std::max(best, margin);
+        }
+      }
+    }
+  }
+  return best;
+}
+
+double meshClosestPoint(const CompactMesh& mesh, const Octree& vertexOctree,
+                        const MeshAdjTris& adjTris, const kxLinear::Point& p, MeshCoord* result) {
+  return meshClosestPoint(mesh, vertexOctree, adjTris, p, meshLongestEdge(mesh), kLargestDouble,
+                          nullptr, result);
+}
+
+double meshClosestVertex2(const CompactMesh& mesh, const Octree& vertexOctree,
+                          const kxLinear::Point& p) {
+  kxOS::StopWatch watch;
+  double best = kLargestDouble;
+  BitVector seen(mesh.getNumVertices());
+  const MeshVertex* vertices = mesh.getVertices();
+  const int* points = vertexOctree.getPointIndices();
+  for (OctreeClosestIt it(vertexOctree, p); it.valid() && it.getDistance2() < best; it.next()) {
+    const OctreeIterator leaf = it.get();
+    for (int i = leaf.firstPoint(); i < leaf.endPoint(); ++i) {
+      const int v = points[i];
+      if (seen.isBitSet(v)) continue;
+      seen.setBit(v);
+      best = std::min(best, (vertices[v].asPoint() - p).length2());
+    }
+  }
+  debugChannel().print("   meshClosestVertex: %f s\n", watch.clear());
+  return best;
+}
+
+MeshPtInside::MeshPtInside(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris,
+                           double tolerance)
+    : mesh_(mesh), closest_(mesh, octree, tris), tolerance_(tolerance) {
+  meshBoundingBox(mesh, box_);
+}
+
+MeshPtInside::Result MeshPtInside::evaluate(const kxLinear::Point& p) {
+  if (!contains(box_, kxLinear::PointFlt(p))) return Outside;
+  MeshCoord coord;
+  const double distance = closest_.compute(p, &coord);
+  if (distance < tolerance_) return OnSurface;
+  if (!coord.isValid()) return Outside;
+  const MeshTriangle& tri = mesh_.getTriangles()[coord.triangle];
+  const MeshNormal* normals = mesh_.getNormals();
+  const kxLinear::Vector normal =
+      normals
+          ? kxLinear::combine(normals[tri[0]].asVector(), coord.w[0], normals[tri[1]].asVector(),
+                              coord.w[1], normals[tri[2]].asVector(), coord.w[2])
+          : meshTriNormal(mesh_.getVerticesRaw(), tri.v).vector();
+  const kxLinear::Vector toSurface = coord.evaluate(mesh_.getVertices(), mesh_.getTriangles()) - p;
+  return kxLinear::dot(toSurface, normal) >= 0 ? Inside : Outside;
+}
+
+MeshCoord meshTriClosestPt(const float* vertices, const int* triangles, int triangle,
+                           const kxLinear::Point& p) {
+  const int* tri = triangles + 3 * std::size_t(triangle);
+  const kxLinear::Point corners[3] = {corner(vertices, tri, 0), corner(vertices, tri, 1),
+                                      corner(vertices, tri, 2)};
+  if (!isFinite(p) || !isFinite(corners[0]) || !isFinite(corners[1]) || !isFinite(corners[2])) {
+    return MeshCoord();
+  }
+  MeshCoord coord;
+  coord.triangle = triangle;
+  triangleClosestWeights(p, corners, coord.w);
+  return coord;
+}
+
+double meshLongestEdge(const CompactMesh& mesh) {
+  const float* vertices = mesh.getVerticesRaw();
+  const int* triangles = mesh.getTrianglesRaw();
+  double longest2 = 0;
+  for (int t = 0, n = mesh.getNumTriangles(); t < n; ++t) {
+    const int* tri = triangles + 3 * std::size_t(t);
+    for (int e = 0; e < 3; ++e) {
+      const double len2 = (corner(vertices, tri, (e + 1) % 3) - corner(vertices, tri, e)).length2();
+      if (len2 > longest2 && std::isfinite(len2)) longest2 = len2;
+    }
+  }
+  return std::sqrt(longest2);
+}
+
+}  // namespace kxGeom

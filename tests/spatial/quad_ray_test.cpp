@@ -1,0 +1,573 @@
+// Four-ray packets checked lane by lane against a double-precision oracle
+// (signed volumes and plane intersection; slab clipping for boxes) with
+// margins around the decision boundaries, plus exact hand-built cases for the
+// edge-on, behind-origin and back-face cull rules.
+#include <kxgeom/quad_ray.h>
+
+#include <gtest/gtest.h>
+
+#include "spatial/ray_oracle.h"
+#include "spatial/slab_oracle.h"
+#include "support/test_meshes.h"
+
+#include <array>
+#include <cmath>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kxGeom::BoundingBox;
+using kxGeom::CompactMesh;
+using kxGeom::MeshTriangle;
+using kxGeom::MeshVertex;
+using kxGeom::OctreeQuadRayIntersectIt;
+using kxGeom::QuadRay;
+using kxGeom::QuadRayTracer;
+using kxLinear::Point;
+using kxLinear::PointFlt;
+using kxLinear::Vector;
+using kxLinear::VectorFlt;
+using kxtest::IndexedMesh;
+
+constexpr float kMaxFloat = 3.4028235e38f;
+
+// Restores the class-wide cull distance whatever a test sets.
+struct QuadCullGuard {
+  ~QuadCullGuard() { QuadRay::setBackfaceCullDistance(kxLinear::epsilonTolFlt); }
+};
+
+using Directions = std::array<VectorFlt, 4>;
+
+QuadRay makePacket(const PointFlt& origin, const Directions& d, bool nearestHit) {
+  return QuadRay(origin, d[0], d[1], d[2], d[3], nearestHit);
+}
+
+// Points and vectors share one type per precision.
+Point wide(const PointFlt& p) { return Point(p); }
+
+// --- Packet against triangles -------------------------------------------------
+
+// An axis-aligned right triangle in the plane z = `z`, its legs 4 long, wound
+// so that a ray along +z meets its back (`backFacingPlusZ`) or its front.
+struct PlaneTriangle {
+  std::vector<MeshVertex> vertices;
+  MeshTriangle triangle;
+};
+
+PlaneTriangle triangleAtZ(float z, bool backFacingPlusZ) {
+  PlaneTriangle p;
+  p.vertices = {{-1, -1, z}, {3, -1, z}, {-1, 3, z}};
+  p.triangle = backFacingPlusZ ? MeshTriangle{{0, 1, 2}} : MeshTriangle{{0, 2, 1}};
+  return p;
+}
+
+const Directions kAlongZ = {VectorFlt(0, 0, 1), VectorFlt(0.1f, 0, 1), VectorFlt(0, 0.1f, 1),
+                            VectorFlt(0.1f, 0.1f, 1)};
+
+TEST(QuadRayTriangles, FartherHitSetsMaskButKeepsNearestParameter) {
+  const PlaneTriangle nearTri = triangleAtZ(2, false), farTri = triangleAtZ(5, false);
+  for (bool nearFirst : {true, false}) {
+    QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
+    const PlaneTriangle* order[2] = {nearFirst ? &nearTri : &farTri,
+                                     nearFirst ? &farTri : &nearTri};
+    for (const PlaneTriangle* p : order) packet.intersect(p->triangle, p->vertices.data());
+    EXPECT_EQ(packet.hitMask(), 15u);
+    for (int k = 0; k < 4; ++k) EXPECT_NEAR(packet.triIntersectionRayParam(k), 2.0f, 1e-6f);
+  }
+  // A lane aimed past the near triangle (x = 3.5 at z = 2 is outside it) but
+  // into the far one takes the far parameter.
+  const std::vector<MeshVertex> wideFar = {{-1, -1, 5}, {20, -1, 5}, {-1, 20, 5}};
+  QuadRay packet = makePacket(PointFlt(0, 0, 0),
+                              {VectorFlt(1.75f, 0, 1), kAlongZ[1], kAlongZ[2], kAlongZ[3]}, true);
+  packet.intersect(nearTri.triangle, nearTri.vertices.data());
+  EXPECT_EQ(packet.hitMask(), 14u);
+  packet.intersect(MeshTriangle{{0, 2, 1}}, wideFar.data());
+  EXPECT_EQ(packet.hitMask(), 15u);
+  EXPECT_NEAR(packet.triIntersectionRayParam(0), 5.0f, 1e-5f);
+  EXPECT_NEAR(packet.triIntersectionRayParam(1), 2.0f, 1e-6f);
+}
+
+TEST(QuadRayTriangles, EdgesAndCornersCountAsInside) {
+  // The front-facing triangle is wound (-1, -1), (-1, 3), (3, -1) at z = 2.
+  // Rays through its corners (u = v = 0; u = det; v = det) and a point of the
+  // hypotenuse (u + v = det) hit; rays just outside miss. All arithmetic is
+  // exact in float.
+  const PlaneTriangle tri = triangleAtZ(2, false);
+  QuadRay onBoundary = makePacket(
+      PointFlt(0, 0, 0),
+      {VectorFlt(-1, -1, 2), VectorFlt(-1, 3, 2), VectorFlt(3, -1, 2), VectorFlt(1, 1, 2)}, true);
+  onBoundary.intersect(tri.triangle, tri.vertices.data());
+  EXPECT_EQ(onBoundary.hitMask(), 15u);
+  for (int k = 0; k < 4; ++k) EXPECT_EQ(onBoundary.triIntersectionRayParam(k), 1.0f);
+  const float past = 1.0078125f;
+  QuadRay outside = makePacket(PointFlt(0, 0, 0),
+                               {VectorFlt(-past, -1, 2), VectorFlt(-1, 3 * past, 2),
+                                VectorFlt(3 * past, -1, 2), VectorFlt(past, 1, 2)},
+                               true);
+  outside.intersect(tri.triangle, tri.vertices.data());
+  EXPECT_EQ(outside.hitMask(), 0u);
+}
+
+TEST(QuadRayTriangles, EdgeOnTrianglesNeverHit) {
+  QuadCullGuard guard;
+  QuadRay::setBackfaceCullDistance(-100.0f);  // no cull rule may mask the result
+  // The triangle lies in y = 0; every ray of the packet runs inside that
+  // plane straight through the triangle's interior, or within 1e-9 of it.
+  const std::vector<MeshVertex> v = {{-1, 0, -1}, {1, 0, -1}, {0, 0, 1}};
+  for (const MeshTriangle tri : {MeshTriangle{{0, 1, 2}}, MeshTriangle{{0, 2, 1}}}) {
+    QuadRay packet = makePacket(PointFlt(-5, 0, 0),
+                                {VectorFlt(1, 0, 0), VectorFlt(1, 0, 0.05f), VectorFlt(1, 1e-9f, 0),
+                                 VectorFlt(1, -1e-9f, -0.05f)},
+                                true);
+    packet.intersect(tri, v.data());
+    EXPECT_EQ(packet.hitMask(), 0u);
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
+  }
+  // The same triangle crossed at a proper angle is hit: the misses above are
+  // due to the angle alone.
+  QuadRay across = makePacket(
+      PointFlt(0, -5, 0),
+      {VectorFlt(0, 1, 0), VectorFlt(0.01f, 1, 0), VectorFlt(0, 1, 0.01f), VectorFlt(0, 1, -0.01f)},
+      true);
+  across.intersect(MeshTriangle{{0, 1, 2}}, v.data());
+  EXPECT_EQ(across.hitMask(), 15u);
+  EXPECT_NEAR(across.triIntersectionRayParam(0), 5.0f, 1e-5f);
+}
+
+TEST(QuadRayTriangles, TrianglesBehindOrAtTheOriginNeverHit) {
+  QuadCullGuard guard;
+  for (float cull : {1e-6f, -100.0f}) {
+    QuadRay::setBackfaceCullDistance(cull);
+    for (bool back : {false, true}) {
+      const PlaneTriangle behind = triangleAtZ(-2, back), touching = triangleAtZ(0, back);
+      QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
+      packet.intersect(behind.triangle, behind.vertices.data());
+      packet.intersect(touching.triangle, touching.vertices.data());
+      EXPECT_EQ(packet.hitMask(), 0u) << "cull " << cull << " back " << back;
+      // Reversing the rays turns the triangle at z = -2 into a hit at t = 2.
+      QuadRay reversed = makePacket(
+          PointFlt(0, 0, 0),
+          {kAlongZ[0] * -1.0f, kAlongZ[1] * -1.0f, kAlongZ[2] * -1.0f, kAlongZ[3] * -1.0f}, true);
+      reversed.intersect(behind.triangle, behind.vertices.data());
+      EXPECT_EQ(reversed.hitMask(), 15u);
+      EXPECT_NEAR(reversed.triIntersectionRayParam(0), 2.0f, 1e-6f);
+    }
+  }
+}
+
+TEST(QuadRayTriangles, BackFacesCountOnlyAtOrBeyondTheCullDistance) {
+  QuadCullGuard guard;
+  EXPECT_EQ(QuadRay::backfaceCullDistance(), kxLinear::epsilonTolFlt);
+  // Along +z the back face at z = 2 is met at exactly t = 2 (all exact in
+  // float), so the inclusive boundary can be probed.
+  const PlaneTriangle back = triangleAtZ(2, true), front = triangleAtZ(2, false);
+  const Directions straight = {kAlongZ[0], kAlongZ[0], kAlongZ[0], kAlongZ[0]};
+  struct Case {
+    float cull;
+    bool backHit;
+  };
+  for (const Case c : {Case{3.0f, false}, Case{std::nextafter(2.0f, 3.0f), false}, Case{2.0f, true},
+                       Case{1.0f, true}}) {
+    QuadRay::setBackfaceCullDistance(c.cull);
+    EXPECT_EQ(QuadRay::backfaceCullDistance(), c.cull);
+    QuadRay packet = makePacket(PointFlt(0, 0, 0), straight, true);
+    packet.intersect(back.triangle, back.vertices.data());
+    EXPECT_EQ(packet.hitMask(), c.backHit ? 15u : 0u) << "cull " << c.cull;
+    EXPECT_EQ(packet.triIntersectionRayParam(0), c.backHit ? 2.0f : kMaxFloat);
+    // Front faces ignore the cull distance.
+    QuadRay frontPacket = makePacket(PointFlt(0, 0, 0), straight, true);
+    frontPacket.intersect(front.triangle, front.vertices.data());
+    EXPECT_EQ(frontPacket.hitMask(), 15u);
+  }
+}
+
+TEST(QuadRayState, FreshPacketAndMeanDirection) {
+  const Directions d = {VectorFlt(1, 2, 3), VectorFlt(-4, 0.5f, 2), VectorFlt(0, 0, -1),
+                        VectorFlt(7, -3, 0.25f)};
+  const QuadRay packet = makePacket(PointFlt(1, 2, 3), d, true);
+  EXPECT_EQ(packet.hitMask(), 0u);
+  for (int k = 0; k < 4; ++k) {
+    EXPECT_FALSE(packet.triHit(k));
+    EXPECT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
+  }
+  const VectorFlt mean = packet.meanDirection();
+  EXPECT_FLOAT_EQ(mean.x, 1.0f);
+  EXPECT_FLOAT_EQ(mean.y, -0.125f);
+  EXPECT_FLOAT_EQ(mean.z, 1.0625f);
+}
+
+// --- Packet against boxes ---------------------------------------------------------
+
+// The oracle's verdict on lane k against `box`: 1 must pass, 0 must fail,
+// -1 too close to call given the reciprocal estimates (margin in model units).
+int boxVerdict(const QuadRay& packet, int k, const Point& o, const Vector& d,
+               const BoundingBox& box, double margin) {
+  const double nearest = packet.triIntersectionRayParam(k);
+  const double slack = margin / d.length();
+  double t0, t1;
+  const bool innerHit =
+      kxtest::slabInterval(o, d, box, -margin, t0, t1) && t1 > slack && t0 < nearest - slack;
+  if (innerHit) return 1;
+  const bool outerHit =
+      kxtest::slabInterval(o, d, box, margin, t0, t1) && t1 > 0 && t0 < nearest + slack;
+  return outerHit ? -1 : 0;
+}
+
+TEST(QuadRayBoxes, MaskMatchesSlabOracleIncludingNearestPruning) {
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> coord(-3.0f, 3.0f), size(0.05f, 2.0f);
+  int decided = 0, passed = 0, total = 0;
+  for (int iter = 0; iter < 4000; ++iter) {
+    const PointFlt o(coord(rng), coord(rng), coord(rng));
+    const PointFlt lo(coord(rng), coord(rng), coord(rng));
+    const BoundingBox box(lo.x, lo.y, lo.z, lo.x + size(rng), lo.y + size(rng), lo.z + size(rng));
+    // Two lanes aim near the box so that both verdicts are common.
+    Directions d;
+    for (auto& dk : d) dk = VectorFlt(coord(rng), coord(rng), coord(rng));
+    for (int k = 0; k < 2; ++k) d[k] = box.center() + d[k] * 0.3f - o;
+    if (iter % 4 == 1) d[0].x = 0, d[1].y = 0, d[2].z = 0;  // infinite reciprocals
+    const bool nearest = iter % 2 == 0;
+    QuadRay packet = makePacket(o, d, nearest);
+    // Half the packets first hit a large triangle, so some lanes carry a
+    // finite nearest t that must prune boxes beyond it.
+    if (iter % 3 != 0) {
+      const std::vector<MeshVertex> big = {{coord(rng) * 10, coord(rng) * 10, coord(rng)},
+                                           {coord(rng) * 10, coord(rng) * 10, coord(rng)},
+                                           {coord(rng) * 10, coord(rng) * 10, coord(rng)}};
+      packet.intersect(MeshTriangle{{0, 1, 2}}, big.data());
+    }
+    kxUtil::BitField32 mask;
+    packet.intersect(box, mask);
+    for (int k = 0; k < 4; ++k) {
+      ++total;
+      const int verdict = boxVerdict(packet, k, wide(o), wide(d[k]), box, 0.01);
+      if (verdict >= 0) {
+        ++decided;
+        ASSERT_EQ(mask.test(k), verdict == 1 && (nearest || !packet.triHit(k)))
+            << "iteration " << iter << " lane " << k;
+      }
+      if (!nearest && packet.triHit(k)) {
+        ASSERT_FALSE(mask.test(k));
+      }
+      passed += mask.test(k);
+    }
+  }
+  EXPECT_GT(decided, total * 95 / 100);
+  EXPECT_GT(passed, total / 8);
+}
+
+// --- Leaf walk ----------------------------------------------------------------
+
+TEST(OctreeQuadRayIntersectIt, LeafMasksMatchSingleRayWalks) {
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  std::mt19937 rng(23);
+  OctreeQuadRayIntersectIt quadLeaves(m.octree);
+  kxGeom::OctreeRayIntersectIt rayLeaves(m.octree);
+  int leavesChecked = 0;
+  for (int i = 0; i < 100; ++i) {
+    const PointFlt o = kxtest::randomOrigin(m.box, i % 3 == 0, rng);
+    Directions d;
+    for (auto& dk : d) dk = kxtest::randomPointInBox(m.box, 1.25f, rng) - o;
+    QuadRay packet = makePacket(o, d, true);
+    // Per lane, the voxels that the packet walk reached with that lane's bit.
+    std::vector<std::array<bool, 4>> quadHas(std::size_t(m.octree.numLeaves),
+                                             {false, false, false, false});
+    for (quadLeaves.reset(packet, i % 2 == 0); quadLeaves.valid(); quadLeaves.next()) {
+      for (int k = 0; k < 4; ++k)
+        quadHas[std::size_t(quadLeaves.get().getVoxel())][std::size_t(k)] |=
+            quadLeaves.mask().test(k);
+    }
+    for (int k = 0; k < 4; ++k) {
+      const kxGeom::Ray ray(o, wide(d[k]));
+      std::vector<char> rayHas(std::size_t(m.octree.numLeaves), 0);
+      std::vector<BoundingBox> boxes(std::size_t(m.octree.numLeaves));
+      for (rayLeaves.reset(ray); rayLeaves.valid(); rayLeaves.next())
+        rayHas[std::size_t(rayLeaves.get().getVoxel())] = 1;
+      for (kxGeom::OctreeLeafIterator all(m.octree); all.valid(); all.next()) {
+        const int voxel = all.get().getVoxel();
+        const int verdict = boxVerdict(packet, k, wide(o), wide(d[k]), all.get().getBox(), 5e-3);
+        if (verdict < 0) continue;
+        ++leavesChecked;
+        ASSERT_EQ(quadHas[std::size_t(voxel)][std::size_t(k)], verdict == 1)
+            << "packet " << i << " lane " << k;
+        ASSERT_EQ(rayHas[std::size_t(voxel)] != 0, verdict == 1);
+      }
+    }
+  }
+  EXPECT_GT(leavesChecked, 100 * 4 * m.octree.numLeaves * 8 / 10);
+}
+
+TEST(OctreeQuadRayIntersectIt, OrderedWalkVisitsLeavesFrontToBack) {
+  const IndexedMesh m(kxtest::makeRandomMesh(400, 800, 29));
+  std::mt19937 rng(31);
+  OctreeQuadRayIntersectIt leaves(m.octree);
+  int steps = 0;
+  for (int i = 0; i < 200; ++i) {
+    const PointFlt o = kxtest::randomOrigin(m.box, i % 2 == 0, rng);
+    const VectorFlt d = kxtest::randomPointInBox(m.box, 1.0f, rng) - o;
+    QuadRay packet = makePacket(o, {d, d, d, d}, true);
+    double previousEntry = -1e300;
+    for (leaves.reset(packet, true); leaves.valid(); leaves.next()) {
+      double t0, t1;
+      if (!kxtest::slabInterval(wide(o), wide(d), leaves.get().getBox(), 1e-4, t0, t1)) continue;
+      EXPECT_GE(std::max(t0, 0.0), previousEntry - 1e-3) << "packet " << i;
+      previousEntry = std::max(previousEntry, std::max(t0, 0.0));
+      ++steps;
+    }
+  }
+  EXPECT_GT(steps, 1000);
+}
+
+TEST(OctreeQuadRayIntersectIt, OctreeWithoutLeavesYieldsNothing) {
+  const IndexedMesh m{CompactMesh()};
+  ASSERT_EQ(m.octree.numLeaves, 0);
+  QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, true);
+  OctreeQuadRayIntersectIt leaves(m.octree, packet);
+  EXPECT_FALSE(leaves.valid());
+  leaves.next();
+  EXPECT_FALSE(leaves.valid());
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  tracer.intersect(packet);
+  EXPECT_EQ(packet.hitMask(), 0u);
+}
+
+// --- Tracer ---------------------------------------------------------------------
+
+// Four rays from one origin toward random points of the box.
+QuadRay randomPacket(const BoundingBox& box, bool inside, bool nearest, std::mt19937& rng,
+                     PointFlt& o, Directions& d) {
+  o = kxtest::randomOrigin(box, inside, rng);
+  for (auto& dk : d) dk = kxtest::randomPointInBox(box, 1.25f, rng) - o;
+  return makePacket(o, d, nearest);
+}
+
+TEST(QuadRayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
+  std::mt19937 rng(17);
+  for (const CompactMesh& model :
+       {kxtest::makeLatLongSphere(24, 48), kxtest::makeRandomMesh(300, 600, 21)}) {
+    const IndexedMesh m(model);
+    QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+    int sureHits = 0, uncertain = 0, lanes = 0;
+    for (int i = 0; i < 300; ++i) {
+      PointFlt o;
+      Directions d;
+      QuadRay packet = randomPacket(m.box, i % 4 == 0, true, rng, o, d);
+      tracer.intersect(packet);
+      for (int k = 0; k < 4; ++k) {
+        const auto oracle = kxtest::bruteForceRay(m.mesh, wide(o), wide(d[k]), 1e-6);
+        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4))
+            << "packet " << i << " lane " << k << " t " << packet.triIntersectionRayParam(k)
+            << " oracle " << oracle.nearestSure;
+        sureHits += oracle.surelyHit;
+        uncertain += !oracle.certain();
+        ++lanes;
+      }
+    }
+    EXPECT_GT(sureHits, lanes / 3);
+    EXPECT_LT(uncertain, lanes / 20);
+  }
+}
+
+// Traces with the iterator alone, testing every triangle of every leaf
+// (repeats included), in the given child order.
+void traceWithoutStamps(QuadRay& packet, const IndexedMesh& m, bool ordered) {
+  OctreeQuadRayIntersectIt leaves(m.octree);
+  for (leaves.reset(packet, ordered); leaves.valid(); leaves.next()) {
+    const int voxel = leaves.get().getVoxel();
+    for (int i = 0; i < m.tris.numTris(voxel); ++i)
+      packet.intersect(m.mesh.getTriangles()[m.tris.firstTri(voxel)[i]], m.mesh.getVertices());
+  }
+}
+
+TEST(QuadRayTracer, OrderedAndUnorderedWalksFindTheSameNearestHits) {
+  std::mt19937 rng(41);
+  const IndexedMesh m(kxtest::makeRandomMesh(500, 1200, 43));
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  int identical = 0, lanes = 0;
+  for (int i = 0; i < 500; ++i) {
+    PointFlt o;
+    Directions d;
+    QuadRay traced = randomPacket(m.box, i % 3 == 0, true, rng, o, d);
+    QuadRay ordered = traced, unordered = traced;
+    tracer.intersect(traced);
+    traceWithoutStamps(ordered, m, true);
+    traceWithoutStamps(unordered, m, false);
+    ASSERT_EQ(traced.hitMask(), ordered.hitMask());
+    ASSERT_EQ(traced.hitMask(), unordered.hitMask());
+    for (int k = 0; k < 4; ++k) {
+      // Same triangles in the same order: the stamps only drop repeats.
+      ASSERT_EQ(traced.triIntersectionRayParam(k), unordered.triIntersectionRayParam(k));
+      // Another order may prune a near-tie differently (reciprocal estimates).
+      const float t = traced.triIntersectionRayParam(k),
+                  tOrdered = ordered.triIntersectionRayParam(k);
+      ASSERT_NEAR(t, tOrdered, 1e-3f * std::fabs(t));
+      identical += t == tOrdered;
+      ++lanes;
+    }
+  }
+  EXPECT_GT(identical, lanes * 99 / 100);
+}
+
+// Two triangles in one leaf, listed far first: the far one at z = 5, and a
+// larger near one at z = 2. Both face rays along +z.
+CompactMesh farThenNear() {
+  const std::vector<MeshVertex> v = {{-1, -1, 5},   {3, -1, 5},   {-1, 3, 5},
+                                     {-10, -10, 2}, {30, -10, 2}, {-10, 30, 2}};
+  const int tris[] = {0, 2, 1, 3, 5, 4};
+  CompactMesh mesh(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  mesh.copyTriangles(2, tris);
+  return mesh;
+}
+
+TEST(QuadRayTracer, FirstHitModeStopsOnceAllRaysHaveHit) {
+  const IndexedMesh m(farThenNear());
+  ASSERT_EQ(m.octree.numLeaves, 1);
+  ASSERT_EQ(m.tris.firstTri(0)[0], 0);
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  for (bool nearest : {true, false}) {
+    QuadRay packet = makePacket(PointFlt(0, 0, 0), kAlongZ, nearest);
+    tracer.intersect(packet);
+    EXPECT_EQ(packet.hitMask(), 15u);
+    EXPECT_EQ(packet.allRaysTerminated(), !nearest);
+    // First-hit mode stops after the far triangle, which all four rays hit.
+    for (int k = 0; k < 4; ++k)
+      EXPECT_NEAR(packet.triIntersectionRayParam(k), nearest ? 2.0f : 5.0f, 1e-5f);
+  }
+  // With lane 3 passing beside the far triangle the walk must go on, and the
+  // near triangle then lowers every lane's t.
+  Directions d = kAlongZ;
+  d[3] = VectorFlt(2, 2, 1);
+  QuadRay packet = makePacket(PointFlt(0, 0, 0), d, false);
+  tracer.intersect(packet);
+  EXPECT_EQ(packet.hitMask(), 15u);
+  for (int k = 0; k < 4; ++k) EXPECT_NEAR(packet.triIntersectionRayParam(k), 2.0f, 1e-5f);
+}
+
+TEST(QuadRayTracer, FirstHitsLieOnTheSurfaceAndAgreeOnWhichRaysHit) {
+  std::mt19937 rng(47);
+  const IndexedMesh m(kxtest::makeLatLongSphere(32, 64));
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  int fartherThanNearest = 0, hits = 0;
+  for (int i = 0; i < 400; ++i) {
+    PointFlt o;
+    Directions d;
+    QuadRay first = randomPacket(m.box, false, false, rng, o, d);
+    QuadRay nearest = makePacket(o, d, true);
+    tracer.intersect(first);
+    tracer.intersect(nearest);
+    ASSERT_EQ(first.hitMask(), nearest.hitMask());
+    for (int k = 0; k < 4; ++k) {
+      if (!first.triHit(k)) continue;
+      const float t = first.triIntersectionRayParam(k);
+      ASSERT_GE(t, nearest.triIntersectionRayParam(k));
+      // Every hit point lies on the unit sphere, up to the facets' sag.
+      const Point hit = wide(o + d[k] * t);
+      ASSERT_NEAR(hit.length(), 1.0, 3e-3);
+      fartherThanNearest += t > nearest.triIntersectionRayParam(k) * 1.01f;
+      ++hits;
+    }
+  }
+  EXPECT_GT(hits, 400);
+  EXPECT_GT(fartherThanNearest, 0);  // some walks stopped on the far side
+}
+
+TEST(QuadRayTracer, PacketsThatMissEverythingReportNothing) {
+  std::mt19937 rng(53);
+  std::uniform_real_distribution<float> jitter(-0.3f, 0.3f);
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  for (int i = 0; i < 200; ++i) {
+    const PointFlt o = kxtest::randomOrigin(m.box, false, rng);
+    Directions d;
+    for (auto& dk : d) dk = o + VectorFlt(jitter(rng), jitter(rng), jitter(rng));  // away
+    QuadRay packet = makePacket(o, d, i % 2 == 0);
+    tracer.intersect(packet);
+    ASSERT_EQ(packet.hitMask(), 0u);
+    for (int k = 0; k < 4; ++k) ASSERT_EQ(packet.triIntersectionRayParam(k), kMaxFloat);
+  }
+}
+
+TEST(QuadRayTracer, BackFacesFromInsideASphereObeyTheCullDistance) {
+  QuadCullGuard guard;
+  std::mt19937 rng(59);
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  const PointFlt o(0.1f, -0.2f, 0.05f);
+  // Unit directions: every hit is a back face at t in about [0.78, 1.22].
+  for (const float cull : {0.5f, 1.0f, 1.5f}) {
+    QuadRay::setBackfaceCullDistance(cull);
+    int hits = 0;
+    for (int i = 0; i < 200; ++i) {
+      Directions d;
+      for (auto& dk : d) dk = kxLinear::normalized(VectorFlt(unit(rng), unit(rng), unit(rng)));
+      QuadRay packet = makePacket(o, d, true);
+      tracer.intersect(packet);
+      for (int k = 0; k < 4; ++k) {
+        const auto oracle = kxtest::bruteForceRay(m.mesh, wide(o), wide(d[k]), cull);
+        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4));
+        hits += packet.triHit(k);
+      }
+    }
+    if (cull < 0.75f) {
+      EXPECT_EQ(hits, 800);
+    } else if (cull > 1.25f) {
+      EXPECT_EQ(hits, 0);
+    }
+  }
+}
+
+TEST(QuadRayTracer, AxisAlignedRaysInOctreeSplitPlanesStillHit) {
+  // The sphere's octree splits at x = 0, y = 0 and z = 0; these rays run
+  // inside those planes with zero direction components.
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  QuadRay packet = makePacket(
+      PointFlt(0, 0, -3),
+      {VectorFlt(0, 0, 1), VectorFlt(0, 0, 1), VectorFlt(0, 0.1f, 1), VectorFlt(0.1f, 0, 1)}, true);
+  tracer.intersect(packet);
+  EXPECT_EQ(packet.hitMask(), 15u);
+  EXPECT_NEAR(packet.triIntersectionRayParam(0), 2.0f, 1e-3f);
+  QuadRay sideways = makePacket(
+      PointFlt(-3, 0, 0),
+      {VectorFlt(1, 0, 0), VectorFlt(1, 0.1f, 0), VectorFlt(1, 0, 0.1f), VectorFlt(1, 0, -0.1f)},
+      true);
+  tracer.intersect(sideways);
+  EXPECT_EQ(sideways.hitMask(), 15u);
+  EXPECT_NEAR(sideways.triIntersectionRayParam(0), 2.0f, 1e-2f);
+}
+
+TEST(QuadRayTracer, ThreadsTracingOneMeshGetTheSerialResults) {
+  std::mt19937 rng(61);
+  const IndexedMesh m(kxtest::makeLatLongSphere(40, 80));
+  std::vector<QuadRay> packets;
+  for (int i = 0; i < 2000; ++i) {
+    PointFlt o;
+    Directions d;
+    packets.push_back(randomPacket(m.box, i % 5 == 0, i % 2 == 0, rng, o, d));
+  }
+  std::vector<QuadRay> serial = packets;
+  QuadRayTracer serialTracer(m.octree, m.tris, &m.mesh);
+  for (QuadRay& p : serial) serialTracer.intersect(p);
+  constexpr int kThreads = 4;
+  std::vector<std::vector<QuadRay>> results(kThreads, packets);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&m, &results, t] {
+      QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+      for (QuadRay& p : results[std::size_t(t)]) tracer.intersect(p);
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  for (const auto& result : results) {
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+      ASSERT_EQ(result[i].hitMask(), serial[i].hitMask());
+      for (int k = 0; k < 4; ++k)
+        ASSERT_EQ(result[i].triIntersectionRayParam(k), serial[i].triIntersectionRayParam(k));
+    }
+  }
+}
+
+}  // namespace

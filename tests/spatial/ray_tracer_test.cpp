@@ -1,0 +1,187 @@
+// Single-ray tracing checked against a brute-force double-precision loop over
+// every triangle (signed volumes, with margins at the decision boundaries),
+// and against the geometry of a sphere for first hits.
+#include <kxgeom/ray_tracer.h>
+
+#include <gtest/gtest.h>
+
+#include "spatial/ray_oracle.h"
+#include "support/test_meshes.h"
+
+#include <cmath>
+#include <functional>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kxGeom::BoundingBox;
+using kxGeom::CompactMesh;
+using kxGeom::RayTracer;
+using kxLinear::Point;
+using kxLinear::PointFlt;
+using kxLinear::Vector;
+using kxtest::IndexedMesh;
+
+// The smallest t that RayTracer accepts.
+const double kMinT = kxLinear::epsilonTol;
+
+// Restores the process-wide cull distance of the ray-triangle test.
+struct CullDistanceGuard {
+  ~CullDistanceGuard() { kxGeom::setBackfaceCullDistance(1e-6); }
+};
+
+struct TracedRay {
+  PointFlt origin;
+  Vector direction;
+};
+
+TracedRay randomRay(const BoundingBox& box, bool inside, std::mt19937& rng) {
+  const PointFlt o = kxtest::randomOrigin(box, inside, rng);
+  return {o, Vector(kxtest::randomPointInBox(box, 1.25f, rng) - o)};
+}
+
+TEST(RayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
+  std::mt19937 rng(71);
+  for (const CompactMesh& model :
+       {kxtest::makeLatLongSphere(24, 48), kxtest::makeRandomMesh(300, 600, 73)}) {
+    const IndexedMesh m(model);
+    RayTracer tracer(m.octree, m.tris, &m.mesh);
+    int sureHits = 0, sameTriangle = 0, certain = 0;
+    for (int i = 0; i < 1200; ++i) {
+      const TracedRay r = randomRay(m.box, i % 4 == 0, rng);
+      const auto oracle = kxtest::bruteForceRay(m.mesh, Point(r.origin), r.direction, 1e-6, kMinT);
+      const bool hit = tracer.intersect(r.origin, r.direction);
+      const double t = tracer.intersectionDist() / r.direction.length();
+      ASSERT_TRUE(oracle.accepts(hit, t, 1e-6))
+          << "ray " << i << " t " << t << " oracle " << oracle.nearestSure;
+      EXPECT_EQ(hit, tracer.intersectionTriangle() >= 0);
+      if (!hit) {
+        EXPECT_EQ(tracer.intersectionDist(), kxGeom::Ray::kNoHit);
+      }
+      if (oracle.certain()) {
+        ++certain;
+        sameTriangle += tracer.intersectionTriangle() == oracle.nearestSureTriangle;
+      }
+      sureHits += oracle.surelyHit;
+    }
+    EXPECT_EQ(sameTriangle, certain);
+    EXPECT_GT(certain, 1200 * 95 / 100);
+    EXPECT_GT(sureHits, 1200 / 3);
+  }
+}
+
+TEST(RayTracer, FirstHitsAreRealHitsAndAgreeOnWhetherTheRayHits) {
+  std::mt19937 rng(79);
+  const IndexedMesh m(kxtest::makeLatLongSphere(32, 64));
+  RayTracer nearest(m.octree, m.tris, &m.mesh), first(m.octree, m.tris, &m.mesh);
+  first.setFindNearestHit(false);
+  int hits = 0;
+  for (int i = 0; i < 1000; ++i) {
+    const TracedRay r = randomRay(m.box, i % 3 == 0, rng);
+    const bool hitNearest = nearest.intersect(r.origin, r.direction);
+    ASSERT_EQ(first.intersect(r.origin, r.direction), hitNearest);
+    if (!hitNearest) continue;
+    ++hits;
+    ASSERT_GE(first.intersectionDist(), nearest.intersectionDist() * (1 - 1e-12));
+    // The reported triangle is hit at the reported distance, and the hit
+    // point lies on the unit sphere up to the facets' sag.
+    const double t = first.intersectionDist() / r.direction.length();
+    const kxGeom::MeshTriangle& tri = m.mesh.getTriangles()[first.intersectionTriangle()];
+    const kxGeom::MeshVertex* v = m.mesh.getVertices();
+    double tTriangle = 0;
+    const auto k = kxtest::classifyRayTriangle(Point(r.origin), r.direction, v[tri[0]].asPoint(),
+                                               v[tri[1]].asPoint(), v[tri[2]].asPoint(), 1e-6,
+                                               tTriangle, kMinT);
+    ASSERT_NE(k, kxtest::RayTriClass::Miss);
+    ASSERT_NEAR(t, tTriangle, 1e-6 * (1 + t));
+    ASSERT_NEAR((Point(r.origin) + r.direction * t).length(), 1.0, 3e-3);
+  }
+  EXPECT_GT(hits, 500);
+}
+
+TEST(RayTracer, MissesResetTheHitRecord) {
+  const IndexedMesh m(kxtest::makeLatLongSphere(16, 32));
+  RayTracer tracer(m.octree, m.tris, &m.mesh);
+  ASSERT_TRUE(tracer.intersect(PointFlt(0.01f, 0.02f, -3), Vector(0, 0, 2)));
+  EXPECT_NEAR(tracer.intersectionDist(), 2.0, 5e-3);  // distance, not the parameter 1
+  EXPECT_GE(tracer.intersectionTriangle(), 0);
+  EXPECT_FALSE(tracer.intersect(PointFlt(0.01f, 0.02f, -3), Vector(0, 0, -1)));
+  EXPECT_EQ(tracer.intersectionTriangle(), -1);
+  EXPECT_EQ(tracer.intersectionDist(), kxGeom::Ray::kNoHit);
+  EXPECT_FALSE(tracer.intersect(PointFlt(0, 3, -3), Vector(0, 0, 1)));  // passes beside
+}
+
+TEST(RayTracer, FacesBehindTheOriginAndEdgeOnFacesAreNeverHit) {
+  CullDistanceGuard guard;
+  kxGeom::setBackfaceCullDistance(-100);  // back faces behind the origin would count
+  // Nine vertices: the octree is a single leaf, so every ray below tests
+  // every triangle of the grid (z = 0, facing +z).
+  const IndexedMesh m(kxtest::makeGrid(2, 2));
+  ASSERT_EQ(m.octree.numLeaves, 1);
+  RayTracer tracer(m.octree, m.tris, &m.mesh);
+  EXPECT_FALSE(tracer.intersect(PointFlt(0.5f, 0.75f, -0.5f), Vector(0, 0.1, -1)));  // front face
+  EXPECT_FALSE(tracer.intersect(PointFlt(0.5f, 0.75f, 0.5f), Vector(0.1, 0, 1)));    // back face
+  EXPECT_FALSE(tracer.intersect(PointFlt(-0.5f, 0.75f, 0), Vector(1, 0.2, 0)));      // edge-on
+  ASSERT_TRUE(tracer.intersect(PointFlt(0.5f, 0.75f, 0.5f), Vector(0, 0, -1)));
+  EXPECT_NEAR(tracer.intersectionDist(), 0.5, 1e-7);
+}
+
+TEST(RayTracer, BackFacesFromInsideASphereObeyTheCullDistance) {
+  CullDistanceGuard guard;
+  std::mt19937 rng(83);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
+  RayTracer tracer(m.octree, m.tris, &m.mesh);
+  const PointFlt o(-0.15f, 0.1f, 0.2f);
+  // Unit directions: every hit is a back face at t in about [0.7, 1.3].
+  for (const double cull : {0.5, 1.0, 1.5}) {
+    kxGeom::setBackfaceCullDistance(cull);
+    int hits = 0;
+    for (int i = 0; i < 400; ++i) {
+      const Vector d = kxLinear::normalized(Vector(unit(rng), unit(rng), unit(rng)));
+      const bool hit = tracer.intersect(o, d);
+      const auto oracle = kxtest::bruteForceRay(m.mesh, Point(o), d, cull, kMinT);
+      ASSERT_TRUE(oracle.accepts(hit, tracer.intersectionDist(), 1e-6));
+      hits += hit;
+    }
+    if (cull < 0.6) {
+      EXPECT_EQ(hits, 400);
+    } else if (cull > 1.4) {
+      EXPECT_EQ(hits, 0);
+    }
+  }
+}
+
+TEST(RayTracer, ThreadsTracingOneMeshGetTheSerialResults) {
+  std::mt19937 rng(89);
+  const IndexedMesh m(kxtest::makeRandomMesh(2000, 4000, 97));
+  std::vector<TracedRay> rays;
+  for (int i = 0; i < 3000; ++i) rays.push_back(randomRay(m.box, i % 4 == 0, rng));
+  auto traceAll = [&m, &rays](std::vector<double>& distances, std::vector<int>& triangles) {
+    RayTracer tracer(m.octree, m.tris, &m.mesh);
+    for (const TracedRay& r : rays) {
+      tracer.intersect(r.origin, r.direction);
+      distances.push_back(tracer.intersectionDist());
+      triangles.push_back(tracer.intersectionTriangle());
+    }
+  };
+  std::vector<double> serialDistances;
+  std::vector<int> serialTriangles;
+  traceAll(serialDistances, serialTriangles);
+  constexpr int kThreads = 4;
+  std::vector<std::vector<double>> distances(kThreads);
+  std::vector<std::vector<int>> triangles(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back(traceAll, std::ref(distances[std::size_t(t)]),
+                         std::ref(triangles[std::size_t(t)]));
+  for (std::thread& th : threads) th.join();
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(distances[std::size_t(t)], serialDistances);
+    EXPECT_EQ(triangles[std::size_t(t)], serialTriangles);
+  }
+}
+
+}  // namespace
