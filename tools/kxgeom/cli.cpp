@@ -37,16 +37,6 @@ void drawBar(double fraction, const char* caption) {
   std::fflush(stderr);
 }
 
-// The index of the first triangle with a corner outside [0, n), or -1.
-int firstBadTriangle(const kxGeom::CompactMesh& mesh) {
-  const int n = mesh.getNumVertices();
-  const int* t = mesh.getTrianglesRaw();
-  for (int i = 0; i < 3 * mesh.getNumTriangles(); ++i) {
-    if (t[i] < 0 || t[i] >= n) return i / 3;
-  }
-  return -1;
-}
-
 }  // namespace
 
 Args::Args(int argc, char** argv, const std::vector<std::string>& valued,
@@ -133,16 +123,22 @@ kxGeom::CompactMesh readMesh(const std::string& path) {
   }
   kxGeom::CompactMesh mesh;
   std::string detail;
-  kxGeom::debugChannel().setSink([&](const char* line) { detail = line; });
-  const bool ok = isObj(path) ? kxGeom::meshReadObj(mesh, path) : kxGeom::meshRead(mesh, path);
-  kxGeom::debugChannel().setSink(nullptr);
+  const kxOS::DebugChannel::Sink previous = kxGeom::debugChannel().getSink();
+  kxGeom::debugChannel().setSink([&](const char* line) {
+    detail = line;
+    if (previous) previous(line);
+  });
+  bool ok;
+  if (isObj(path)) {
+    ok = kxGeom::meshReadObj(mesh, path);
+  } else {
+    kxGeom::meshRead(mesh, path);  // reports a bad file only on the debug channel
+    ok = detail.empty();
+  }
+  kxGeom::debugChannel().setSink(previous);
   if (!ok) {
     while (!detail.empty() && detail.back() == '\n') detail.pop_back();
     throw Failure(path + ": not a readable mesh" + (detail.empty() ? "" : " (" + detail + ")"));
-  }
-  const int bad = firstBadTriangle(mesh);
-  if (bad >= 0) {
-    throw Failure(path + ": triangle " + std::to_string(bad) + " refers to a vertex that does not exist");
   }
   return mesh;
 }
@@ -160,7 +156,10 @@ void writeMesh(const kxGeom::CompactMesh& mesh, const std::string& path) {
   writeAtomically(path, [&](const std::string& tmp) {
     errno = 0;
     if (isObj(path)) return kxGeom::meshWriteObj(mesh, tmp);
-    return kxGeom::meshWrite(mesh, tmp);
+    kxGeom::meshWrite(mesh, tmp);  // reports nothing: check that the file appeared
+    FILE* written = std::fopen(tmp.c_str(), "rb");
+    if (written) std::fclose(written);
+    return written != nullptr;
   });
 }
 

@@ -148,8 +148,7 @@ int runNormals(int argc, char** argv) {
 }
 
 int runClosest(int argc, char** argv) {
-  Args* args;
-  if (!parse(argc, argv,
+  const auto args = parse(argc, argv,
              "usage: kxgeom closest MESH POINTS\n       kxgeom closest MESH --random N [--seed S]\n"
              "For each point ('x y z' per line; '#' starts a comment), prints the closest point "
              "on the mesh surface, its triangle and the distance.",

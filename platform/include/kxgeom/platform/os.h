@@ -23,6 +23,9 @@ class KXGEOM_API DebugChannel {
   void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
   /// Installs a sink; an empty function restores the default.
   void setSink(Sink sink);
+  /// The installed sink (empty for the default), so a caller that captures
+  /// output for a while can put the previous one back.
+  const Sink& getSink() const { return sink_; }
 
  private:
   Sink sink_;
