@@ -49,10 +49,10 @@ class KXGEOM_API OctreeClosestIt {
   /// Advances to the next leaf in distance order; does nothing when
   /// exhausted. Cost O(log heap) per cell expanded.
   void next();
-  /// Drops every cell met from now on whose squared distance is >= limit2
-  /// (it is neither expanded nor returned), so a caller that stops at a known
-  /// distance keeps the heap small. `reset` clears the limit. Requires a
-  /// prior `reset`. Cost O(1).
+  /// From the next `next()` on, no cell whose squared distance is >= limit2
+  /// is expanded or returned (the current leaf stays current), so a caller
+  /// that stops at a known distance keeps the heap small. `reset` clears the
+  /// limit. Requires a prior `reset`. Cost O(1).
   void setLimit(double limit2);
 
  private:

@@ -274,6 +274,8 @@ class OctreeClosestItImpl {
         heap_.push_back({d2, handle});
         std::push_heap(heap_.begin(), heap_.end(), fartherThan);
       }
+      // The nearest remaining cell at or beyond the limit: all are.
+      if (!heap_.empty() && !(heap_.front().distance2 < limit_)) heap_.clear();
       if (!heap_.empty() && heap_.front().cell.isLeaf()) return;
     }
   }
