@@ -76,7 +76,7 @@ void triangleClosestWeights(const kxLinear::Point& p, const kxLinear::Point tri[
 }
 
 // Squared distance from p to the closest point of triangle t, written to
-// `coord`; false (coord untouched) when the triangle has no closest point.
+// `coord`; false when the triangle has no closest point.
 bool triangleClosest(const CompactMesh& mesh, int t, const kxLinear::Point& p, MeshCoord& coord,
                      double& distance2) {
   coord = meshTriClosestPt(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), t, p);
