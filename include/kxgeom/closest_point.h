@@ -49,27 +49,23 @@ class KXGEOM_API OctreeClosestIt {
   /// Advances to the next leaf in distance order; does nothing when
   /// exhausted. Cost O(log heap) per cell expanded.
   void next();
-  /// Drops every cell met from now on whose squared distance is >= limit2
-  /// (it is neither expanded nor returned), so a caller that stops at a known
-  /// distance keeps the heap small. `reset` clears the limit. Requires a
-  /// prior `reset`. Cost O(1).
+  /// From the next `next()` on, no cell whose squared distance is >= limit2
+  /// is expanded or returned (the current leaf stays current), so a caller
+  /// that stops at a known distance keeps the heap small. `reset` clears the
+  /// limit. Requires a prior `reset`. Cost O(1).
   void setLimit(double limit2);
-  /// Orders cells by the distance to bounds[i] for node i of the octree (in
-  /// its node order, see `OctreeIterator::getNode`) instead of the cell's own
-  /// box, computed in double precision; null restores the cell boxes. Kept
-  /// across `reset`. With boxes that bound what the caller examines in each
-  /// subtree (invalid for nothing), the walk skips empty space and empty
-  /// subtrees. [in] bounds (not owned; outlives the searches). Cost O(1).
-  void setNodeBounds(const BoundingBox* bounds);
 
  private:
+  friend class ClosestPointContext;  // orders its walk by bounds of the listed triangles
   OctreeClosestItImpl* impl_;
 };
 
 /// Nearest point of a mesh to a query point, searched over an octree whose
 /// leaves carry triangle lists (`computeOctreeTris`). Exact: leaves are
-/// visited best first, ordered by the box of the triangles listed below each
-/// cell, until that box is no nearer than the best triangle found.
+/// visited best first, ordered by a lower bound of the distance to the
+/// triangles listed below each cell (the larger of the distances to their
+/// box and, for small patches, to the slab between two parallel planes that
+/// holds them), until that bound is no nearer than the best triangle found.
 ///
 /// Built once per mesh and octree, it reuses its search context (a stamp per
 /// triangle and the iterator's heap) across queries. The mesh, octree and
@@ -79,8 +75,8 @@ class KXGEOM_API MeshClosestPoint {
  public:
   /// [in] mesh    the mesh.  [in] octree  the octree.
   /// [in] tris    the triangle lists of `mesh` over `octree`.
-  /// Cost O(triangles + listed pairs + nodes): the stamp array and, per
-  /// octree node, the box of the triangles listed below it.
+  /// Cost O(triangles + nodes + listed pairs x a few levels): the stamp array
+  /// and, per octree node, the bound of the triangles listed below it.
   MeshClosestPoint(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris);
   MeshClosestPoint(const MeshClosestPoint&) = delete;
   MeshClosestPoint& operator=(const MeshClosestPoint&) = delete;

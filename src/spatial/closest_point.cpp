@@ -76,7 +76,7 @@ void triangleClosestWeights(const kxLinear::Point& p, const kxLinear::Point tri[
 }
 
 // Squared distance from p to the closest point of triangle t, written to
-// `coord`; false (coord untouched) when the triangle has no closest point.
+// `coord`; false when the triangle has no closest point.
 bool triangleClosest(const CompactMesh& mesh, int t, const kxLinear::Point& p, MeshCoord& coord,
                      double& distance2) {
   coord = meshTriClosestPt(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), t, p);
@@ -126,37 +126,122 @@ double triangleBoxDistance2(const float* vertices, const int* tri, const kxLinea
 // (with a margin far above the rounding of the bound).
 bool beyond(double bound2, double best) { return bound2 > best * (1 + 1e-12); }
 
-// Fills boxes[i] with the box of the triangles listed in the leaves below
-// node i (invalid for a subtree without triangles).
-void fillContentBoxes(const CompactMesh& mesh, const OctreeTris& tris, const OctreeNode* root,
-                      const OctreeIterator& cell, kx::vector<BoundingBox>& boxes) {
-  BoundingBox& box = boxes[cell.getNode() - root];
-  box.setInvalid();
-  if (cell.isLeaf()) {
-    const MeshVertex* vertices = mesh.getVertices();
-    const MeshTriangle* triangles = mesh.getTriangles();
-    const int* list = tris.firstTri(cell.getVoxel());
-    for (int i = 0, n = tris.numTris(cell.getVoxel()); i < n; ++i) {
-      for (int k = 0; k < 3; ++k) box.extend(vertices[triangles[list[i]][k]].asPointFlt());
+// The slab between two parallel planes that holds a set of triangles: for a
+// small patch of surface it is much thinner than the patch's box, so its
+// distance prunes cells that lie just behind the nearest surface.
+struct Slab {
+  kxLinear::Vector normal;  // unit (zero for no constraint)
+  double lo = -std::numeric_limits<double>::infinity();
+  double hi = std::numeric_limits<double>::infinity();
+
+  // Squared distance from p to the slab: 0 for no constraint, infinite for
+  // an empty set.
+  double distance2(const kxLinear::Point& p) const {
+    if (hi < lo) return std::numeric_limits<double>::infinity();
+    const double s = kxLinear::dot(normal, p - kxLinear::Point());
+    const double gap = std::max(s - hi, lo - s);
+    return gap > 0 ? gap * gap : 0;
+  }
+};
+
+// The slab of triangles `list[0, n)` across their summed normals.
+Slab triangleSlab(const CompactMesh& mesh, const int* list, std::size_t n) {
+  const MeshVertex* vertices = mesh.getVertices();
+  const MeshTriangle* triangles = mesh.getTriangles();
+  kxLinear::Vector sum;
+  for (std::size_t i = 0; i < n; ++i) {
+    const MeshTriangle& t = triangles[list[i]];
+    const kxLinear::Point a = vertices[t[0]].asPoint();
+    sum += kxLinear::cross(vertices[t[1]].asPoint() - a, vertices[t[2]].asPoint() - a);
+  }
+  Slab slab;
+  slab.normal = sum.length2() > 0 && std::isfinite(sum.length2()) ? kxLinear::normalized(sum)
+                                                                  : kxLinear::zAxis;
+  std::swap(slab.lo, slab.hi);
+  for (std::size_t i = 0; i < n; ++i) {
+    for (int k = 0; k < 3; ++k) {
+      const double s =
+          kxLinear::dot(slab.normal, vertices[triangles[list[i]][k]].asPoint() - kxLinear::Point());
+      slab.lo = std::min(slab.lo, s);
+      slab.hi = std::max(slab.hi, s);
     }
-    return;
   }
-  for (int k = 0; k < 8; ++k) {
-    OctreeIterator child = cell;
-    child.descend(k);
-    fillContentBoxes(mesh, tris, root, child, boxes);
-    box.extend(boxes[child.getNode() - root]);
-  }
+  // Widened by far more than the rounding of the dot products, so the bound
+  // stays below every triangle point's distance.
+  const double margin = 1e-12 * (std::fabs(slab.lo) + std::fabs(slab.hi));
+  slab.lo -= margin;
+  slab.hi += margin;
+  return slab;
 }
 
-kx::vector<BoundingBox> contentBoxes(const CompactMesh& mesh, const Octree& octree,
-                                     const OctreeTris& tris) {
-  kx::vector<BoundingBox> boxes(std::size_t(octree.getNumNodes()));
+// A lower bound of the distance to the triangles listed below an octree
+// node: the larger of the distances to their box and to their slab.
+struct NodeBound {
+  BoundingBox box;
+  Slab slab;
+
+  double distance2(const kxLinear::Point& p) const {
+    return std::max(boxDistance2(box.data(), p), slab.distance2(p));
+  }
+};
+
+// Slabs are computed for subtrees listing at most this many triangles:
+// small patches, where they are thin, at a bounded cost per pair.
+constexpr std::size_t kSlabTriangles = 1024;
+
+// Fills the bounds of the subtree at `cell` and appends its listed triangles
+// to `below` (with repeats) while they are few enough for a slab.
+class BoundBuilder {
+ public:
+  BoundBuilder(const CompactMesh& mesh, const OctreeTris& tris, const OctreeNode* root,
+               kx::vector<NodeBound>& bounds)
+      : mesh_(mesh), tris_(tris), root_(root), bounds_(bounds) {}
+
+  // Returns true when every triangle below `cell` was appended.
+  bool fill(const OctreeIterator& cell, kx::vector<int>& below) {
+    NodeBound& bound = bounds_[cell.getNode() - root_];
+    const std::size_t first = below.size();
+    bound.box.setInvalid();
+    bool complete = true;
+    if (cell.isLeaf()) {
+      const int* list = tris_.firstTri(cell.getVoxel());
+      below.insert(below.end(), list, list + tris_.numTris(cell.getVoxel()));
+      for (std::size_t i = first; i < below.size(); ++i) {
+        for (int k = 0; k < 3; ++k) {
+          bound.box.extend(mesh_.getVertices()[mesh_.getTriangles()[below[i]][k]].asPointFlt());
+        }
+      }
+    } else {
+      for (int k = 0; k < 8; ++k) {
+        OctreeIterator child = cell;
+        child.descend(k);
+        complete = fill(child, below) && complete;
+        bound.box.extend(bounds_[child.getNode() - root_].box);
+      }
+    }
+    const std::size_t n = below.size() - first;
+    complete = complete && n <= kSlabTriangles;
+    bound.slab = complete ? triangleSlab(mesh_, below.data() + first, n) : Slab();
+    if (!complete) below.resize(first);
+    return complete;
+  }
+
+ private:
+  const CompactMesh& mesh_;
+  const OctreeTris& tris_;
+  const OctreeNode* root_;
+  kx::vector<NodeBound>& bounds_;
+};
+
+kx::vector<NodeBound> nodeBounds(const CompactMesh& mesh, const Octree& octree,
+                                 const OctreeTris& tris) {
+  kx::vector<NodeBound> bounds(std::size_t(octree.getNumNodes()));
   const OctreeIterator root = octree.getRoot();
   if (root.getNode() && tris.numVoxels() == octree.numLeaves) {
-    fillContentBoxes(mesh, tris, root.getNode(), root, boxes);
+    kx::vector<int> below;
+    BoundBuilder(mesh, tris, root.getNode(), bounds).fill(root, below);
   }
-  return boxes;
+  return bounds;
 }
 
 }  // namespace
@@ -189,6 +274,8 @@ class OctreeClosestItImpl {
         heap_.push_back({d2, handle});
         std::push_heap(heap_.begin(), heap_.end(), fartherThan);
       }
+      // The nearest remaining cell at or beyond the limit: all are.
+      if (!heap_.empty() && !(heap_.front().distance2 < limit_)) heap_.clear();
       if (!heap_.empty() && heap_.front().cell.isLeaf()) return;
     }
   }
@@ -196,12 +283,12 @@ class OctreeClosestItImpl {
   bool valid() const { return !heap_.empty(); }
   const HeapEntry& top() const { return heap_.front(); }
   void setLimit(double limit2) { limit_ = limit2; }
-  void setNodeBounds(const BoundingBox* bounds) { bounds_ = bounds; }
+  void setNodeBounds(const NodeBound* bounds) { bounds_ = bounds; }
 
  private:
   // The cell's key: its box distance, or its bound's when bounds are given.
   double distance2(const OctreeIterator& cell) const {
-    if (bounds_) return boxDistance2(bounds_[cell.getNode() - root_.getNode()].data(), point_);
+    if (bounds_) return bounds_[cell.getNode() - root_.getNode()].distance2(point_);
     return cell.getBox().distance2(pointFlt_);
   }
 
@@ -209,7 +296,7 @@ class OctreeClosestItImpl {
   kxLinear::Point point_;
   kxLinear::PointFlt pointFlt_;
   double limit_ = 0;
-  const BoundingBox* bounds_ = nullptr;
+  const NodeBound* bounds_ = nullptr;
   kx::vector<HeapEntry> heap_;
 };
 
@@ -232,17 +319,13 @@ double OctreeClosestIt::getDistance2() const { return impl_->top().distance2; }
 void OctreeClosestIt::next() { impl_->next(); }
 void OctreeClosestIt::setLimit(double limit2) { impl_->setLimit(limit2); }
 
-void OctreeClosestIt::setNodeBounds(const BoundingBox* bounds) {
-  if (!impl_) impl_ = new OctreeClosestItImpl;
-  impl_->setNodeBounds(bounds);
-}
-
 class ClosestPointContext {
  public:
   ClosestPointContext(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
       : stamps_(std::size_t(std::max(0, mesh.getNumTriangles())), 0),
-        nodeBoxes_(contentBoxes(mesh, octree, tris)) {
-    iterator_.setNodeBounds(nodeBoxes_.data());
+        bounds_(nodeBounds(mesh, octree, tris)) {
+    iterator_.impl_ = new OctreeClosestItImpl;
+    iterator_.impl_->setNodeBounds(bounds_.data());
   }
   virtual ~ClosestPointContext() = default;
 
@@ -264,7 +347,7 @@ class ClosestPointContext {
  private:
   std::uint32_t stamp_ = 1;
   kx::vector<std::uint32_t> stamps_;
-  kx::vector<BoundingBox> nodeBoxes_;
+  kx::vector<NodeBound> bounds_;
   OctreeClosestIt iterator_;
 };
 

@@ -142,6 +142,10 @@ bool isFinite(const float* p) {
   return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]);
 }
 
+bool holds(const BoundingBox& cell, const float* p) {
+  return contains(cell, kxLinear::PointFlt(p[0], p[1], p[2]));
+}
+
 // Triangles as partition elements. `box` is false for an element with a
 // non-finite corner, which has no place in any leaf.
 struct TriangleElements {
@@ -158,8 +162,12 @@ struct TriangleElements {
     meshTriBoundingBox(a, b, c, box);
     return true;
   }
+  // A cell holding a corner overlaps the triangle, which the exact test
+  // would confirm at several times the cost; most leaves a small triangle
+  // reaches hold one of its corners.
   bool overlaps(const BoundingBox& cell, int element) const {
-    return intersects(cell, corner(element, 0), corner(element, 1), corner(element, 2));
+    const float *a = corner(element, 0), *b = corner(element, 1), *c = corner(element, 2);
+    return holds(cell, a) || holds(cell, b) || holds(cell, c) || intersects(cell, a, b, c);
   }
 };
 

@@ -335,6 +335,15 @@ TEST(ClosestIterator, LeavesInNonDecreasingDistanceCoveringAll) {
       last = it.getDistance2();
     }
     ASSERT_EQ(count, octree.numLeaves);
+    // With a limit, exactly the leaves nearer than it come out.
+    const double limit = 0.05;
+    int nearer = 0;
+    for (it.reset(octree, p); it.valid(); it.next()) nearer += it.getDistance2() < limit;
+    it.reset(octree, p);
+    int limited = it.getDistance2() < limit;
+    it.setLimit(limit);
+    for (it.next(); it.valid(); it.next(), ++limited) ASSERT_LT(it.getDistance2(), limit);
+    ASSERT_EQ(limited, nearer);
   }
   const Octree empty;
   kxGeom::OctreeClosestIt none(empty, Point());

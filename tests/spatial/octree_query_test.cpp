@@ -6,6 +6,7 @@
 #include <limits>
 #include <random>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -184,17 +185,18 @@ TEST(OctreeQuery, ThreadsWalkOneOctreeAtOnce) {
 namespace {
 
 // Checks a partition against the exact test over all leaves: every listed
-// pair overlaps; every overlapping pair (that touches the element's box) is listed unless the
-// element took the coherence shortcut (listed once, in a leaf holding its whole box).
-template <class Lists, class Count, class First, class Overlap, class ElementBox>
-void expectPartition(const Fixture& f, const Lists& lists, int numElements, Count count,
-                     First first, Overlap overlap, ElementBox elementBox) {
+// pair overlaps; every overlapping pair (that touches the element's box) is
+// listed unless the element took the coherence shortcut (listed once, in a
+// leaf holding its whole box).
+template <class Overlap, class ElementBox>
+void expectPartition(const Fixture& f, const kxGeom::OctreeLists& lists, int numElements,
+                     Overlap overlap, ElementBox elementBox) {
   ASSERT_EQ(lists.numVoxels(), f.octree.numLeaves);
   std::vector<std::set<int>> listed(numElements);
   for (const OctreeIterator& leaf : f.leaves) {
     const int v = leaf.getVoxel();
-    const int* members = first(lists, v);
-    for (int i = 0; i < count(lists, v); ++i) {
+    const int* members = lists.getData().getSet(v);
+    for (int i = 0; i < lists.getData().getSetSize(v); ++i) {
       if (i > 0) {
         EXPECT_LT(members[i - 1], members[i]);
       }
@@ -221,12 +223,23 @@ void expectPartition(const Fixture& f, const Lists& lists, int numElements, Coun
   EXPECT_LT(shortcuts, numElements / 4 + 1);
 }
 
-void parseLog(const std::string& line, const char* format, int& n, int& v, double& ratio) {
-  double seconds, coherence, rate;
-  ASSERT_EQ(std::sscanf(line.c_str(), format, &n, &v, &seconds, &coherence, &ratio, &rate), 6)
+// Checks the partition's log line: element and voxel counts, and the
+// average number of voxels per element against the lists.
+void expectLogLine(const kxtest::LogCapture& log, const char* format, int numElements,
+                   int numVoxels, const kxGeom::OctreeLists& lists) {
+  ASSERT_EQ(log.lines().size(), 1u);
+  const std::string& line = log.lines()[0];
+  int n, v;
+  double seconds, coherence, perElement, rate;
+  ASSERT_EQ(std::sscanf(line.c_str(), format, &n, &v, &seconds, &coherence, &perElement, &rate), 6)
       << line;
+  EXPECT_EQ(n, numElements);
+  EXPECT_EQ(v, numVoxels);
   EXPECT_GE(coherence, 0.0);
   EXPECT_LE(coherence, 1.0);
+  EXPECT_NEAR(perElement, double(lists.getData().getNumMembers()) / n, 0.0051);
+  // The second line starts with 13 spaces and the parenthesis.
+  EXPECT_EQ(line.compare(line.find('\n') + 1, 14, "             ("), 0);
 }
 
 }  // namespace
@@ -254,22 +267,11 @@ TEST(OctreePartition, TrianglesMatchExactOverlapForEveryThreadCount) {
       kxGeom::OctreeTris lists;
       kxtest::LogCapture log;
       kxGeom::computeOctreeTris(mesh, f.octree, lists);
-      expectPartition(
-          f, lists, mesh.getNumTriangles(),
-          [](const kxGeom::OctreeTris& l, int v) { return l.numTris(v); },
-          [](const kxGeom::OctreeTris& l, int v) { return l.firstTri(v); }, overlap, triBox);
-      ASSERT_EQ(log.lines().size(), 1u);
-      int n, v;
-      double perTri;
-      parseLog(log.lines()[0],
-               "OctreeTris:  Partitioned %d triangles into %d voxels in %lf seconds.\n"
-               "             (%lf coherence, %lf voxels/tri, %lf tri/sec)\n",
-               n, v, perTri);
-      EXPECT_EQ(n, mesh.getNumTriangles());
-      EXPECT_EQ(v, f.octree.numLeaves);
-      EXPECT_NEAR(perTri, double(lists.getData().getNumMembers()) / n, 0.0051);
-      EXPECT_EQ(log.lines()[0].rfind("             (", log.lines()[0].find('\n') + 1),
-                log.lines()[0].find('\n') + 1);
+      expectPartition(f, lists, mesh.getNumTriangles(), overlap, triBox);
+      expectLogLine(log,
+                    "OctreeTris:  Partitioned %d triangles into %d voxels in %lf seconds.\n"
+                    "             (%lf coherence, %lf voxels/tri, %lf tri/sec)\n",
+                    mesh.getNumTriangles(), f.octree.numLeaves, lists);
     }
     kxUtil::ThreadPool::setNumThreads(0);
   }
@@ -295,18 +297,12 @@ TEST(OctreePartition, LinesMatchExactOverlap) {
   kxGeom::OctreeLines lists;
   kxtest::LogCapture log;
   kxGeom::meshOctreeLines(mesh, f.octree, lists);
-  expectPartition(
-      f, lists, 400, [](const kxGeom::OctreeLines& l, int v) { return l.numLines(v); },
-      [](const kxGeom::OctreeLines& l, int v) { return l.firstLine(v); }, overlap, lineBox);
-  ASSERT_EQ(log.lines().size(), 1u);
-  int n, v;
-  double duplication;
-  parseLog(log.lines()[0],
-           "OctreeLines:  Partitioned %d lines into %d voxels in %lf seconds.\n"
-           "             (%lf coherence, %lf duplication, %lf tri/sec)\n",
-           n, v, duplication);
-  EXPECT_EQ(n, 400);
-  EXPECT_NEAR(duplication, lists.getData().getNumMembers() / 400.0, 0.0051);
+  expectPartition(f, lists, 400, overlap, lineBox);
+  expectLogLine(log,
+                "OctreeLines:  Partitioned %d lines into %d voxels in %lf seconds.\n"
+                "             (%lf coherence, %lf duplication, %lf tri/sec)\n",
+                400, f.octree.numLeaves, lists);
+  EXPECT_EQ(lists.numLines(0), lists.getData().getSetSize(0));
 }
 
 TEST(OctreePartition, EmptyInputs) {

@@ -176,43 +176,47 @@ class KXGEOM_API OctreeLeafIterator {
   kx::vector<OctreeIterator> stack_;
 };
 
-/// Per-voxel lists of triangle indices: set v holds the triangles of voxel v.
-/// Read-only after construction; safe to read from many threads.
-class KXGEOM_API OctreeTris : public kx::ReferenceCount {
+/// Per-voxel lists of element indices: set v holds the elements of voxel v.
+/// The common part of `OctreeTris` and `OctreeLines`. Read-only after
+/// construction; safe to read from many threads.
+class KXGEOM_API OctreeLists : public kx::ReferenceCount {
  public:
-  OctreeTris() = default;
-  /// Takes over `sets` (leaving it empty).
-  explicit OctreeTris(ArrayOfSets& sets) { sets_.swap(sets); }
-  ~OctreeTris() override = default;
-
-  void swap(OctreeTris& o) noexcept { sets_.swap(o.sets_); }
   int numVoxels() const { return sets_.getNumSets(); }
-  int numTris(int voxel) const { return sets_.getSetSize(voxel); }
-  /// numTris(voxel) contiguous triangle indices.
-  const int* firstTri(int voxel) const { return sets_.getSet(voxel); }
   const ArrayOfSets& getData() const { return sets_; }
 
- private:
+ protected:
+  OctreeLists() = default;
+  /// Takes over `sets` (leaving it empty).
+  explicit OctreeLists(ArrayOfSets& sets) { sets_.swap(sets); }
+  ~OctreeLists() override = default;
+
   ArrayOfSets sets_;
 };
 
-/// Per-voxel lists of line-element indices; as `OctreeTris`.
-class KXGEOM_API OctreeLines : public kx::ReferenceCount {
+/// Per-voxel lists of triangle indices.
+class KXGEOM_API OctreeTris : public OctreeLists {
+ public:
+  OctreeTris() = default;
+  /// Takes over `sets` (set v = triangles of voxel v), leaving it empty.
+  explicit OctreeTris(ArrayOfSets& sets) : OctreeLists(sets) {}
+
+  void swap(OctreeTris& o) noexcept { sets_.swap(o.sets_); }
+  int numTris(int voxel) const { return sets_.getSetSize(voxel); }
+  /// numTris(voxel) contiguous triangle indices.
+  const int* firstTri(int voxel) const { return sets_.getSet(voxel); }
+};
+
+/// Per-voxel lists of line-element indices.
+class KXGEOM_API OctreeLines : public OctreeLists {
  public:
   OctreeLines() = default;
-  /// Takes over `sets` (leaving it empty).
-  explicit OctreeLines(ArrayOfSets& sets) { sets_.swap(sets); }
-  ~OctreeLines() override = default;
+  /// Takes over `sets` (set v = lines of voxel v), leaving it empty.
+  explicit OctreeLines(ArrayOfSets& sets) : OctreeLists(sets) {}
 
   void swap(OctreeLines& o) noexcept { sets_.swap(o.sets_); }
-  int numVoxels() const { return sets_.getNumSets(); }
   int numLines(int voxel) const { return sets_.getSetSize(voxel); }
   /// numLines(voxel) contiguous line indices.
   const int* firstLine(int voxel) const { return sets_.getSet(voxel); }
-  const ArrayOfSets& getData() const { return sets_; }
-
- private:
-  ArrayOfSets sets_;
 };
 
 }  // namespace kxGeom
