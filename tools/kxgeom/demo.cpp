@@ -202,10 +202,13 @@ void demoSolver(const kxGeom::CompactMesh& mesh, Report& report) {
     kxGeom::NVector b(n), x0(n);
     b[0] = 1.0;  // heat injected at the north pole
     cg.initialize(b, x0);
-    kxGeom::ConjugateGradient::Status status = cg.iterate(kxLinear::epsilonTol, kxLinear::epsilonTol);
-    while (!status.isDone()) status = cg.iterate(kxLinear::epsilonTol, kxLinear::epsilonTol);
-    report.line("solver (%s): heat diffusion over %d vertices, status %d after %d iterations, "
-                "residual %.2g",
+    // Relative residual 1e-8; breakdown only on a truly vanishing step (the
+    // library's own callers use epsilonTol for both, which stops early here).
+    const double tolerance = 1e-8, breakdown = 1e-30;
+    kxGeom::ConjugateGradient::Status status = cg.iterate(tolerance, breakdown);
+    while (!status.isDone()) status = cg.iterate(tolerance, breakdown);
+    report.line("solver (%s): heat diffusion over %d vertices, status %d (1 = converged) after "
+                "%d iterations, residual %.2g",
                 pre == 0 ? "diagonal" : "incomplete Cholesky", n, int(status.code()), cg.getIteration(),
                 cg.getResidualInfinityNorm());
   }
