@@ -4,7 +4,7 @@
 // the platform types included.
 #pragma once
 
-#include <kxgeom/adjacency.h>
+// Platform: linear algebra, containers, services and the mesh model.
 #include <kxgeom/platform/arrayofsets.h>
 #include <kxgeom/platform/bitvector.h>
 #include <kxgeom/platform/boundingbox.h>
@@ -19,24 +19,29 @@
 #include <kxgeom/platform/remap.h>
 #include <kxgeom/platform/strings.h>
 #include <kxgeom/platform/threads.h>
+#include <kxgeom/platform/topomesh.h>
 
-#include <kxgeom/clip.h>
-#include <kxgeom/planar.h>
-#include <kxgeom/sampling.h>
+// Mesh services.
+#include <kxgeom/adjacency.h>
 #include <kxgeom/bounds.h>
-#include <kxgeom/closest_point.h>
+#include <kxgeom/mesh_io.h>
 #include <kxgeom/normals.h>
+#include <kxgeom/primitives.h>
+#include <kxgeom/weld.h>
+
+// Spatial queries.
+#include <kxgeom/closest_point.h>
 #include <kxgeom/octree_query.h>
 #include <kxgeom/predicates.h>
 #include <kxgeom/quad_ray.h>
 #include <kxgeom/query_shapes.h>
 #include <kxgeom/ray_query.h>
 #include <kxgeom/ray_tracer.h>
-#include <kxgeom/weld.h>
-#include <kxgeom/platform/topomesh.h>
-#include <kxgeom/mesh_io.h>
-#include <kxgeom/primitives.h>
+
+// Smoothing, numerics, clipping, planar tests and sampling.
+#include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
+#include <kxgeom/planar.h>
+#include <kxgeom/sampling.h>
 #include <kxgeom/smoothing.h>
 #include <kxgeom/sparse.h>
-
