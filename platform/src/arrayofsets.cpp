@@ -5,7 +5,8 @@
 namespace kxGeom {
 
 ArrayOfSets::ArrayOfSets(int numSets, int numMembers)
-    : offsets_(std::size_t(std::max(0, numSets)) + 1), members_(std::size_t(std::max(0, numMembers))) {
+    : offsets_(std::size_t(std::max(0, numSets)) + 1),
+      members_(std::size_t(std::max(0, numMembers))) {
   offsets_[0] = 0;
 }
 
@@ -27,7 +28,8 @@ void ArrayOfSets::assignInverse(int numSets, const ArrayOfSets& o) {
   kx::vector<int> members(o.members_.size());
   kx::vector<int> next(offsets.begin(), offsets.end() - 1);
   for (int s = 0; s < o.getNumSets(); ++s) {
-    for (const int* m = o.getSet(s); m != o.getSet(s) + o.getSetSize(s); ++m) members[next[*m]++] = s;
+    for (const int* m = o.getSet(s); m != o.getSet(s) + o.getSetSize(s); ++m)
+      members[next[*m]++] = s;
   }
   offsets_.swap(offsets);
   members_.swap(members);

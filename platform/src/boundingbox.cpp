@@ -107,9 +107,7 @@ float BoundingBox::distance2(const kxLinear::PointFlt& p) const {
 
 float BoundingBox::distance(const kxLinear::PointFlt& p) const { return std::sqrt(distance2(p)); }
 
-bool BoundingBox::operator==(const BoundingBox& o) const {
-  return std::equal(b_, b_ + 6, o.b_);
-}
+bool BoundingBox::operator==(const BoundingBox& o) const { return std::equal(b_, b_ + 6, o.b_); }
 
 bool equivalent(const BoundingBox& a, const BoundingBox& b, float tol) {
   for (int i = 0; i < 6; ++i) {

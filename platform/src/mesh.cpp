@@ -264,11 +264,10 @@ void PointMesh::remapVertexData(const MeshModification& mod, const Remap* map) {
   std::vector<kxString::CString> dropped;
   for (auto& a : attributes_) {
     if (a.get() == vertices_) continue;
-    const bool handled =
-        a.get() == normals_
-            ? mod.isMarked(M::NormalsModified) || mod.isMarked(M::NormalsValid)
-            : std::find(handledAttribs.begin(), handledAttribs.end(), a->getName()) !=
-                  handledAttribs.end();
+    const bool handled = a.get() == normals_
+                             ? mod.isMarked(M::NormalsModified) || mod.isMarked(M::NormalsValid)
+                             : std::find(handledAttribs.begin(), handledAttribs.end(),
+                                         a->getName()) != handledAttribs.end();
     if (renumbered && !handled && a->remapStorage(*map, n)) continue;
     if (a->getNumElements() != n) dropped.push_back(a->getName());
   }

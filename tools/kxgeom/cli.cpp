@@ -143,7 +143,8 @@ kxGeom::CompactMesh readMesh(const std::string& path) {
   return mesh;
 }
 
-void writeAtomically(const std::string& path, const std::function<bool(const std::string&)>& write) {
+void writeAtomically(const std::string& path,
+                     const std::function<bool(const std::string&)>& write) {
   const std::string tmp = path + ".part" + std::to_string(getpid());
   if (!write(tmp) || std::rename(tmp.c_str(), path.c_str()) != 0) {
     const int err = errno;

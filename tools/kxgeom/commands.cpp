@@ -91,10 +91,11 @@ void parseSize(const std::string& text, int& width, int& height) {
 }  // namespace
 
 int runInfo(int argc, char** argv) {
-  const auto args = parse(argc, argv, "usage: kxgeom info FILE\nPrints vertex, triangle and boundary-loop "
-                         "counts, the bounding box, whether normals and UVs are present, and the "
-                         "longest edge.",
-             {}, {});
+  const auto args = parse(argc, argv,
+                          "usage: kxgeom info FILE\nPrints vertex, triangle and boundary-loop "
+                          "counts, the bounding box, whether normals and UVs are present, and the "
+                          "longest edge.",
+                          {}, {});
   if (!args) return 0;
   args->expectPositional(1, "kxgeom info FILE");
   const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -103,9 +104,10 @@ int runInfo(int argc, char** argv) {
 }
 
 int runConvert(int argc, char** argv) {
-  const auto args = parse(argc, argv, "usage: kxgeom convert IN OUT\nConverts between OBJ (.obj) and the "
-                         "indexed text format (any other extension, e.g. .mesh).",
-             {}, {});
+  const auto args = parse(argc, argv,
+                          "usage: kxgeom convert IN OUT\nConverts between OBJ (.obj) and the "
+                          "indexed text format (any other extension, e.g. .mesh).",
+                          {}, {});
   if (!args) return 0;
   args->expectPositional(2, "kxgeom convert IN OUT");
   const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -116,9 +118,10 @@ int runConvert(int argc, char** argv) {
 }
 
 int runWeld(int argc, char** argv) {
-  const auto args = parse(argc, argv, "usage: kxgeom weld IN OUT\nMerges vertices with identical positions "
-                         "(and identical given normals and UVs).",
-             {}, {});
+  const auto args = parse(argc, argv,
+                          "usage: kxgeom weld IN OUT\nMerges vertices with identical positions "
+                          "(and identical given normals and UVs).",
+                          {}, {});
   if (!args) return 0;
   args->expectPositional(2, "kxgeom weld IN OUT");
   kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -134,9 +137,10 @@ int runWeld(int argc, char** argv) {
 }
 
 int runNormals(int argc, char** argv) {
-  const auto args = parse(argc, argv, "usage: kxgeom normals IN OUT\nComputes vertex normals (the mean of "
-                         "the adjacent triangles' unit normals) and writes them with the mesh.",
-             {}, {});
+  const auto args = parse(argc, argv,
+                          "usage: kxgeom normals IN OUT\nComputes vertex normals (the mean of "
+                          "the adjacent triangles' unit normals) and writes them with the mesh.",
+                          {}, {});
   if (!args) return 0;
   args->expectPositional(2, "kxgeom normals IN OUT");
   kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -148,11 +152,12 @@ int runNormals(int argc, char** argv) {
 }
 
 int runClosest(int argc, char** argv) {
-  const auto args = parse(argc, argv,
-             "usage: kxgeom closest MESH POINTS\n       kxgeom closest MESH --random N [--seed S]\n"
-             "For each point ('x y z' per line; '#' starts a comment), prints the closest point "
-             "on the mesh surface, its triangle and the distance.",
-             {"random", "seed"}, {});
+  const auto args =
+      parse(argc, argv,
+            "usage: kxgeom closest MESH POINTS\n       kxgeom closest MESH --random N [--seed S]\n"
+            "For each point ('x y z' per line; '#' starts a comment), prints the closest point "
+            "on the mesh surface, its triangle and the distance.",
+            {"random", "seed"}, {});
   if (!args) return 0;
   const bool random = args->has("random");
   args->expectPositional(random ? 1 : 2, "kxgeom closest MESH POINTS | --random N");
@@ -183,10 +188,11 @@ int runClosest(int argc, char** argv) {
 }
 
 int runRender(int argc, char** argv) {
-  const auto args = parse(argc, argv, "usage: kxgeom render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z]\n"
-                         "Traces a shaded image with four-wide ray packets; the camera frames the "
-                         "whole mesh and looks along --view (default -1,-0.8,-0.6).",
-             {"output", "size", "view"}, {});
+  const auto args = parse(argc, argv,
+                          "usage: kxgeom render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z]\n"
+                          "Traces a shaded image with four-wide ray packets; the camera frames the "
+                          "whole mesh and looks along --view (default -1,-0.8,-0.6).",
+                          {"output", "size", "view"}, {});
   if (!args) return 0;
   args->expectPositional(1, "kxgeom render MESH -o IMAGE.png");
   if (!args->has("output")) throw Failure("usage: kxgeom render MESH -o IMAGE.png");

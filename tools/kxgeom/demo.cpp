@@ -51,7 +51,8 @@ kxGeom::CompactMesh makeSample(double noise) {
   kxGeom::MeshVertex* v = mesh.getVertices();
   for (int i = 0; i < mesh.getNumVertices(); ++i) {
     const Point p = v[i].asPoint();
-    const double bump = 1.0 + 0.12 * std::sin(5.0 * p.x) * std::sin(4.0 * p.y) * std::cos(3.0 * p.z);
+    const double bump =
+        1.0 + 0.12 * std::sin(5.0 * p.x) * std::sin(4.0 * p.y) * std::cos(3.0 * p.z);
     const Point q = p * (bump + jitter(rng));
     v[i].set(float(q.x), float(q.y), float(q.z));
   }
@@ -79,8 +80,10 @@ kxGeom::CompactMesh explode(const kxGeom::CompactMesh& mesh) {
 double brutalClosestDistance(const kxGeom::CompactMesh& mesh, const Point& p) {
   double best = 1.7976931348623157e308;
   for (int t = 0; t < mesh.getNumTriangles(); ++t) {
-    const kxGeom::MeshCoord c = kxGeom::meshTriClosestPt(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), t, p);
-    if (c.isValid()) best = std::min(best, (c.evaluate(mesh.getVertices(), mesh.getTriangles()) - p).length2());
+    const kxGeom::MeshCoord c =
+        kxGeom::meshTriClosestPt(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), t, p);
+    if (c.isValid())
+      best = std::min(best, (c.evaluate(mesh.getVertices(), mesh.getTriangles()) - p).length2());
   }
   return std::sqrt(best);
 }
@@ -131,29 +134,33 @@ void demoQueries(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& repo
   std::vector<double> distances(queries);
   for (int i = 0; i < queries; ++i) distances[i] = closest.compute(points[i], nullptr);
   const double seconds = watch.stop();
-  for (int i = 0; i < 20; ++i) worst = std::max(worst, std::fabs(distances[i] - brutalClosestDistance(mesh, points[i])));
+  for (int i = 0; i < 20; ++i)
+    worst = std::max(worst, std::fabs(distances[i] - brutalClosestDistance(mesh, points[i])));
   for (double d : distances) sum += d;
-  report.line("closest point: %d queries, mean distance %.4f, %.0f queries/s; "
-              "largest difference from brute force on 20 points %.2g",
-              queries, sum / queries, queries / seconds, worst);
+  report.line(
+      "closest point: %d queries, mean distance %.4f, %.0f queries/s; "
+      "largest difference from brute force on 20 points %.2g",
+      queries, sum / queries, queries / seconds, worst);
 
   kxGeom::MeshPtInside inside(mesh, s.octree, s.tris, 1e-6);
   int in = 0;
   for (const Point& p : points) in += inside.evaluate(p) == kxGeom::MeshPtInside::Inside;
   const double boxVolume = 3.2 * 3.2 * 3.2;
-  report.line("containment: %.1f%% of the points are inside, a volume of about %.3f (a unit sphere: %.3f)",
-              100.0 * in / queries, boxVolume * in / queries, 4.0 / 3.0 * 3.14159265358979);
+  report.line(
+      "containment: %.1f%% of the points are inside, a volume of about %.3f (a unit sphere: %.3f)",
+      100.0 * in / queries, boxVolume * in / queries, 4.0 / 3.0 * 3.14159265358979);
 
   kxGeom::RayTracer tracer(s.octree, s.tris, &mesh);
   tracer.setFindNearestHit(true);
   const bool hit = tracer.intersect(kxLinear::PointFlt(0, 0, 5), Vector(0, 0, -1));
-  report.line("ray from (0, 0, 5) straight down: %s at distance %.4f", hit ? "hits the top" : "misses",
-              hit ? tracer.intersectionDist() : 0.0);
+  report.line("ray from (0, 0, 5) straight down: %s at distance %.4f",
+              hit ? "hits the top" : "misses", hit ? tracer.intersectionDist() : 0.0);
 }
 
 void demoAdjacency(const kxGeom::CompactMesh& mesh, Report& report) {
-  report.line("mesh: %d vertices, %d triangles, %d boundary loops, longest edge %.4f", mesh.getNumVertices(),
-              mesh.getNumTriangles(), countBoundaryLoops(mesh), kxGeom::meshLongestEdge(mesh));
+  report.line("mesh: %d vertices, %d triangles, %d boundary loops, longest edge %.4f",
+              mesh.getNumVertices(), mesh.getNumTriangles(), countBoundaryLoops(mesh),
+              kxGeom::meshLongestEdge(mesh));
 }
 
 double rmsDistanceToSample(const kxGeom::CompactMesh& a, const kxGeom::CompactMesh& smooth) {
@@ -181,9 +188,10 @@ void demoSmoothing(const kxGeom::CompactMesh& clean, kxGeom::CompactMesh& noisy,
   kxUtil::Progress lap;
   progress.subPhase(0.1, lap);
   kxGeom::meshSmoothLaplacian(laplacian, adjVertices, lap);
-  report.line("smoothing: noise of RMS %.4f; one bilateral pass leaves %.4f, a further Laplacian "
-              "pass %.4f",
-              before, afterBilateral, rmsDistanceToSample(laplacian, clean));
+  report.line(
+      "smoothing: noise of RMS %.4f; one bilateral pass leaves %.4f, a further Laplacian "
+      "pass %.4f",
+      before, afterBilateral, rmsDistanceToSample(laplacian, clean));
 }
 
 void demoSolver(const kxGeom::CompactMesh& mesh, Report& report) {
@@ -196,7 +204,8 @@ void demoSolver(const kxGeom::CompactMesh& mesh, Report& report) {
     kxGeom::ConjugateGradient cg(n);
     for (int i = 0; i < n; ++i) {
       cg.A().addToElement(i, i, adj.numAdjVertices(i) + 0.01);
-      for (int k = 0; k < adj.numAdjVertices(i); ++k) cg.A().addToElement(i, adj.adjVertices(i)[k], -1.0);
+      for (int k = 0; k < adj.numAdjVertices(i); ++k)
+        cg.A().addToElement(i, adj.adjVertices(i)[k], -1.0);
     }
     pre == 0 ? cg.initDiagonalPreconditioner() : cg.initIncompleteCholeskyPreconditioner();
     kxGeom::NVector b(n), x0(n);
@@ -207,10 +216,11 @@ void demoSolver(const kxGeom::CompactMesh& mesh, Report& report) {
     const double tolerance = 1e-8, breakdown = 1e-30;
     kxGeom::ConjugateGradient::Status status = cg.iterate(tolerance, breakdown);
     while (!status.isDone()) status = cg.iterate(tolerance, breakdown);
-    report.line("solver (%s): heat diffusion over %d vertices, status %d (1 = converged) after "
-                "%d iterations, residual %.2g",
-                pre == 0 ? "diagonal" : "incomplete Cholesky", n, int(status.code()), cg.getIteration(),
-                cg.getResidualInfinityNorm());
+    report.line(
+        "solver (%s): heat diffusion over %d vertices, status %d (1 = converged) after "
+        "%d iterations, residual %.2g",
+        pre == 0 ? "diagonal" : "incomplete Cholesky", n, int(status.code()), cg.getIteration(),
+        cg.getResidualInfinityNorm());
   }
 }
 
@@ -219,7 +229,8 @@ void demoScreen(const kxGeom::CompactMesh& mesh, Report& report) {
   kxLinear::ProjMatrixFlt m;
   m.m[0][0] = m.m[1][1] = 0.8f;
   m.m[2][2] = 0.3f;
-  const kxGeom::Clip::Result r = kxGeom::Clip::clipVertices(mesh.getVerticesRaw(), mesh.getNumVertices(), m);
+  const kxGeom::Clip::Result r =
+      kxGeom::Clip::clipVertices(mesh.getVerticesRaw(), mesh.getNumVertices(), m);
   kx::vector<kxLinear::Point2> lasso;
   for (int k = 0; k <= 10; ++k) {
     const double a = 2 * 3.14159265358979 * k / 10, rad = (k % 2 ? 0.35 : 0.8);
@@ -234,9 +245,10 @@ void demoScreen(const kxGeom::CompactMesh& mesh, Report& report) {
     kxGeom::isPointInPolygon({clip[0] / clip[3], clip[1] / clip[3]}, lasso, rel, 1e-9);
     selected += rel != kxGeom::PointOutside;
   }
-  report.line("screen: view-volume classification %d (2 = some inside); a star-shaped lasso "
-              "selects %d of %d vertices",
-              int(r), selected, mesh.getNumVertices());
+  report.line(
+      "screen: view-volume classification %d (2 = some inside); a star-shaped lasso "
+      "selects %d of %d vertices",
+      int(r), selected, mesh.getNumVertices());
 }
 
 void demoSampling(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& report) {
@@ -262,9 +274,10 @@ void demoSampling(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& rep
 int runDemo(int argc, char** argv) {
   Args args(argc, argv, {"output", "threads", "size"}, {"verbose", "help"});
   if (args.has("help")) {
-    std::printf("usage: kxgeom demo [--output DIR] [--size WxH]\nBuilds a bumpy sphere, welds, "
-                "queries, smooths, solves, clips and renders it, and writes the meshes, "
-                "render.png and report.txt into DIR (default kxgeom-demo).\n");
+    std::printf(
+        "usage: kxgeom demo [--output DIR] [--size WxH]\nBuilds a bumpy sphere, welds, "
+        "queries, smooths, solves, clips and renders it, and writes the meshes, "
+        "render.png and report.txt into DIR (default kxgeom-demo).\n");
     return 0;
   }
   applyCommonOptions(args);
@@ -300,7 +313,8 @@ int runDemo(int argc, char** argv) {
   RenderOptions options;
   if (args.has("size")) {
     if (std::sscanf(args.get("size").c_str(), "%dx%d", &options.width, &options.height) != 2 ||
-        options.width < 1 || options.height < 1 || options.width > 16384 || options.height > 16384) {
+        options.width < 1 || options.height < 1 || options.width > 16384 ||
+        options.height > 16384) {
       throw Failure("--size expects WxH");
     }
   }
@@ -309,9 +323,11 @@ int runDemo(int argc, char** argv) {
   progress.subPhase(0.5, renderPhase);
   const Image image = renderMesh(sample, options, renderPhase, stats);
   progress.throwIfCancelled();
-  writeAtomically((dir / "render.png").string(), [&](const std::string& tmp) { return writePng(image, tmp); });
+  writeAtomically((dir / "render.png").string(),
+                  [&](const std::string& tmp) { return writePng(image, tmp); });
   report.line("render: %dx%d image, %lld rays in %.3f s (%.0f rays/s)", image.width, image.height,
-              stats.rays, stats.traceSeconds, stats.traceSeconds > 0 ? stats.rays / stats.traceSeconds : 0.0);
+              stats.rays, stats.traceSeconds,
+              stats.traceSeconds > 0 ? stats.rays / stats.traceSeconds : 0.0);
   report.line("  wrote render.png");
 
   writeAtomically((dir / "report.txt").string(), [&](const std::string& tmp) {
@@ -319,8 +335,9 @@ int runDemo(int argc, char** argv) {
     out << report.text();
     return bool(out.flush());
   });
-  std::printf("\nEverything is in %s/: sample.obj, welded.obj, smoothed.obj, render.png, report.txt\n",
-              dir.string().c_str());
+  std::printf(
+      "\nEverything is in %s/: sample.obj, welded.obj, smoothed.obj, render.png, report.txt\n",
+      dir.string().c_str());
   return 0;
 }
 

@@ -69,7 +69,8 @@ bool hitPoint(const Camera& cam, const std::vector<float>& depth, int x, int y, 
 
 // Normal from the hit positions of the pixel's neighbours (one-sided where a
 // neighbour missed), turned towards the camera.
-Vector pixelNormal(const Camera& cam, const std::vector<float>& depth, int x, int y, const Vector& p) {
+Vector pixelNormal(const Camera& cam, const std::vector<float>& depth, int x, int y,
+                   const Vector& p) {
   Vector l, r, d, u;
   const bool hl = hitPoint(cam, depth, x - 1, y, l), hr = hitPoint(cam, depth, x + 1, y, r);
   const bool hd = hitPoint(cam, depth, x, y + 1, d), hu = hitPoint(cam, depth, x, y - 1, u);

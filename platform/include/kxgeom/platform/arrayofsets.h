@@ -142,7 +142,8 @@ class KXGEOM_API MeshSubset : public kx::ReferenceCount {
  public:
   MeshSubset() = default;
   MeshSubset(int numVertices, const int* vertices, int numTriangles, const int* triangles)
-      : vertices_(vertices, vertices + numVertices), triangles_(triangles, triangles + numTriangles) {}
+      : vertices_(vertices, vertices + numVertices),
+        triangles_(triangles, triangles + numTriangles) {}
 
   int getNumVertices() const { return static_cast<int>(vertices_.size()); }
   const int* getVertices() const { return vertices_.data(); }

@@ -82,8 +82,8 @@ Tuple3<T> normalized(const Tuple3<T>& v) {
 }
 /// wa*a + wb*b + wc*c, evaluated in the precision of the weights.
 template <class T, class W>
-constexpr Tuple3<W> combine(const Tuple3<T>& a, W wa, const Tuple3<T>& b, W wb,
-                            const Tuple3<T>& c, W wc) {
+constexpr Tuple3<W> combine(const Tuple3<T>& a, W wa, const Tuple3<T>& b, W wb, const Tuple3<T>& c,
+                            W wc) {
   return Tuple3<W>(a) * wa + Tuple3<W>(b) * wb + Tuple3<W>(c) * wc;
 }
 

@@ -336,7 +336,9 @@ class KXGEOM_API PointMesh : public kx::ReferenceCount {
   /// to write.
   MeshNormal* allocNormalArray();
   /// Null when the mesh has no normals.
-  MeshNormal* getNormals() { return normals_ ? reinterpret_cast<MeshNormal*>(normals_->asFloat()) : nullptr; }
+  MeshNormal* getNormals() {
+    return normals_ ? reinterpret_cast<MeshNormal*>(normals_->asFloat()) : nullptr;
+  }
   const MeshNormal* getNormals() const {
     return normals_ ? reinterpret_cast<const MeshNormal*>(normals_->asFloat()) : nullptr;
   }
@@ -351,7 +353,9 @@ class KXGEOM_API PointMesh : public kx::ReferenceCount {
   MeshUV* getUVs() { return hasUVs_ ? uvs_.data() : nullptr; }
   const MeshUV* getUVs() const { return hasUVs_ ? uvs_.data() : nullptr; }
   float* getUVsRaw() { return hasUVs_ ? reinterpret_cast<float*>(uvs_.data()) : nullptr; }
-  const float* getUVsRaw() const { return hasUVs_ ? reinterpret_cast<const float*>(uvs_.data()) : nullptr; }
+  const float* getUVsRaw() const {
+    return hasUVs_ ? reinterpret_cast<const float*>(uvs_.data()) : nullptr;
+  }
   void deleteUVs();
   /// The second texture set.
   MeshUV* allocSTArray();
@@ -449,9 +453,13 @@ class KXGEOM_API CompactMesh : public PointMesh {
 
   MeshNormal* allocTriangleNormalArray();
   MeshNormal* getTriangleNormals() { return hasTriNormals_ ? triNormals_.data() : nullptr; }
-  const MeshNormal* getTriangleNormals() const { return hasTriNormals_ ? triNormals_.data() : nullptr; }
+  const MeshNormal* getTriangleNormals() const {
+    return hasTriNormals_ ? triNormals_.data() : nullptr;
+  }
   float* getTriangleNormalsRaw() { return reinterpret_cast<float*>(getTriangleNormals()); }
-  const float* getTriangleNormalsRaw() const { return reinterpret_cast<const float*>(getTriangleNormals()); }
+  const float* getTriangleNormalsRaw() const {
+    return reinterpret_cast<const float*>(getTriangleNormals());
+  }
   void deleteTriangleNormals();
 
   int getNumLines() const { return lines_.size(); }

@@ -12,7 +12,7 @@ namespace kxString {
 class KXGEOM_API CString {
  public:
   CString() = default;
-  CString(const char* s) : s_(s ? s : "") {}  // NOLINT: implicit like std::string
+  CString(const char* s) : s_(s ? s : "") {}    // NOLINT: implicit like std::string
   CString(std::string s) : s_(std::move(s)) {}  // NOLINT
 
   const char* c_str() const { return s_.c_str(); }
@@ -43,7 +43,7 @@ enum class Encoding { Default, Utf8 };
 class KXGEOM_API IString {
  public:
   IString() = default;
-  IString(const char* s) : s_(s) {}  // NOLINT
+  IString(const char* s) : s_(s) {}     // NOLINT
   IString(const CString& s) : s_(s) {}  // NOLINT
 
   CString asMultibyte(Encoding = Encoding::Default) const { return s_; }
@@ -62,9 +62,9 @@ namespace kxOS {
 class KXGEOM_API Filename {
  public:
   Filename() = default;
-  Filename(const char* path) : path_(path) {}  // NOLINT
+  Filename(const char* path) : path_(path) {}                 // NOLINT
   Filename(const std::string& path) : path_(path.c_str()) {}  // NOLINT
-  Filename(const kxString::IString& path) : path_(path) {}  // NOLINT
+  Filename(const kxString::IString& path) : path_(path) {}    // NOLINT
 
   const kxString::IString& path() const { return path_; }
   kxString::CString asMultibyte() const { return path_.asMultibyte(); }

@@ -203,7 +203,8 @@ struct Color {
   float r = 0, g = 0, b = 0, a = 1;
 
   Color() = default;
-  Color(float red, float green, float blue, float alpha = 1) : r(red), g(green), b(blue), a(alpha) {}
+  Color(float red, float green, float blue, float alpha = 1)
+      : r(red), g(green), b(blue), a(alpha) {}
   float red() const { return r; }
   float green() const { return g; }
   float blue() const { return b; }
