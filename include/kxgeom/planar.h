@@ -4,6 +4,10 @@
 //
 // Polygons passed as arrays are closed explicitly: the last point repeats the
 // first, so an array of m points has m - 1 edges (point i to point i + 1).
+//
+// Thread safety: every function is re-entrant and keeps no state; the
+// classifications allocate nothing but `intersectPointWithPolygon`'s copy of
+// the polyline.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,10 @@
 // Ray queries on triangle meshes: one triangle against a line, picking with a
 // frustum over a vertex octree, and the mesh point nearest to a ray.
+//
+// Thread safety: every function is re-entrant: the mesh, octree and adjacency
+// table are only read, and each call owns its visited-element bits, so any
+// number of threads may pick on one mesh at once. Picking reads the
+// process-wide back-face cull distance (`setBackfaceCullDistance`).
 #pragma once
 
 #include <kxgeom/platform/arrayofsets.h>
