@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -75,18 +77,14 @@ std::string Args::get(const std::string& name, const std::string& fallback) cons
 
 int Args::getInt(const std::string& name, int fallback) const {
   if (!has(name)) return fallback;
+  const std::string text = get(name);
   char* end = nullptr;
-  const long v = std::strtol(get(name).c_str(), &end, 10);
-  if (*end != '\0' || end == get(name).c_str()) throw Failure("--" + name + " expects an integer");
+  errno = 0;
+  const long v = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0' || end == text.c_str() || errno == ERANGE || v < INT_MIN || v > INT_MAX) {
+    throw Failure("--" + name + " expects an integer");
+  }
   return static_cast<int>(v);
-}
-
-double Args::getDouble(const std::string& name, double fallback) const {
-  if (!has(name)) return fallback;
-  char* end = nullptr;
-  const double v = std::strtod(get(name).c_str(), &end);
-  if (*end != '\0' || end == get(name).c_str()) throw Failure("--" + name + " expects a number");
-  return v;
 }
 
 void Args::expectPositional(std::size_t n, const char* usage) const {

@@ -30,7 +30,6 @@ class Args {
   bool has(const std::string& name) const { return options_.count(name) != 0; }
   std::string get(const std::string& name, const std::string& fallback = "") const;
   int getInt(const std::string& name, int fallback) const;
-  double getDouble(const std::string& name, double fallback) const;
   /// Fails unless exactly `n` positional arguments were given.
   void expectPositional(std::size_t n, const char* usage) const;
 
