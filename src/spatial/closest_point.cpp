@@ -85,6 +85,36 @@ bool triangleClosest(const CompactMesh& mesh, int t, const kxLinear::Point& p, M
   return true;
 }
 
+// Closest point to p of the triangle with corners a, b, c (three floats
+// each), as the coordinate of triangle t; invalid when a corner or p is not
+// finite.
+MeshCoord cornersClosest(const float* a, const float* b, const float* c, int t,
+                         const kxLinear::Point& p) {
+  const kxLinear::Point corners[3] = {kxLinear::Point::from(a), kxLinear::Point::from(b),
+                                      kxLinear::Point::from(c)};
+  if (!isFinite(p) || !isFinite(corners[0]) || !isFinite(corners[1]) || !isFinite(corners[2])) {
+    return MeshCoord();
+  }
+  MeshCoord coord;
+  coord.triangle = t;
+  triangleClosestWeights(p, corners, coord.w);
+  return coord;
+}
+
+// As triangleClosest, for triangle t whose corners are the nine floats at
+// `corners` (the same values as the mesh's, so the same distance).
+bool listedClosest(const float* corners, int t, const kxLinear::Point& p, MeshCoord& coord,
+                   double& distance2) {
+  coord = cornersClosest(corners, corners + 3, corners + 6, t, p);
+  if (!coord.isValid()) return false;
+  distance2 = (kxLinear::combine(kxLinear::Point::from(corners), coord.w[0],
+                                 kxLinear::Point::from(corners + 3), coord.w[1],
+                                 kxLinear::Point::from(corners + 6), coord.w[2]) -
+               p)
+                  .length2();
+  return true;
+}
+
 // Box of every corner of the triangles around vertex v.
 BoundingBox vertexFanBox(const CompactMesh& mesh, const MeshAdjTris& adjTris, int v) {
   BoundingBox box;
@@ -109,17 +139,34 @@ double boxDistance2(const float* box, const kxLinear::Point& p) {
   return d2;
 }
 
-// A lower bound of triangle t's squared distance to p: that of its box.
-double triangleBoxDistance2(const float* vertices, const int* tri, const kxLinear::Point& p) {
-  const float* a = vertices + 3 * std::size_t(tri[0]);
-  const float* b = vertices + 3 * std::size_t(tri[1]);
-  const float* c = vertices + 3 * std::size_t(tri[2]);
+// A lower bound of a triangle's squared distance to p: that of its box. The
+// corners are the nine floats at `corners`.
+double cornersBoxDistance2(const float* corners, const kxLinear::Point& p) {
   float box[6];
   for (int k = 0; k < 3; ++k) {
-    box[k] = std::min(a[k], std::min(b[k], c[k]));
-    box[k + 3] = std::max(a[k], std::max(b[k], c[k]));
+    box[k] = std::min(corners[k], std::min(corners[k + 3], corners[k + 6]));
+    box[k + 3] = std::max(corners[k], std::max(corners[k + 3], corners[k + 6]));
   }
   return boxDistance2(box, p);
+}
+
+// The corners of every listed triangle copied in list order, nine floats per
+// list entry, so that a leaf's triangles are read as one sequential run
+// instead of through two indirections each.
+kx::vector<float> listedCorners(const CompactMesh& mesh, const OctreeTris& tris) {
+  const ArrayOfSets& lists = tris.getData();
+  const int* members = lists.members();
+  const float* vertices = mesh.getVerticesRaw();
+  const int* triangles = mesh.getTrianglesRaw();
+  const std::size_t n = std::size_t(lists.getNumMembers());
+  kx::vector<float> corners(9 * n);
+  for (std::size_t i = 0; i < n; ++i) {
+    const int* tri = triangles + 3 * std::size_t(members[i]);
+    for (int k = 0; k < 3; ++k) {
+      std::copy_n(vertices + 3 * std::size_t(tri[k]), 3, corners.data() + 9 * i + 3 * k);
+    }
+  }
+  return corners;
 }
 
 // True when a lower bound shows that nothing nearer than `best` can be found
@@ -323,7 +370,8 @@ class ClosestPointContext {
  public:
   ClosestPointContext(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
       : stamps_(std::size_t(std::max(0, mesh.getNumTriangles())), 0),
-        bounds_(nodeBounds(mesh, octree, tris)) {
+        bounds_(nodeBounds(mesh, octree, tris)),
+        corners_(listedCorners(mesh, tris)) {
     iterator_.impl_ = new OctreeClosestItImpl;
     iterator_.impl_->setNodeBounds(bounds_.data());
   }
@@ -343,11 +391,14 @@ class ClosestPointContext {
     }
   }
   OctreeClosestIt& iterator() { return iterator_; }
+  // The corners of the triangle at position i of the concatenated lists.
+  const float* cornersAt(std::size_t i) const { return corners_.data() + 9 * i; }
 
  private:
   std::uint32_t stamp_ = 1;
   kx::vector<std::uint32_t> stamps_;
   kx::vector<NodeBound> bounds_;
+  kx::vector<float> corners_;
   OctreeClosestIt iterator_;
 };
 
@@ -362,21 +413,23 @@ MeshClosestPoint::~MeshClosestPoint() { delete context_; }
 
 double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
   OctreeClosestIt& it = context_->iterator();
-  const float* vertices = mesh_.getVerticesRaw();
-  const int* triangles = mesh_.getTrianglesRaw();
+  const int* lists = tris_.getData().members();
   double best = kLargestDouble;
   for (it.reset(octree_, p); it.valid() && it.getDistance2() < best; it.next()) {
     // Triangles whose boxes are no nearer than the best point are skipped: a
-    // pure saving, the answer is the same.
+    // pure saving, the answer is the same. The box test reads the leaf's
+    // copied corners in sequence; only survivors touch the per-triangle
+    // stamps.
     const int voxel = it.get().getVoxel();
     const int* tris = tris_.firstTri(voxel);
-    for (int i = 0, n = tris_.numTris(voxel); i < n; ++i) {
+    const float* corners = context_->cornersAt(std::size_t(tris - lists));
+    for (int i = 0, n = tris_.numTris(voxel); i < n; ++i, corners += 9) {
+      if (beyond(cornersBoxDistance2(corners, p), best)) continue;
       const int t = tris[i];
       if (!context_->visit(t)) continue;
-      if (beyond(triangleBoxDistance2(vertices, triangles + 3 * std::size_t(t), p), best)) continue;
       MeshCoord coord;
       double d2;
-      if (triangleClosest(mesh_, t, p, coord, d2) && d2 < best) {
+      if (listedClosest(corners, t, p, coord, d2) && d2 < best) {
         best = d2;
         if (result) *result = coord;
         it.setLimit(best);
@@ -477,15 +530,8 @@ MeshPtInside::Result MeshPtInside::evaluate(const kxLinear::Point& p) {
 MeshCoord meshTriClosestPt(const float* vertices, const int* triangles, int triangle,
                            const kxLinear::Point& p) {
   const int* tri = triangles + 3 * std::size_t(triangle);
-  const kxLinear::Point corners[3] = {corner(vertices, tri, 0), corner(vertices, tri, 1),
-                                      corner(vertices, tri, 2)};
-  if (!isFinite(p) || !isFinite(corners[0]) || !isFinite(corners[1]) || !isFinite(corners[2])) {
-    return MeshCoord();
-  }
-  MeshCoord coord;
-  coord.triangle = triangle;
-  triangleClosestWeights(p, corners, coord.w);
-  return coord;
+  return cornersClosest(vertices + 3 * std::size_t(tri[0]), vertices + 3 * std::size_t(tri[1]),
+                        vertices + 3 * std::size_t(tri[2]), triangle, p);
 }
 
 double meshLongestEdge(const CompactMesh& mesh) {
