@@ -94,6 +94,10 @@ class KXGEOM_API MeshClosestPoint {
   double compute(const kxLinear::Point& p, MeshCoord* result);
 
  private:
+  // Lowers `best` (squared) and sets `result` with the triangles of leaf
+  // `voxel` not yet seen in this query.
+  void scanLeaf(int voxel, const kxLinear::Point& p, double& best, MeshCoord* result);
+
   const CompactMesh& mesh_;
   const Octree& octree_;
   const OctreeTris& tris_;

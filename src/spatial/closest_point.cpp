@@ -297,14 +297,18 @@ class OctreeClosestItImpl {
  public:
   virtual ~OctreeClosestItImpl() = default;
 
-  void reset(const Octree& octree, const kxLinear::Point& p) {
+  // Starts a walk from the root that skips cells at or beyond `limit2`.
+  void reset(const Octree& octree, const kxLinear::Point& p,
+             double limit2 = std::numeric_limits<double>::infinity()) {
     root_ = octree.getRoot();
     point_ = p;
     pointFlt_ = kxLinear::PointFlt(p);
-    limit_ = std::numeric_limits<double>::infinity();
+    limit_ = limit2;
     heap_.clear();
     if (!root_.getNode()) return;
-    heap_.push_back({distance2(root_), root_});
+    const double d2 = distance2(root_);
+    if (!(d2 < limit_)) return;
+    heap_.push_back({d2, root_});
     if (!root_.isLeaf()) next();
   }
 
@@ -391,6 +395,10 @@ class ClosestPointContext {
     }
   }
   OctreeClosestIt& iterator() { return iterator_; }
+  // Starts the iterator's walk at p, skipping cells at or beyond `limit2`.
+  void start(const Octree& octree, const kxLinear::Point& p, double limit2) {
+    iterator_.impl_->reset(octree, p, limit2);
+  }
   // The corners of the triangle at position i of the concatenated lists.
   const float* cornersAt(std::size_t i) const { return corners_.data() + 9 * i; }
 
@@ -411,30 +419,58 @@ MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree
 
 MeshClosestPoint::~MeshClosestPoint() { delete context_; }
 
-double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
-  OctreeClosestIt& it = context_->iterator();
-  const int* lists = tris_.getData().members();
-  double best = kLargestDouble;
-  for (it.reset(octree_, p); it.valid() && it.getDistance2() < best; it.next()) {
-    // Triangles whose boxes are no nearer than the best point are skipped: a
-    // pure saving, the answer is the same. The box test reads the leaf's
-    // copied corners in sequence; only survivors touch the per-triangle
-    // stamps.
-    const int voxel = it.get().getVoxel();
-    const int* tris = tris_.firstTri(voxel);
-    const float* corners = context_->cornersAt(std::size_t(tris - lists));
-    for (int i = 0, n = tris_.numTris(voxel); i < n; ++i, corners += 9) {
-      if (beyond(cornersBoxDistance2(corners, p), best)) continue;
-      const int t = tris[i];
-      if (!context_->visit(t)) continue;
-      MeshCoord coord;
-      double d2;
-      if (listedClosest(corners, t, p, coord, d2) && d2 < best) {
-        best = d2;
-        if (result) *result = coord;
-        it.setLimit(best);
-      }
+namespace {
+
+// The leaf whose cell holds p, or for p outside the root the leaf reached by
+// descending towards p.
+OctreeIterator leafTowards(const Octree& octree, const kxLinear::Point& p) {
+  OctreeIterator cell = octree.getRoot();
+  if (!cell.getNode()) return cell;
+  while (!cell.isLeaf()) {
+    const BoundingBox& box = cell.getBox();
+    int child = 0;
+    for (int k = 0; k < 3; ++k) {
+      if (p[k] >= 0.5 * (double(box[k]) + double(box[k + 3]))) child |= 1 << k;
     }
+    cell.descend(child);
+  }
+  return cell;
+}
+
+}  // namespace
+
+void MeshClosestPoint::scanLeaf(int voxel, const kxLinear::Point& p, double& best,
+                                MeshCoord* result) {
+  // Triangles whose boxes are no nearer than the best point are skipped: a
+  // pure saving, the answer is the same. The box test reads the leaf's
+  // copied corners in sequence; only survivors touch the per-triangle stamps.
+  const int* tris = tris_.firstTri(voxel);
+  const float* corners = context_->cornersAt(std::size_t(tris - tris_.getData().members()));
+  for (int i = 0, n = tris_.numTris(voxel); i < n; ++i, corners += 9) {
+    if (beyond(cornersBoxDistance2(corners, p), best)) continue;
+    const int t = tris[i];
+    if (!context_->visit(t)) continue;
+    MeshCoord coord;
+    double d2;
+    if (listedClosest(corners, t, p, coord, d2) && d2 < best) {
+      best = d2;
+      if (result) *result = coord;
+    }
+  }
+}
+
+double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
+  double best = kLargestDouble;
+  // The leaf around p usually holds a near triangle: scanning it first lets
+  // the walk below discard every cell beyond that distance from the start.
+  const OctreeIterator seed = leafTowards(octree_, p);
+  if (seed.getNode() && seed.getVoxel() >= 0 && seed.getVoxel() < tris_.numVoxels()) {
+    scanLeaf(seed.getVoxel(), p, best, result);
+  }
+  OctreeClosestIt& it = context_->iterator();
+  for (context_->start(octree_, p, best); it.valid() && it.getDistance2() < best; it.next()) {
+    scanLeaf(it.get().getVoxel(), p, best, result);
+    it.setLimit(best);
   }
   context_->advanceStamp();
   return std::sqrt(best);
