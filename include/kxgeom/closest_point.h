@@ -97,6 +97,13 @@ class KXGEOM_API MeshClosestPoint {
   // Lowers `best` (squared) and sets `result` with the triangles of leaf
   // `voxel` not yet seen in this query.
   void scanLeaf(int voxel, const kxLinear::Point& p, double& best, MeshCoord* result);
+  // Squared distance from p to the mesh (as `compute`). When pruneFrom2 >=
+  // 0, cells no nearer than sqrt(pruneFrom2) whose triangles would all give
+  // p the side of the best point so far are skipped: the returned point may
+  // then not be the nearest, but classifies p as the nearest does. Returns
+  // -1 when that cannot be guaranteed.
+  double search(const kxLinear::Point& p, MeshCoord* result, double pruneFrom2);
+  friend class MeshPtInside;
 
   const CompactMesh& mesh_;
   const Octree& octree_;

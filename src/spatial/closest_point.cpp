@@ -15,6 +15,8 @@ namespace kxGeom {
 namespace {
 
 constexpr double kLargestDouble = std::numeric_limits<double>::max();
+// Squared distance below which side pruning never drops a cell.
+constexpr double kSmallestPrune = std::numeric_limits<double>::min();
 
 struct HeapEntry {
   double distance2;
@@ -221,16 +223,94 @@ Slab triangleSlab(const CompactMesh& mesh, const int* list, std::size_t n) {
   return slab;
 }
 
+// How a point is classified from its closest point: inside when the vector
+// to it has a non-negative dot product with the orienting normal there.
+enum Side { kNoSide, kInsideSide, kOutsideSide };
+
+// The normal orienting corner k of triangle t, as a unit vector (the vertex
+// normal, or without normals the triangle's); false when it has no direction.
+bool orientingDirection(const CompactMesh& mesh, int t, int k, kxLinear::Vector& direction) {
+  const MeshTriangle& tri = mesh.getTriangles()[t];
+  const MeshNormal* normals = mesh.getNormals();
+  const kxLinear::Vector v =
+      normals ? normals[tri[k]].asVector() : meshTriNormal(mesh.getVerticesRaw(), tri.v).vector();
+  const double len2 = v.length2();
+  if (!(len2 > 0) || !std::isfinite(len2)) return false;
+  direction = v / std::sqrt(len2);
+  return true;
+}
+
+// Side of p given its closest point `coord` (valid).
+Side sideOf(const CompactMesh& mesh, const MeshCoord& coord, const kxLinear::Point& p) {
+  const MeshTriangle& tri = mesh.getTriangles()[coord.triangle];
+  const MeshNormal* normals = mesh.getNormals();
+  const kxLinear::Vector normal =
+      normals
+          ? kxLinear::combine(normals[tri[0]].asVector(), coord.w[0], normals[tri[1]].asVector(),
+                              coord.w[1], normals[tri[2]].asVector(), coord.w[2])
+          : meshTriNormal(mesh.getVerticesRaw(), tri.v).vector();
+  const kxLinear::Vector toSurface = coord.evaluate(mesh.getVertices(), mesh.getTriangles()) - p;
+  return kxLinear::dot(toSurface, normal) >= 0 ? kInsideSide : kOutsideSide;
+}
+
 // A lower bound of the distance to the triangles listed below an octree
-// node: the larger of the distances to their box and to their slab.
+// node (the larger of the distances to their box and to their slab), and
+// the cone holding the normals that orient them.
 struct NodeBound {
   BoundingBox box;
   Slab slab;
+  kxLinear::Vector axis;  // unit
+  double cosAngle = -1;   // the cone's half angle; not positive for no cone
 
   double distance2(const kxLinear::Point& p) const {
     return std::max(boxDistance2(box.data(), p), slab.distance2(p));
   }
+
+  // The side that every point of these triangles gives p when taken as its
+  // closest point, or kNoSide when the cone cannot tell. Writing v for the
+  // vector from p to such a point and n for an orienting normal (a positive
+  // mix of the cone's), dot(v, n) >= dot(v, axis) cos - |v| sin, so a box
+  // entirely far enough ahead of p along the axis gives Inside everywhere.
+  Side uniformSide(const kxLinear::Point& p) const {
+    if (!(cosAngle > 0)) return kNoSide;
+    double lo = 0, hi = 0, far2 = 0;
+    for (int k = 0; k < 3; ++k) {
+      const double a = double(box[k]) - p[k], b = double(box[k + 3]) - p[k];
+      lo += std::min(axis[k] * a, axis[k] * b);
+      hi += std::max(axis[k] * a, axis[k] * b);
+      far2 += std::max(a * a, b * b);
+    }
+    const double far = std::sqrt(far2);
+    const double reach = far * (std::sqrt(1 - cosAngle * cosAngle) + 1e-9);
+    if (lo * cosAngle > reach) return kInsideSide;
+    if (-hi * cosAngle > reach) return kOutsideSide;
+    return kNoSide;
+  }
 };
+
+// Sets the cone of `bound` to hold the orienting normals of triangles
+// `list[0, n)`, leaving none when one of them has no direction.
+void orientingCone(const CompactMesh& mesh, const int* list, std::size_t n, NodeBound& bound) {
+  kxLinear::Vector sum, direction;
+  for (std::size_t i = 0; i < n; ++i) {
+    for (int k = 0; k < 3; ++k) {
+      if (!orientingDirection(mesh, list[i], k, direction)) return;
+      sum += direction;
+    }
+  }
+  if (!(sum.length2() > 0)) return;
+  const kxLinear::Vector axis = kxLinear::normalized(sum);
+  double cosAngle = 1;
+  for (std::size_t i = 0; i < n; ++i) {
+    for (int k = 0; k < 3; ++k) {
+      orientingDirection(mesh, list[i], k, direction);
+      cosAngle = std::min(cosAngle, kxLinear::dot(axis, direction));
+    }
+  }
+  bound.axis = axis;
+  // Narrowed by far more than the rounding of the unit vectors.
+  bound.cosAngle = cosAngle - 1e-9;
+}
 
 // Slabs are computed for subtrees listing at most this many triangles:
 // small patches, where they are thin, at a bounded cost per pair.
@@ -269,11 +349,47 @@ class BoundBuilder {
     const std::size_t n = below.size() - first;
     complete = complete && n <= kSlabTriangles;
     bound.slab = complete ? triangleSlab(mesh_, below.data() + first, n) : Slab();
+    bound.cosAngle = -1;
+    if (complete) {
+      orientingCone(mesh_, below.data() + first, n, bound);
+    } else if (!cell.isLeaf()) {
+      mergeCones(cell, bound);
+    }
     if (!complete) below.resize(first);
     return complete;
   }
 
  private:
+  // The cone of an inner node around its children's (empty ones aside);
+  // none when a child has none or the union is not within a half space.
+  void mergeCones(const OctreeIterator& cell, NodeBound& bound) const {
+    const NodeBound* children[8];
+    int count = 0;
+    kxLinear::Vector sum;
+    for (int k = 0; k < 8; ++k) {
+      OctreeIterator child = cell;
+      child.descend(k);
+      const NodeBound& c = bounds_[child.getNode() - root_];
+      if (!c.box.isValid()) continue;
+      if (!(c.cosAngle > 0)) return;
+      sum += c.axis;
+      children[count++] = &c;
+    }
+    if (!(sum.length2() > 0)) return;
+    const kxLinear::Vector axis = kxLinear::normalized(sum);
+    double angle = 0;
+    for (int i = 0; i < count; ++i) {
+      const double between =
+          std::acos(std::clamp(kxLinear::dot(axis, children[i]->axis), -1.0, 1.0));
+      angle = std::max(angle, between + std::acos(children[i]->cosAngle));
+    }
+    // Widened by far more than the rounding of acos near 0.
+    angle += 1e-7;
+    if (!(angle < 1.5)) return;
+    bound.axis = axis;
+    bound.cosAngle = std::cos(angle);
+  }
+
   const CompactMesh& mesh_;
   const OctreeTris& tris_;
   const OctreeNode* root_;
@@ -297,13 +413,18 @@ class OctreeClosestItImpl {
  public:
   virtual ~OctreeClosestItImpl() = default;
 
-  // Starts a walk from the root that skips cells at or beyond `limit2`.
+  // Starts a walk from the root that skips cells at or beyond `limit2` and
+  // prunes for `side` (see setPrune).
   void reset(const Octree& octree, const kxLinear::Point& p,
-             double limit2 = std::numeric_limits<double>::infinity()) {
+             double limit2 = std::numeric_limits<double>::infinity(), Side side = kNoSide,
+             double pruneFrom2 = 0) {
     root_ = octree.getRoot();
     point_ = p;
     pointFlt_ = kxLinear::PointFlt(p);
     limit_ = limit2;
+    pruneSide_ = side;
+    pruneFrom_ = pruneFrom2;
+    pruned_ = false;
     heap_.clear();
     if (!root_.getNode()) return;
     const double d2 = distance2(root_);
@@ -322,6 +443,7 @@ class OctreeClosestItImpl {
         if (!handle.descend(child)) break;
         const double d2 = distance2(handle);
         if (!(d2 < limit_)) continue;
+        if (prunes(handle, d2)) continue;
         heap_.push_back({d2, handle});
         std::push_heap(heap_.begin(), heap_.end(), fartherThan);
       }
@@ -335,8 +457,23 @@ class OctreeClosestItImpl {
   const HeapEntry& top() const { return heap_.front(); }
   void setLimit(double limit2) { limit_ = limit2; }
   void setNodeBounds(const NodeBound* bounds) { bounds_ = bounds; }
+  // From the next `next()` on, cells no nearer than sqrt(from2) whose
+  // triangles all give the point `side` are dropped (kNoSide: none).
+  void setPrune(Side side, double from2) {
+    pruneSide_ = side;
+    pruneFrom_ = from2;
+  }
+  // True when a cell was dropped by pruning since `reset`.
+  bool pruned() const { return pruned_; }
 
  private:
+  bool prunes(const OctreeIterator& cell, double d2) {
+    if (pruneSide_ == kNoSide || !bounds_ || !(d2 >= pruneFrom_)) return false;
+    if (bounds_[cell.getNode() - root_.getNode()].uniformSide(point_) != pruneSide_) return false;
+    pruned_ = true;
+    return true;
+  }
+
   // The cell's key: its box distance, or its bound's when bounds are given.
   double distance2(const OctreeIterator& cell) const {
     if (bounds_) return bounds_[cell.getNode() - root_.getNode()].distance2(point_);
@@ -348,6 +485,9 @@ class OctreeClosestItImpl {
   kxLinear::PointFlt pointFlt_;
   double limit_ = 0;
   const NodeBound* bounds_ = nullptr;
+  Side pruneSide_ = kNoSide;
+  double pruneFrom_ = 0;
+  bool pruned_ = false;
   kx::vector<HeapEntry> heap_;
 };
 
@@ -396,9 +536,32 @@ class ClosestPointContext {
   }
   OctreeClosestIt& iterator() { return iterator_; }
   // Starts the iterator's walk at p, skipping cells at or beyond `limit2`.
-  void start(const Octree& octree, const kxLinear::Point& p, double limit2) {
-    iterator_.impl_->reset(octree, p, limit2);
+  void start(const Octree& octree, const kxLinear::Point& p, double limit2, Side side,
+             double pruneFrom2) {
+    iterator_.impl_->reset(octree, p, limit2, side, pruneFrom2);
   }
+  // The leaf reached from the root by always entering the child with the
+  // smallest bound: a leaf holding a near triangle, found in O(depth).
+  OctreeIterator greedyLeaf(const Octree& octree, const kxLinear::Point& p) const {
+    OctreeIterator cell = octree.getRoot();
+    if (!cell.getNode() || bounds_.empty()) return cell;
+    while (!cell.isLeaf()) {
+      OctreeIterator nearest = cell;
+      double nearest2 = std::numeric_limits<double>::infinity();
+      for (int k = 0; k < 8; ++k) {
+        OctreeIterator child = cell;
+        child.descend(k);
+        const double d2 = bounds_[child.getNode() - octree.getRoot().getNode()].distance2(p);
+        if (d2 < nearest2 || k == 0) {
+          nearest2 = d2;
+          nearest = child;
+        }
+      }
+      cell = nearest;
+    }
+    return cell;
+  }
+  OctreeClosestItImpl& walk() { return *iterator_.impl_; }
   // The corners of the triangle at position i of the concatenated lists.
   const float* cornersAt(std::size_t i) const { return corners_.data() + 9 * i; }
 
@@ -418,26 +581,6 @@ MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree
       context_(new ClosestPointContext(mesh, octree, tris)) {}
 
 MeshClosestPoint::~MeshClosestPoint() { delete context_; }
-
-namespace {
-
-// The leaf whose cell holds p, or for p outside the root the leaf reached by
-// descending towards p.
-OctreeIterator leafTowards(const Octree& octree, const kxLinear::Point& p) {
-  OctreeIterator cell = octree.getRoot();
-  if (!cell.getNode()) return cell;
-  while (!cell.isLeaf()) {
-    const BoundingBox& box = cell.getBox();
-    int child = 0;
-    for (int k = 0; k < 3; ++k) {
-      if (p[k] >= 0.5 * (double(box[k]) + double(box[k + 3]))) child |= 1 << k;
-    }
-    cell.descend(child);
-  }
-  return cell;
-}
-
-}  // namespace
 
 void MeshClosestPoint::scanLeaf(int voxel, const kxLinear::Point& p, double& best,
                                 MeshCoord* result) {
@@ -460,20 +603,48 @@ void MeshClosestPoint::scanLeaf(int voxel, const kxLinear::Point& p, double& bes
 }
 
 double MeshClosestPoint::compute(const kxLinear::Point& p, MeshCoord* result) {
+  return std::sqrt(search(p, result, -1));
+}
+
+double MeshClosestPoint::search(const kxLinear::Point& p, MeshCoord* result, double pruneFrom2) {
   double best = kLargestDouble;
-  // The leaf around p usually holds a near triangle: scanning it first lets
-  // the walk below discard every cell beyond that distance from the start.
-  const OctreeIterator seed = leafTowards(octree_, p);
+  // The leaf of the greedy descent usually holds a near triangle: scanning
+  // it first lets the walk below discard every cell beyond that distance
+  // from the start.
+  const OctreeIterator seed = context_->greedyLeaf(octree_, p);
   if (seed.getNode() && seed.getVoxel() >= 0 && seed.getVoxel() < tris_.numVoxels()) {
     scanLeaf(seed.getVoxel(), p, best, result);
   }
+  OctreeClosestItImpl& walk = context_->walk();
   OctreeClosestIt& it = context_->iterator();
-  for (context_->start(octree_, p, best); it.valid() && it.getDistance2() < best; it.next()) {
+  const bool pruning = pruneFrom2 >= 0 && result;
+  Side side = kNoSide;
+  double sidedBest = kLargestDouble;
+  // Follows the best point's side; false when a cell was already dropped
+  // for the other side, which makes the drop unsafe.
+  const auto followSide = [&]() {
+    if (!pruning || !(best < sidedBest) || !result->isValid()) return true;
+    const Side now = sideOf(mesh_, *result, p);
+    if (now != side && side != kNoSide && walk.pruned()) return false;
+    side = now;
+    sidedBest = best;
+    walk.setPrune(side, pruneFrom2);
+    return true;
+  };
+  followSide();
+  context_->start(octree_, p, best, side, pruneFrom2);
+  for (;;) {
+    if (!followSide()) {
+      best = -1;
+      break;
+    }
+    if (!it.valid() || !(it.getDistance2() < best)) break;
     scanLeaf(it.get().getVoxel(), p, best, result);
     it.setLimit(best);
+    it.next();
   }
   context_->advanceStamp();
-  return std::sqrt(best);
+  return best;
 }
 
 double meshClosestPoint(const CompactMesh& mesh, const Octree& vertexOctree,
@@ -548,19 +719,17 @@ MeshPtInside::MeshPtInside(const CompactMesh& mesh, const Octree& octree, const 
 
 MeshPtInside::Result MeshPtInside::evaluate(const kxLinear::Point& p) {
   if (!contains(box_, kxLinear::PointFlt(p))) return Outside;
+  // Cells whose triangles would all give the same side as the best point so
+  // far are skipped when no nearer than the tolerance: the nearest point
+  // then gives that side too, and the distance test is unaffected. When the
+  // best point's side flips after such a skip, the plain search decides.
   MeshCoord coord;
-  const double distance = closest_.compute(p, &coord);
-  if (distance < tolerance_) return OnSurface;
+  const double tolerance2 = tolerance_ * tolerance_;
+  double best2 = closest_.search(p, &coord, tolerance2 * (1 + 1e-9) + kSmallestPrune);
+  if (best2 < 0) best2 = closest_.search(p, &coord, -1);
+  if (std::sqrt(best2) < tolerance_) return OnSurface;
   if (!coord.isValid()) return Outside;
-  const MeshTriangle& tri = mesh_.getTriangles()[coord.triangle];
-  const MeshNormal* normals = mesh_.getNormals();
-  const kxLinear::Vector normal =
-      normals
-          ? kxLinear::combine(normals[tri[0]].asVector(), coord.w[0], normals[tri[1]].asVector(),
-                              coord.w[1], normals[tri[2]].asVector(), coord.w[2])
-          : meshTriNormal(mesh_.getVerticesRaw(), tri.v).vector();
-  const kxLinear::Vector toSurface = coord.evaluate(mesh_.getVertices(), mesh_.getTriangles()) - p;
-  return kxLinear::dot(toSurface, normal) >= 0 ? Inside : Outside;
+  return sideOf(mesh_, coord, p) == kInsideSide ? Inside : Outside;
 }
 
 MeshCoord meshTriClosestPt(const float* vertices, const int* triangles, int triangle,
