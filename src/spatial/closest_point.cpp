@@ -396,6 +396,15 @@ class BoundBuilder {
   kx::vector<NodeBound>& bounds_;
 };
 
+// The child of a cell with box `box` on p's side of its centre in each axis.
+int octant(const BoundingBox& box, const kxLinear::Point& p) {
+  int child = 0;
+  for (int k = 0; k < 3; ++k) {
+    if (p[k] >= 0.5 * (double(box[k]) + double(box[k + 3]))) child |= 1 << k;
+  }
+  return child;
+}
+
 kx::vector<NodeBound> nodeBounds(const CompactMesh& mesh, const Octree& octree,
                                  const OctreeTris& tris) {
   kx::vector<NodeBound> bounds(std::size_t(octree.getNumNodes()));
@@ -540,19 +549,27 @@ class ClosestPointContext {
              double pruneFrom2) {
     iterator_.impl_->reset(octree, p, limit2, side, pruneFrom2);
   }
-  // The leaf reached from the root by always entering the child with the
-  // smallest bound: a leaf holding a near triangle, found in O(depth).
+  // A leaf holding a near triangle, found in O(depth): from the root, the
+  // child around p while it holds triangles, otherwise the child with the
+  // smallest bound.
   OctreeIterator greedyLeaf(const Octree& octree, const kxLinear::Point& p) const {
-    OctreeIterator cell = octree.getRoot();
+    const OctreeIterator root = octree.getRoot();
+    OctreeIterator cell = root;
     if (!cell.getNode() || bounds_.empty()) return cell;
     while (!cell.isLeaf()) {
-      OctreeIterator nearest = cell;
+      OctreeIterator around = cell;
+      around.descend(octant(cell.getBox(), p));
+      if (bounds_[around.getNode() - root.getNode()].box.isValid()) {
+        cell = around;
+        continue;
+      }
+      OctreeIterator nearest = around;
       double nearest2 = std::numeric_limits<double>::infinity();
       for (int k = 0; k < 8; ++k) {
         OctreeIterator child = cell;
         child.descend(k);
-        const double d2 = bounds_[child.getNode() - octree.getRoot().getNode()].distance2(p);
-        if (d2 < nearest2 || k == 0) {
+        const double d2 = bounds_[child.getNode() - root.getNode()].distance2(p);
+        if (d2 < nearest2) {
           nearest2 = d2;
           nearest = child;
         }
