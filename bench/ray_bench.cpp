@@ -143,10 +143,12 @@ long packetHits(const RaySet& rays) {
   return hits;
 }
 
-void BM_QuadRayTracer(benchmark::State& state, RaySource source) {
+// `ordered`: front-to-back traversal (the render command's setting).
+void BM_QuadRayTracer(benchmark::State& state, RaySource source, bool ordered) {
   const Model& m = model();
   const RaySet& rays = source();
   kxGeom::QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  tracer.setOrderedTraversal(ordered);
   std::size_t p = 0;
   for (auto _ : state) {
     const VectorFlt* d = &rays.directions[4 * p];
@@ -171,9 +173,14 @@ void BM_RayTracer(benchmark::State& state, RaySource source) {
   setRayRate(state, 1);
 }
 
-BENCHMARK_CAPTURE(BM_QuadRayTracer, coherent, &coherentRays)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_QuadRayTracer, coherent, &coherentRays, false)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_QuadRayTracer, coherent_ordered, &coherentRays, true)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_RayTracer, coherent, &coherentRays)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_QuadRayTracer, incoherent, &incoherentRays)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_QuadRayTracer, incoherent, &incoherentRays, false)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_QuadRayTracer, incoherent_ordered, &incoherentRays, true)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_RayTracer, incoherent, &incoherentRays)->Unit(benchmark::kMicrosecond);
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -332,6 +339,7 @@ int main(int argc, char** argv) {
     printRatio(reporter, kind, quad, single);
 #ifdef KXGEOM_BENCH_PEERS
     printRatio(reporter, kind, quad, std::string("BM_EmbreeIntersect4/") + kind);
+    printRatio(reporter, kind, quad + "_ordered", std::string("BM_EmbreeIntersect4/") + kind);
     printRatio(reporter, kind, single, std::string("BM_EmbreeIntersect1/") + kind);
 #endif
   }

@@ -195,8 +195,11 @@ class KXGEOM_API OctreeQuadRayIntersectIt {
 /// Traces packets through one mesh over an octree and its per-voxel
 /// triangle lists.
 ///
-/// The walk keeps the fixed child order 0..7 and relies on the nearest-t
-/// pruning of the box test instead of front-to-back order. Each triangle is
+/// By default the walk keeps the fixed child order 0..7 and relies on the
+/// nearest-t pruning of the box test instead of front-to-back order;
+/// `setOrderedTraversal(true)` visits the children front to back along the
+/// packet's mean direction instead, which finds the nearest hits early and
+/// prunes far more of the tree for coherent packets. Each triangle is
 /// tested at most once per packet, even when it lies in several voxels: a
 /// per-triangle stamp marks the triangles seen by the current packet, so no
 /// array is cleared per packet. In first-hit mode the walk stops as soon as
@@ -222,6 +225,17 @@ class KXGEOM_API QuadRayTracer {
   /// packets).
   void intersect(QuadRay& packet);
 
+  /// Chooses the child order of later `intersect` calls.
+  /// [in] ordered  true: front to back along each packet's mean direction
+  ///               (`OctreeQuadRayIntersectIt::reset(packet, true)`); false
+  ///               (the initial setting): the fixed order 0..7.
+  /// A nearest-hit packet gets the same hits either way, up to the
+  /// reciprocal-estimate tolerance of the box test at a cell boundary; a
+  /// first-hit packet may stop at other (earlier-found) hits. Cost O(1).
+  void setOrderedTraversal(bool ordered) { ordered_ = ordered; }
+  /// Whether `intersect` walks front to back. Cost O(1).
+  bool orderedTraversal() const { return ordered_; }
+
  private:
   // Tests the unseen triangles of one voxel; false once every ray is finished.
   bool intersectVoxel(QuadRay& packet, int voxel);
@@ -229,6 +243,7 @@ class KXGEOM_API QuadRayTracer {
   OctreeQuadRayIntersectIt leaves_;
   kx::vector<std::uint32_t> stamps_;
   std::uint32_t stamp_ = 1;
+  bool ordered_ = false;
   const OctreeTris* tris_;
   const MeshVertex* vertices_;
   const MeshTriangle* triangles_;

@@ -230,7 +230,7 @@ bool QuadRayTracer::intersectVoxel(QuadRay& packet, int voxel) {
 }
 
 void QuadRayTracer::intersect(QuadRay& packet) {
-  for (leaves_.reset(packet, false); leaves_.valid(); leaves_.next()) {
+  for (leaves_.reset(packet, ordered_); leaves_.valid(); leaves_.next()) {
     if (!intersectVoxel(packet, leaves_.get().getVoxel())) break;
   }
   if (++stamp_ == 0xFFFFFFFFu) {

@@ -385,20 +385,26 @@ TEST(QuadRayTracer, OrderedAndUnorderedWalksFindTheSameNearestHits) {
   std::mt19937 rng(41);
   const IndexedMesh m(kxtest::makeRandomMesh(500, 1200, 43));
   QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
+  QuadRayTracer orderedTracer(m.octree, m.tris, &m.mesh);
+  EXPECT_FALSE(tracer.orderedTraversal());
+  orderedTracer.setOrderedTraversal(true);
   int identical = 0, lanes = 0;
   for (int i = 0; i < 500; ++i) {
     PointFlt o;
     Directions d;
     QuadRay traced = randomPacket(m.box, i % 3 == 0, true, rng, o, d);
-    QuadRay ordered = traced, unordered = traced;
+    QuadRay ordered = traced, unordered = traced, tracedOrdered = traced;
     tracer.intersect(traced);
+    orderedTracer.intersect(tracedOrdered);
     traceWithoutStamps(ordered, m, true);
     traceWithoutStamps(unordered, m, false);
     ASSERT_EQ(traced.hitMask(), ordered.hitMask());
     ASSERT_EQ(traced.hitMask(), unordered.hitMask());
+    ASSERT_EQ(tracedOrdered.hitMask(), ordered.hitMask());
     for (int k = 0; k < 4; ++k) {
       // Same triangles in the same order: the stamps only drop repeats.
       ASSERT_EQ(traced.triIntersectionRayParam(k), unordered.triIntersectionRayParam(k));
+      ASSERT_EQ(tracedOrdered.triIntersectionRayParam(k), ordered.triIntersectionRayParam(k));
       // Another order may prune a near-tie differently (reciprocal estimates).
       const float t = traced.triIntersectionRayParam(k),
                   tOrdered = ordered.triIntersectionRayParam(k);

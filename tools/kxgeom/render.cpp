@@ -121,6 +121,7 @@ Image renderMesh(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
     kxOS::StopWatch watch;
     kxUtil::forEachRange(kxUtil::ThreadPool::get(), bands, [&](int thread, int b0, int b1) {
       kxGeom::QuadRayTracer tracer(octree, tris, &mesh);
+      tracer.setOrderedTraversal(true);  // camera packets are coherent
       for (int b = b0; b < b1 && !progress.cancelled(); ++b) {
         traceRows(cam, tracer, b * 16, std::min(options.height, (b + 1) * 16), depth);
         if (thread == 0) progress.set(double(b + 1 - b0) / (b1 - b0));
