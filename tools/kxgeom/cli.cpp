@@ -162,6 +162,13 @@ void writeMesh(const kxGeom::CompactMesh& mesh, const std::string& path) {
   });
 }
 
+void parseSize(const std::string& text, int& width, int& height) {
+  if (std::sscanf(text.c_str(), "%dx%d", &width, &height) != 2 || width < 1 || height < 1 ||
+      width > 16384 || height > 16384) {
+    throw Failure("--size expects WxH with 1 <= W, H <= 16384");
+  }
+}
+
 void applyCommonOptions(const Args& args) {
   if (args.has("threads")) {
     const int n = args.getInt("threads", 0);

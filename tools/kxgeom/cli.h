@@ -63,6 +63,9 @@ void writeMesh(const kxGeom::CompactMesh& mesh, const std::string& path);
 /// reports success; removes it otherwise.
 void writeAtomically(const std::string& path, const std::function<bool(const std::string&)>& write);
 
+/// Parses an image size "WxH" (1 to 16384 each); fails otherwise.
+void parseSize(const std::string& text, int& width, int& height);
+
 /// Applies the common options: --threads N and --verbose.
 void applyCommonOptions(const Args& args);
 

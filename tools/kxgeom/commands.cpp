@@ -81,13 +81,6 @@ kxLinear::Vector parseVector(const std::string& text) {
   return v;
 }
 
-void parseSize(const std::string& text, int& width, int& height) {
-  if (std::sscanf(text.c_str(), "%dx%d", &width, &height) != 2 || width < 1 || height < 1 ||
-      width > 16384 || height > 16384) {
-    throw Failure("--size expects WxH with 1 <= W, H <= 16384");
-  }
-}
-
 }  // namespace
 
 int runInfo(int argc, char** argv) {

@@ -281,6 +281,8 @@ int runDemo(int argc, char** argv) {
     return 0;
   }
   applyCommonOptions(args);
+  RenderOptions options;
+  if (args.has("size")) parseSize(args.get("size"), options.width, options.height);
   const std::filesystem::path dir = args.get("output", "kxgeom-demo");
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
@@ -310,14 +312,6 @@ int runDemo(int argc, char** argv) {
   demoScreen(sample, report);
   progress.throwIfCancelled();
 
-  RenderOptions options;
-  if (args.has("size")) {
-    if (std::sscanf(args.get("size").c_str(), "%dx%d", &options.width, &options.height) != 2 ||
-        options.width < 1 || options.height < 1 || options.width > 16384 ||
-        options.height > 16384) {
-      throw Failure("--size expects WxH");
-    }
-  }
   RenderStats stats;
   kxUtil::Progress renderPhase;
   progress.subPhase(0.5, renderPhase);
