@@ -220,12 +220,12 @@ class KXGEOM_API TriangleAlgorithm {
   /// clipped away; true otherwise. Cost O(1).
   bool evaluateTriangle(const Vertex& a, const Vertex& b, const Vertex& c, const MeshUV* uvs);
 
-  /// Facing of a triangle from homogeneous screen positions (x, y, w) stored
-  /// as (x, y, z) -- pass z = 1 for positions already divided by w. The
-  /// triangle winds counter-clockwise when det[a; b; c] > 0 (x right, y up).
-  /// Sets `isFrontFacing()`. Returns true when the triangle is culled:
-  /// cull-front set and front-facing, or cull-back set and back-facing.
-  /// A degenerate triangle (det = 0) counts as clockwise. Cost O(1).
+  /// Facing of a triangle from its projected 2D screen positions: x and y
+  /// are read, z is ignored. The triangle winds counter-clockwise when
+  /// (b - a) x (c - a) > 0 (x right, y up). Sets `isFrontFacing()`. Returns
+  /// true when the triangle is culled: cull-front set and front-facing, or
+  /// cull-back set and back-facing. A degenerate or non-finite triangle
+  /// counts as clockwise. Cost O(1).
   bool cullFace(const kxLinear::PointFlt& a, const kxLinear::PointFlt& b,
                 const kxLinear::PointFlt& c);
   /// The facing found by the last `cullFace`.

@@ -10,7 +10,9 @@
 //
 // Thread safety: each call needs exclusive access to its output mesh only.
 // Failure: the builders have no failure value; each documents how it treats
-// out-of-range counts.
+// out-of-range counts. A size whose vertex count, or three times whose
+// triangle count, exceeds the int range is refused: the mesh is left as it
+// was and one line naming the builder goes to the debug channel.
 #pragma once
 
 #include <kxgeom/platform/boundingbox.h>

@@ -12,6 +12,13 @@ namespace {
 constexpr std::uint32_t kUVMask = 0x30;  // components 4 (u) and 5 (v)
 constexpr double kFaceSlack = 1.000001;  // relative slack at face crossings
 
+// Where a clip-space vertex lands on the screen: its perspective division.
+// Facing is the winding of these positions, not of the homogeneous points,
+// whose determinant loses the winding when w vanishes or changes sign.
+kxLinear::PointFlt screenPosition(const Clip::Vertex& v) {
+  return kxLinear::PointFlt(v.x / v.w, v.y / v.w, 0.0f);
+}
+
 constexpr Region makeRegion(std::uint32_t code) {
   const std::uint32_t axisBits[3] = {0x03, 0x0C, 0x30};
   std::uint32_t outsideAxes = 0;
@@ -149,8 +156,7 @@ bool TriangleAlgorithm::evaluateMesh(const CompactMesh& mesh,
 bool TriangleAlgorithm::evaluateTriangle(const Vertex& a, const Vertex& b, const Vertex& c,
                                          const MeshUV* uvs) {
   if (a.outcode & b.outcode & c.outcode) return false;
-  if (cullFace(kxLinear::PointFlt(a.x, a.y, a.w), kxLinear::PointFlt(b.x, b.y, b.w),
-               kxLinear::PointFlt(c.x, c.y, c.w))) {
+  if (cullFace(screenPosition(a), screenPosition(b), screenPosition(c))) {
     return false;
   }
   const Vertex* corners[3] = {&a, &b, &c};
@@ -185,9 +191,9 @@ bool TriangleAlgorithm::reportPieces() {
 
 bool TriangleAlgorithm::cullFace(const kxLinear::PointFlt& a, const kxLinear::PointFlt& b,
                                  const kxLinear::PointFlt& c) {
-  const kxLinear::Point pa(a), pb(b), pc(c);
-  const double det = kxLinear::dot(pa, kxLinear::cross(pb, pc));
-  const bool counterClockwise = det > 0.0;
+  const double area2 =
+      (double(b.x) - a.x) * (double(c.y) - a.y) - (double(b.y) - a.y) * (double(c.x) - a.x);
+  const bool counterClockwise = area2 > 0.0;
   frontFacing_ = clockwiseFront_ ? !counterClockwise : counterClockwise;
   return (cullFront_ && frontFacing_) || (cullBack_ && !frontFacing_);
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <set>
+#include <unordered_map>
 
 #include <kxgeom/platform/bitvector.h>
 #include <kxgeom/platform/os.h>
@@ -250,11 +252,15 @@ struct OnePart {
   bool isSeam(int v) const { return vertexParts.getSetSize(v) >= 2; }
 };
 
+// True when a triangle of the scope holds the directed edge from -> to. Such a
+// triangle is listed at both ends, so the shorter list is scanned: at the hub
+// of a fan every spoke is then answered from the rim vertex's few triangles.
 template <class Scope>
 bool hasEdgeIn(const MeshTriangle* triangles, const MeshAdjTris& adjTris, int from, int to,
                const Scope& scope) {
-  const int* tris = adjTris.triIndices(from);
-  const int numTris = adjTris.numTris(from);
+  const int end = adjTris.numTris(to) < adjTris.numTris(from) ? to : from;
+  const int* tris = adjTris.triIndices(end);
+  const int numTris = adjTris.numTris(end);
   for (int i = 0; i < numTris; ++i) {
     if (scope.usesTriangle(tris[i]) && Boundary::findEdge(from, triangles[tris[i]]) == to) {
       return true;
@@ -309,6 +315,62 @@ void computeLoops(const CompactMesh& mesh, const MeshAdjTris& adjTris,
 bool containsDirectedEdge(const MeshTriangle& tri, int from, int to) {
   return (tri[0] == from && tri[1] == to) || (tri[1] == from && tri[2] == to) ||
          (tri[2] == from && tri[0] == to);
+}
+
+// Fans up to this size are ordered by the plain forward scan; larger ones
+// (the hub of a big fan) by an index of positions that answers the same
+// question in logarithmic time.
+constexpr int kPlainFanLimit = 64;
+
+// The positions in `order` of the triangles holding each directed edge
+// vertex -> w, keyed by w: the first such position past i is the triangle the
+// forward scan from i + 1 would meet first.
+class FanEdgeIndex {
+ public:
+  FanEdgeIndex(int vertex, const MeshTriangle* triangles, const kx::vector<int>& order)
+      : vertex_(vertex), triangles_(triangles) {
+    for (int j = 0; j < int(order.size()); ++j) update(order[j], -1, j);
+  }
+
+  // First position after `i` of a triangle with the edge vertex -> to, or -1.
+  int firstAfter(int i, int to) const {
+    const auto key = positions_.find(to);
+    if (key == positions_.end()) return -1;
+    const auto it = key->second.upper_bound(i);
+    return it == key->second.end() ? -1 : *it;
+  }
+
+  // Triangle t moved from position `from` (-1: new) to position `to`.
+  void update(int t, int from, int to) {
+    const MeshTriangle& tri = triangles_[t];
+    for (int c = 0; c < 3; ++c) {
+      if (tri[c] != vertex_) continue;
+      std::set<int>& at = positions_[tri[(c + 1) % 3]];
+      if (from >= 0) at.erase(from);
+      at.insert(to);
+    }
+  }
+
+ private:
+  int vertex_;
+  const MeshTriangle* triangles_;
+  std::unordered_map<int, std::set<int>> positions_;
+};
+
+int cornerBefore(int vertex, const MeshTriangle& tri) {
+  const int k = tri[0] == vertex ? 0 : (tri[1] == vertex ? 1 : 2);
+  return tri[(k + 2) % 3];
+}
+
+void sortLargeFan(int vertex, const MeshTriangle* triangles, kx::vector<int>& out) {
+  FanEdgeIndex index(vertex, triangles, out);
+  for (int i = 0; i + 1 < int(out.size()); ++i) {
+    const int j = index.firstAfter(i, cornerBefore(vertex, triangles[out[i]]));
+    if (j <= i + 1) continue;  // none, or already next
+    index.update(out[i + 1], i + 1, j);
+    index.update(out[j], j, i + 1);
+    std::swap(out[i + 1], out[j]);
+  }
 }
 
 }  // namespace
@@ -378,6 +440,10 @@ void meshTriAdjTris(const CompactMesh& mesh, MeshTriAdjTris& out) {
     fillTriAdjTris(groups, m, sets);
   } else {
     std::fill(sets.offsets(), sets.offsets() + m + 1, 0);
+    debugChannel().print(
+        "MeshTriAdjTris: %lld neighbour entries exceed the table's range, "
+        "left empty\n",
+        static_cast<long long>(groups.total));
   }
   MeshTriAdjTris table(sets);
   out.swap(table);
@@ -391,18 +457,20 @@ bool getSharedEdgeAdjacentTriangle(const int& triangle, int edge, const MeshTria
   const int a = triangles[self][edge];
   const int b = triangles[self][(edge + 1) % 3];
   adjacentEdge = -1;
-  const int* tris = adjTris.triIndices(a);
-  const int numTris = adjTris.numTris(a);
+  // Both ends list their triangles in ascending order, so the first triangle
+  // of a's list holding b is the first of b's list holding a: the shorter
+  // list answers, and a hub's long list is never scanned edge after edge.
+  const int end = adjTris.numTris(b) < adjTris.numTris(a) ? b : a;
+  const int other = end == a ? b : a;
+  const int* tris = adjTris.triIndices(end);
+  const int numTris = adjTris.numTris(end);
   for (int i = 0; i < numTris; ++i) {
     if (tris[i] == self) continue;
-    const MeshTriangle& other = triangles[tris[i]];
-    for (int c = 0; c < 3; ++c) {
-      if (other[c] == b) {
-        adjacentTriangle = tris[i];
-        adjacentEdge = c;
-        return true;
-      }
-    }
+    const MeshTriangle& candidate = triangles[tris[i]];
+    if (candidate[0] != other && candidate[1] != other && candidate[2] != other) continue;
+    adjacentTriangle = tris[i];
+    adjacentEdge = candidate[0] == b ? 0 : (candidate[1] == b ? 1 : 2);
+    return true;
   }
   return false;
 }
@@ -415,10 +483,12 @@ void sortAdjTris(int vertex, int count, const int* triangleIndices, const MeshTr
   } else {
     out.assign(triangleIndices, triangleIndices + count);
   }
+  if (count > kPlainFanLimit) {
+    sortLargeFan(vertex, triangles, out);
+    return;
+  }
   for (int i = 0; i + 1 < count; ++i) {
-    const MeshTriangle& tri = triangles[out[i]];
-    const int k = tri[0] == vertex ? 0 : (tri[1] == vertex ? 1 : 2);
-    const int before = tri[(k + 2) % 3];
+    const int before = cornerBefore(vertex, triangles[out[i]]);
     for (int j = i + 1; j < count; ++j) {
       if (containsDirectedEdge(triangles[out[j]], vertex, before)) {
         std::swap(out[i + 1], out[j]);

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <locale>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <unordered_map>
 
@@ -26,6 +27,15 @@ struct FileBuffer {
   const char* begin() const { return bytes.get(); }
   const char* end() const { return bytes.get() + size; }
 };
+
+// The size of an open file in bytes, 0 when it cannot be told (a pipe); the
+// position is left at the start.
+std::size_t fileSize(std::FILE* f) {
+  if (std::fseek(f, 0, SEEK_END) != 0) return 0;
+  const long size = std::ftell(f);
+  std::fseek(f, 0, SEEK_SET);
+  return size > 0 ? std::size_t(size) : 0;
+}
 
 // Reads the whole file. False when it cannot be opened or read.
 bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
@@ -292,7 +302,8 @@ enum class ObjError { None, Number, MissingVertex, MissingUV, MissingNormal };
 
 class ObjParser {
  public:
-  explicit ObjParser(ObjContent& out) : out_(out) {}
+  // `fileBytes` bounds what the file can hold, and so what may be reserved.
+  ObjParser(ObjContent& out, std::size_t fileBytes) : out_(out), fileBytes_(fileBytes) {}
 
   // Parses every line; on failure `line()` and `badIndex()` tell where.
   ObjError parse(LineReader& lines) {
@@ -405,12 +416,17 @@ class ObjParser {
     return ObjError::None;
   }
   // On the first face, makes room for the two triangles per vertex of a
-  // typical closed mesh; only positions already read justify the size.
+  // typical closed mesh, but never for more corners than the file's bytes
+  // could spell at the eight or so bytes a corner of such a mesh takes: a
+  // file of vertices and one face must not ask for memory it cannot fill.
   void reserveCorners() {
-    if (out_.corners.capacity() == 0) out_.corners.reserve(6 * out_.positions.size());
+    if (out_.corners.capacity() == 0) {
+      out_.corners.reserve(std::min(6 * out_.positions.size(), fileBytes_ / 8));
+    }
   }
 
   ObjContent& out_;
+  std::size_t fileBytes_;
   int line_ = 0;
   int badIndex_ = 0;
 };
@@ -574,7 +590,20 @@ bool writeMaterialLibrary(const kx::list<kxUtil::Color>& colours, const kxOS::Fi
 
 }  // namespace
 
-void meshRead(CompactMesh& mesh, const kxOS::Filename& filename) {
+namespace {
+
+// Runs a reader that leaves the caller's mesh alone until it succeeds, and
+// turns running out of memory into that same untouched failure.
+template <class Read>
+void readGuarded(const kxOS::Filename& filename, Read read) {
+  try {
+    read();
+  } catch (const std::bad_alloc&) {
+    debugChannel().print("meshRead: %s: out of memory\n", filename.asMultibyte().c_str());
+  }
+}
+
+void readIndexed(CompactMesh& mesh, const kxOS::Filename& filename) {
   kx::vector<MeshVertex> vertices;
   kx::vector<int> triangles;
   auto addVertex = [&vertices](float x, float y, float z) { vertices.push_back({x, y, z}); };
@@ -593,7 +622,7 @@ void meshRead(CompactMesh& mesh, const kxOS::Filename& filename) {
   mesh.swap(result);
 }
 
-void meshRead(TopoMesh& mesh, const kxOS::Filename& filename) {
+void readIndexed(TopoMesh& mesh, const kxOS::Filename& filename) {
   TopoMesh result;
   kx::vector<TopoMeshVertex> corners;
   auto addVertex = [&result](double x, double y, double z) { result.addVertex({x, y, z}); };
@@ -613,6 +642,16 @@ void meshRead(TopoMesh& mesh, const kxOS::Filename& filename) {
   mesh.swap(result);
   TopoMeshModification mod(&mesh, TopoMeshModification::Topology);
   mesh.modified(mod);
+}
+
+}  // namespace
+
+void meshRead(CompactMesh& mesh, const kxOS::Filename& filename) {
+  readGuarded(filename, [&] { readIndexed(mesh, filename); });
+}
+
+void meshRead(TopoMesh& mesh, const kxOS::Filename& filename) {
+  readGuarded(filename, [&] { readIndexed(mesh, filename); });
 }
 
 void meshWrite(const CompactMesh& mesh, const kxOS::Filename& filename) {
@@ -660,9 +699,16 @@ bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename) {
     return false;
   }
   ObjContent content;
-  ObjParser parser(content);
-  LineReader lines(file);
-  const ObjError e = parser.parse(lines);
+  ObjParser parser(content, fileSize(file));
+  ObjError e = ObjError::None;
+  try {
+    LineReader lines(file);
+    e = parser.parse(lines);
+  } catch (const std::bad_alloc&) {
+    std::fclose(file);
+    debugChannel().print("meshReadObj: %s line %d: out of memory\n", name.c_str(), parser.line());
+    return false;
+  }
   const bool unreadable = std::ferror(file) != 0;  // e.g. a directory
   std::fclose(file);
   if (unreadable) {
@@ -679,7 +725,12 @@ bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename) {
                          parser.line(), missingKind(e), parser.badIndex());
     return false;
   }
-  ObjAssembler(content).build(mesh);
+  try {
+    ObjAssembler(content).build(mesh);
+  } catch (const std::bad_alloc&) {
+    debugChannel().print("meshReadObj: %s: out of memory\n", name.c_str());
+    return false;
+  }
   debugChannel().print("meshReadObj: %d vertices, %d triangles %f s\n", mesh.getNumVertices(),
                        mesh.getNumTriangles(), watch.stop());
   return true;

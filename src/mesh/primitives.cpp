@@ -1,14 +1,32 @@
 #include <kxgeom/primitives.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <utility>
 
 #include <kxgeom/platform/containers.h>
+#include <kxgeom/platform/os.h>
 
 namespace kxGeom {
 
 namespace {
+
+// True when a shape of these counts can be stored with int indices, three
+// per triangle; otherwise logs why `shape` leaves the mesh as it was.
+bool countsFit(const char* shape, std::int64_t vertices, std::int64_t triangles) {
+  if (vertices <= INT_MAX && 3 * triangles <= INT_MAX) return true;
+  debugChannel().print("%s: %lld vertices and %lld triangles exceed the index range\n", shape,
+                       static_cast<long long>(vertices), static_cast<long long>(triangles));
+  return false;
+}
+
+// countsFit for a square grid of `cells` x `cells` cells.
+bool gridFits(const char* shape, int cells) {
+  const std::int64_t row = std::int64_t(cells) + 1;
+  return countsFit(shape, row * row, 2 * std::int64_t(cells) * cells);
+}
 
 constexpr double kPi = 3.14159265358979323846;
 
@@ -232,6 +250,8 @@ void constructSphere(const kxLinear::Point& center, float radius, int resolution
                      CompactMesh& mesh) {
   const int n = std::max(1, resolution);
   const int rings = 2 * n - 1, segments = 4 * n;
+  const std::int64_t bands = 4 * std::int64_t(n) * (2 * std::int64_t(n) - 1);
+  if (!countsFit("constructSphere", bands + 2, 2 * bands)) return;
   const float cx = float(center.x), cy = float(center.y), cz = float(center.z);
   ShapeBuffers s;
   s.vertices.reserve(std::size_t(segments) * rings + 2);
@@ -301,6 +321,10 @@ void constructDisk(const kxLinear::Point& center, float radius, int segments, in
                    CompactMesh& mesh) {
   segments = std::max(3, segments);
   rings = std::max(1, rings);
+  if (!countsFit("constructDisk", 1 + std::int64_t(segments) * rings,
+                 std::int64_t(segments) * (2 * std::int64_t(rings) - 1))) {
+    return;
+  }
   ShapeBuffers s;
   s.vertices.push_back(toVertex(center));
   s.uvs.push_back({0.5f, 0.5f});
@@ -329,12 +353,14 @@ void constructDisk(const kxLinear::Point& center, float radius, int segments, in
 void constructCircle(const kxLinear::Point& center, float radius, int segments, int normalAxis,
                      CompactMesh& mesh) {
   segments = std::max(3, segments);
+  if (!countsFit("constructCircle", std::int64_t(segments) + 1, 0)) return;
   arcStrip(center, radius, 0.0, 2 * kPi / segments, segments, normalAxis, true, mesh);
 }
 
 void constructArc(const kxLinear::Point& center, float radius, float startAngle, float endAngle,
                   int segments, int normalAxis, CompactMesh& mesh) {
   segments = std::max(1, segments);
+  if (!countsFit("constructArc", std::int64_t(segments) + 1, 0)) return;
   arcStrip(center, radius, startAngle, (double(endAngle) - startAngle) / segments, segments + 1,
            normalAxis, false, mesh);
 }
@@ -342,6 +368,10 @@ void constructArc(const kxLinear::Point& center, float radius, float startAngle,
 void constructAnnularArc(float innerRadius, float outerRadius, double sweep, int segments,
                          CompactMesh& mesh) {
   segments = std::max(1, segments);
+  if (!countsFit("constructAnnularArc", 2 * std::int64_t(segments) + 2,
+                 2 * std::int64_t(segments))) {
+    return;
+  }
   ShapeBuffers s;
   s.vertices.resize(2 * std::size_t(segments) + 2);
   annularPositions(innerRadius, outerRadius, sweep, segments, s.vertices.data());
@@ -376,8 +406,9 @@ void constructRectangle(const float* const min, const float* const max, float z,
   kxLinear::Point origin;
   kxLinear::Vector du, dv;
   rectangleFrame(min, max, z, origin, du, dv);
-  gridShape(origin, du, dv, std::max(1, subdivisions), withNormals, UVRange{uvMin, uvMax})
-      .install(mesh);
+  const int cells = std::max(1, subdivisions);
+  if (!gridFits("constructRectangle", cells)) return;
+  gridShape(origin, du, dv, cells, withNormals, UVRange{uvMin, uvMax}).install(mesh);
 }
 
 void constructRectangle(const float* const min, const float* const max, float z, int subdivisions,
@@ -385,7 +416,9 @@ void constructRectangle(const float* const min, const float* const max, float z,
   kxLinear::Point origin;
   kxLinear::Vector du, dv;
   rectangleFrame(min, max, z, origin, du, dv);
-  gridTopo(origin, du, dv, std::max(1, subdivisions), mesh);
+  const int cells = std::max(1, subdivisions);
+  if (!gridFits("constructRectangle", cells)) return;
+  gridTopo(origin, du, dv, cells, mesh);
 }
 
 void constructSquare(const float* const center, float size, int subdivisions, CompactMesh& mesh,

@@ -141,6 +141,15 @@ double boxDistance2(const float* box, const kxLinear::Point& p) {
   return d2;
 }
 
+// A box's squared distance to p in the box's own single precision, or, where
+// that overflows (p some 1e19 or more away), the same in double, so that a
+// far but finite query still orders and reaches the cells.
+double boxDistance2(const BoundingBox& box, const kxLinear::PointFlt& pf,
+                    const kxLinear::Point& p) {
+  const float d2 = box.distance2(pf);
+  return std::isinf(d2) ? boxDistance2(box.data(), p) : double(d2);
+}
+
 // A lower bound of a triangle's squared distance to p: that of its box. The
 // corners are the nine floats at `corners`.
 double cornersBoxDistance2(const float* corners, const kxLinear::Point& p) {
@@ -486,7 +495,7 @@ class OctreeClosestItImpl {
   // The cell's key: its box distance, or its bound's when bounds are given.
   double distance2(const OctreeIterator& cell) const {
     if (bounds_) return bounds_[cell.getNode() - root_.getNode()].distance2(point_);
-    return cell.getBox().distance2(pointFlt_);
+    return boxDistance2(cell.getBox(), pointFlt_, point_);
   }
 
   OctreeIterator root_;
@@ -682,7 +691,7 @@ double meshClosestPoint(const CompactMesh& mesh, const Octree& vertexOctree,
       if (vertexSeen[v]) continue;
       vertexSeen[v] = 1;
       const double bound =
-          vertexBoxes ? vertexBoxes[v].distance2(pf) : vertexFanBox(mesh, adjTris, v).distance2(pf);
+          boxDistance2(vertexBoxes ? vertexBoxes[v] : vertexFanBox(mesh, adjTris, v), pf, p);
       if (!(bound < best)) continue;
       const int* tris = adjTris.triIndices(v);
       for (int k = 0, n = adjTris.numTris(v); k < n; ++k) {

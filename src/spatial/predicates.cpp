@@ -41,24 +41,26 @@ struct RayTriangleSetup {
 };
 
 // Barycentric bounds of a front face (det > 0): 0 <= u, v and u + v <= det,
-// unscaled. Writes u and v as it goes; on success `q` holds s x e1.
+// unscaled. Writes u and v as it goes; on success `q` holds s x e1. The
+// bounds are written as conditions that must hold, so a NaN (which fails
+// every comparison) is a miss.
 bool frontFaceBounds(const RayTriangleSetup& rt, const Vector& dir, const Vector& s, Vector& q,
                      double& u, double& v) {
   u = kxLinear::dot(s, rt.p);
-  if (u < 0.0 || u > rt.det) return false;
+  if (!(u >= 0.0 && u <= rt.det)) return false;
   q = kxLinear::cross(s, rt.e1);
   v = kxLinear::dot(dir, q);
-  return !(v < 0.0 || u + v > rt.det);
+  return v >= 0.0 && u + v <= rt.det;
 }
 
 // The same bounds mirrored for a back face (det < 0).
 bool backFaceBounds(const RayTriangleSetup& rt, const Vector& dir, const Vector& s, Vector& q,
                     double& u, double& v) {
   u = kxLinear::dot(s, rt.p);
-  if (u > 0.0 || u < rt.det) return false;
+  if (!(u <= 0.0 && u >= rt.det)) return false;
   q = kxLinear::cross(s, rt.e1);
   v = kxLinear::dot(dir, q);
-  return !(v > 0.0 || u + v < rt.det);
+  return v <= 0.0 && u + v >= rt.det;
 }
 
 // Scales the unscaled results by one reciprocal of the determinant.
@@ -152,6 +154,8 @@ bool intersectRayTriangle(const double* dir, const float* orig, const float* ver
     return false;
   }
   scaleHit(rt, q, t, u, v);
+  // Infinite coordinates can pass the bounds and still give t = inf / inf.
+  if (std::isnan(t)) return false;
   return rt.det >= 0.0 || t >= backfaceCullDistance;
 }
 
@@ -160,11 +164,11 @@ bool intersectRayTriangleCull(const double* dir, const float* orig, const float*
                               double& v) {
   const Vector d = Vector::from(dir);
   const RayTriangleSetup rt(d, vert0, vert1, vert2);
-  if (rt.det < kParallelDet) return false;
+  if (!(rt.det >= kParallelDet)) return false;  // NaN included
   Vector q;
   if (!frontFaceBounds(rt, d, floatDifference(orig, vert0), q, u, v)) return false;
   scaleHit(rt, q, t, u, v);
-  return true;
+  return !std::isnan(t);
 }
 
 bool intersectRayTriangle(const Vector& dir, const kxLinear::PointFlt& orig,

@@ -440,6 +440,15 @@ TEST(TriangleWalk, CullingSelectionStoppingAndEarlyAnswers) {
     EXPECT_EQ(!p.triangles.empty(), withFunc && visible) << c;
     EXPECT_EQ(alg.isFrontFacing(), !clockwiseFront) << c;
   }
+  // Facing is the winding of the 2D positions alone: z = 0 (where a
+  // homogeneous determinant vanishes) still tells the two windings apart.
+  Clip::TriangleAlgorithm facing;
+  facing.setCullFaces(false, true);
+  const kxLinear::PointFlt a(0, 0, 0), b(1e-3f, 0, 0), c(0, 1e-3f, 0);
+  EXPECT_FALSE(facing.cullFace(a, b, c));
+  EXPECT_TRUE(facing.isFrontFacing());
+  EXPECT_TRUE(facing.cullFace(a, c, b));
+  EXPECT_FALSE(facing.isFrontFacing());
   kxGeom::CompactMesh mesh = offsetGrid();
   mesh.getSelectedTriangles().setBit(5);
   Clip::TriangleAlgorithm alg;

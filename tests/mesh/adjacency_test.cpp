@@ -256,7 +256,11 @@ TEST(AdjacencyTables, TableBeyondIntRangeComesOutAsEmptySets) {
   std::vector<int> corners;
   for (int i = 0; i < k; ++i) corners.insert(corners.end(), {0, 1, i + 2});
   MeshTriAdjTris triAdj;
+  kxtest::LogCapture log;
   meshTriAdjTris(meshFrom(k + 2, corners), triAdj);
+  ASSERT_EQ(log.lines().size(), 2u);
+  EXPECT_EQ(log.lines()[0],
+            "MeshTriAdjTris: 2147534622 neighbour entries exceed the table's range, left empty\n");
   ASSERT_EQ(triAdj.getNumTriangles(), k);
   EXPECT_EQ(triAdj.getData().getNumMembers(), 0);
   EXPECT_EQ(triAdj.numTris(0) + triAdj.numTris(k - 1), 0);
@@ -341,6 +345,89 @@ TEST(LocalQueries, SortAdjTrisRotatesClosedFansAndStopsAtBreaks) {
     sortAdjTris(0, count, in.data(), fan.getTriangles(), out);
     EXPECT_EQ(std::vector<int>(out.begin(), out.end()),
               std::vector<int>(in.begin(), in.begin() + count));
+  }
+}
+
+// The forward scan that orders a fan, written out plainly as the oracle of
+// the indexed ordering large fans get.
+std::vector<int> plainFanOrder(int v, std::vector<int> out, const MeshTriangle* tris) {
+  for (std::size_t i = 0; i + 1 < out.size(); ++i) {
+    const MeshTriangle& t = tris[out[i]];
+    const int k = t[0] == v ? 0 : (t[1] == v ? 1 : 2);
+    const int before = t[(k + 2) % 3];
+    for (std::size_t j = i + 1; j < out.size(); ++j) {
+      const MeshTriangle& u = tris[out[j]];
+      if ((u[0] == v && u[1] == before) || (u[1] == v && u[2] == before) ||
+          (u[2] == v && u[0] == before)) {
+        std::swap(out[i + 1], out[j]);
+        break;
+      }
+    }
+  }
+  return out;
+}
+
+// A hub of `n` triangles: a fan (0, i, i + 1) when `fan`, else a star of
+// triangles (0, 2i + 1, 2i + 2) that share nothing but the hub.
+CompactMesh hub(int n, bool fan) {
+  std::vector<int> c;
+  for (int i = 0; i < n; ++i) {
+    c.insert(c.end(), fan ? std::initializer_list<int>{0, i + 1, i + 2}
+                          : std::initializer_list<int>{0, 2 * i + 1, 2 * i + 2});
+  }
+  return meshFrom(fan ? n + 2 : 2 * n + 1, c);
+}
+
+TEST(LocalQueries, LargeFansOrderAsThePlainScanDoes) {
+  // A fan of 300 triangles around vertex 0, with reversed, repeated and
+  // degenerate members, shuffled.
+  std::vector<int> c;
+  for (int i = 1; i <= 300; ++i) c.insert(c.end(), {0, i, i % 300 + 1});
+  c.insert(c.end(), {0, 5, 4, 0, 7, 8, 0, 0, 9, 9, 0, 0, 0, 40, 41});
+  const CompactMesh fan = meshFrom(302, c);
+  std::vector<int> in(std::size_t(fan.getNumTriangles()));
+  std::iota(in.begin(), in.end(), 0);
+  std::mt19937 rng(11);
+  kx::vector<int> out;
+  for (int round = 0; round < 3; ++round) {
+    std::shuffle(in.begin(), in.end(), rng);
+    sortAdjTris(0, int(in.size()), in.data(), fan.getTriangles(), out);
+    EXPECT_EQ(std::vector<int>(out.begin(), out.end()), plainFanOrder(0, in, fan.getTriangles()));
+  }
+}
+
+TEST(Boundaries, HubsOfHundredThousandTrianglesCostNearLinearTime) {
+  const int n = 100000;
+  for (bool fan : {true, false}) {
+    const CompactMesh m = hub(n, fan);
+    MeshAdjTris adj;
+    meshAdjTris(m, adj);
+    MeshAdjVertices adjVerts;
+    meshAdjVertices(m, adj, adjVerts);
+    MeshTriAdjTris triAdj;
+    meshTriAdjTris(m, triAdj);
+    EXPECT_EQ(triAdj.getData().getNumMembers(), fan ? 2 * (n - 1) : 0);
+    MeshBoundaries loops;
+    meshComputeBoundary(m, adj, adjVerts, loops);
+    // The fan's rim and hub form one loop; the star gives a loop per
+    // triangle, the first of three vertices, the others of two (their walk
+    // ends at the hub, already visited).
+    ASSERT_EQ(loops.size(), fan ? 1 : n);
+    EXPECT_EQ(loops.getLength(0), fan ? n + 2 : 3);
+    if (!fan) {
+      EXPECT_EQ(loops.getLength(n - 1), 2);
+    }
+    int across = -1, edge = -1;
+    EXPECT_EQ(getSharedEdgeAdjacentTriangle(n / 2, 0, m.getTriangles(), adj, across, edge), fan);
+    EXPECT_EQ(across, fan ? n / 2 - 1 : -1);
+    EXPECT_EQ(edge, fan ? 2 : -1);
+    kx::vector<int> order;
+    std::vector<int> reversed(adj.triIndices(0), adj.triIndices(0) + n);
+    std::reverse(reversed.begin(), reversed.end());
+    sortAdjTris(0, n, reversed.data(), m.getTriangles(), order);
+    // The fan's chain runs backwards from its last triangle: reversed order
+    // is already a chain, so nothing moves.
+    EXPECT_EQ(std::vector<int>(order.begin(), order.end()), reversed);
   }
 }
 

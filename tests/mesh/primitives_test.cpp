@@ -3,7 +3,9 @@
 // and closedness checked by brute force over the triangles.
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cmath>
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -386,6 +388,30 @@ TEST(Primitives, LineShapes) {
   }
   EXPECT_EQ(seen.size(), 12u);
   for (const auto& e : seen) EXPECT_EQ(e.second, 1);
+}
+
+TEST(Primitives, SizesBeyondTheIndexRangeAreRefusedAndLeaveTheMesh) {
+  const float lo[2] = {0, 0}, hi[2] = {1, 1};
+  const std::vector<std::function<void(CompactMesh&)>> builders{
+      [](CompactMesh& m) { kxGeom::constructSphere(Point(), 1, 16384, m); },
+      [](CompactMesh& m) { kxGeom::constructDisk(Point(), 1, 1 << 16, 1 << 15, m); },
+      [](CompactMesh& m) { kxGeom::constructCircle(Point(), 1, INT_MAX, 2, m); },
+      [](CompactMesh& m) { kxGeom::constructAnnularArc(1, 2, 1, INT_MAX / 2, m); },
+      [&](CompactMesh& m) { kxGeom::constructRectangle(lo, hi, 0, 46341, m, false); },
+  };
+  for (const auto& build : builders) {
+    CompactMesh m = kxtest::makeGrid(1, 1);
+    kxtest::LogCapture log;
+    build(m);
+    EXPECT_EQ(m.getNumTriangles(), 2);
+    EXPECT_EQ(log.lines().size(), 1u);
+  }
+  kxGeom::TopoMesh grid;
+  kxGeom::constructSquare(lo, 1, 2, grid);
+  kxtest::LogCapture log;
+  kxGeom::constructRectangle(lo, hi, 0, 46341, grid);
+  EXPECT_EQ(grid.getNumFaces(), 4);
+  EXPECT_EQ(log.lines().size(), 1u);
 }
 
 TEST(Primitives, ConvexPolygonFacesUpWhateverTheBoundaryDirection) {

@@ -240,6 +240,31 @@ TEST(VertexOctreeSearch, ExactNearTheSurfaceAndBoundedFarAway) {
   }
 }
 
+TEST(VertexOctreeSearch, FarQueriesFindTheNearestAndNonFiniteOnesNothing) {
+  const CompactMesh m = kxtest::makeLatLongSphere(8, 12);
+  const Octree octree = kxtest::vertexOctree(m);
+  const kxGeom::MeshAdjTris adj = kxtest::adjacentTriangles(m);
+  Searchable s(m);
+  kxGeom::MeshClosestPoint search(s.mesh, s.octree, s.tris);
+  // Squared distances of these overflow single precision.
+  for (const Point& p : {Point(3e19, 1, 2), Point(-1e25, 4e24, 0), Point(0, 0, 1e38)}) {
+    const double exact2 = kxtest::bruteClosest2(m, p);
+    MeshCoord c;
+    EXPECT_NEAR(kxGeom::meshClosestPoint(m, octree, adj, p, &c) / exact2, 1.0, 1e-12);
+    EXPECT_TRUE(c.isValid());
+    EXPECT_NEAR(kxGeom::meshClosestVertex2(m, octree, p) / exact2, 1.0, 1e-6);
+    EXPECT_NEAR(search.compute(p, nullptr) / std::sqrt(exact2), 1.0, 1e-12);
+  }
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (const Point& p : {Point(nan, 0, 0), Point(0, INFINITY, 0)}) {
+    MeshCoord c;
+    EXPECT_EQ(kxGeom::meshClosestPoint(m, octree, adj, p, &c), kMax);
+    EXPECT_FALSE(c.isValid());
+    EXPECT_EQ(search.compute(p, &c), std::sqrt(kMax));
+    EXPECT_FALSE(c.isValid());
+  }
+}
+
 TEST(VertexOctreeSearch, DistanceLimitAndEmptyMesh) {
   const CompactMesh grid = kxtest::makeGrid(5, 5);
   const Octree octree = kxtest::vertexOctree(grid);

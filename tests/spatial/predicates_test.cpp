@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -169,6 +170,30 @@ TEST_F(RayTriangleCases, ForwardOverloadNeedsTBeyondTolerance) {
 }
 
 // --- Planar point in triangle ----------------------------------------------
+
+TEST(RayTriangle, NonFiniteInputsAlwaysMiss) {
+  const float nan = std::numeric_limits<float>::quiet_NaN(), inf = INFINITY;
+  const float v0[3] = {-1, -1, 0}, v1[3] = {3, -1, 0}, v2[3] = {-1, 3, 0};
+  const float orig[3] = {0, 0, 1};
+  const double dir[3] = {0, 0, -1};
+  for (int corner = 0; corner < 5; ++corner) {
+    for (float bad : {nan, inf, -inf}) {
+      float a[3] = {v0[0], v0[1], v0[2]}, o[3] = {orig[0], orig[1], orig[2]};
+      double d[3] = {dir[0], dir[1], dir[2]};
+      // One coordinate of the first corner, the origin or the direction.
+      if (corner < 3) a[corner] = bad;
+      if (corner == 3) o[0] = bad;
+      if (corner == 4) d[1] = double(bad);
+      double t = 0, u = 0, v = 0;
+      EXPECT_FALSE(kxGeom::intersectRayTriangle(d, o, a, v1, v2, t, u, v)) << corner << bad;
+      EXPECT_FALSE(kxGeom::intersectRayTriangleCull(d, o, a, v1, v2, t, u, v)) << corner << bad;
+    }
+  }
+  double t = 0, u = 0, v = 0;
+  EXPECT_TRUE(kxGeom::intersectRayTriangle(dir, orig, v0, v1, v2, t, u, v));
+  EXPECT_DOUBLE_EQ(t, 1.0);
+  EXPECT_TRUE(kxGeom::intersectRayTriangleCull(dir, orig, v0, v1, v2, t, u, v));
+}
 
 TEST(PointInTriangle2D, BothFormsAgreeWithBarycentricAreas) {
   std::mt19937 rng(11);
