@@ -38,6 +38,14 @@
 #include <kxgeom/ray_query.h>
 #include <kxgeom/ray_tracer.h>
 
+// Repair.
+#include <kxgeom/dihedral_angles.h>
+#include <kxgeom/mesh_cache.h>
+#include <kxgeom/mesh_intersect.h>
+#include <kxgeom/mesh_select.h>
+#include <kxgeom/orientation.h>
+#include <kxgeom/repair.h>
+
 // Smoothing, numerics, clipping, planar tests and sampling.
 #include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
