@@ -95,10 +95,32 @@ check "unknown command" run 2 frobnicate
 check "help for a command" run 0 render --help
 check "help text" contains "$out" "usage: kxgeom render"
 
+# A square with a repeated triangle, a degenerate one and a flipped one.
+cat >"$work/broken.obj" <<'OBJ'
+v 0 0 0
+v 1 0 0
+v 1 1 0
+v 0 1 0
+f 1 2 3
+f 1 3 4
+f 3 1 2
+f 1 1 2
+f 3 4 2
+OBJ
+check "check runs" run 0 check "$work/broken.obj" --intersections --json
+check "check json" python3 -c 'import json,sys; d=json.loads(sys.argv[1]); assert (d["duplicate_triangles"], d["repeated_index_triangles"], d["oriented"]) == (1, 1, False), d' "$out"
+check "repair runs" run 0 repair "$work/broken.obj" "$work/fixed.obj" --json
+check "repair json" python3 -c 'import json,sys; d=json.loads(sys.argv[1]); assert d["clean"] and d["triangles"] == 3, d' "$out"
+check "repaired mesh is clean" run 0 check "$work/fixed.obj"
+check "repaired mesh oriented" contains "$out" "consistently oriented        yes"
+check "repair bad angle" run 1 repair "$work/broken.obj" "$work/x.obj" --angle 200
+check "no output on bad angle" [ ! -e "$work/x.obj" ]
+
 check "demo runs" run 0 demo --output "$work/demo"
 check "demo writes an image" [ -s "$work/demo/render.png" ]
 check "demo writes a report" [ -s "$work/demo/report.txt" ]
 check "demo report mentions welding" grep -q "weld" "$work/demo/report.txt"
+check "demo report mentions repair" grep -q "repair: .* clean" "$work/demo/report.txt"
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

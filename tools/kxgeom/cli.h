@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -68,5 +69,11 @@ void parseSize(const std::string& text, int& width, int& height);
 
 /// Applies the common options: --threads N and --verbose.
 void applyCommonOptions(const Args& args);
+
+/// Parses a subcommand's arguments with the common options added and applied;
+/// prints `help` and yields nothing for --help.
+std::optional<Args> parseCommand(int argc, char** argv, const char* help,
+                                 const std::vector<std::string>& valued,
+                                 const std::vector<std::string>& flags);
 
 }  // namespace kxtool

@@ -19,28 +19,6 @@ namespace kxtool {
 
 namespace {
 
-const std::vector<std::string> kCommonValued = {"threads"};
-const std::vector<std::string> kCommonFlags = {"verbose", "help"};
-
-std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-// Parses the command line; prints `help` and yields nothing for --help.
-std::optional<Args> parse(int argc, char** argv, const char* help,
-                          const std::vector<std::string>& valued,
-                          const std::vector<std::string>& flags) {
-  Args args(argc, argv, plus(valued, kCommonValued), plus(flags, kCommonFlags));
-  if (args.has("help")) {
-    std::printf("%s\n\nCommon options: --threads N, --verbose (show the debug channel), --help\n",
-                help);
-    return std::nullopt;
-  }
-  applyCommonOptions(args);
-  return args;
-}
-
 std::vector<kxLinear::Point> readPoints(const std::string& path) {
   std::ifstream in(path);
   if (!in) throw Failure(path + ": cannot open");
@@ -83,12 +61,32 @@ kxLinear::Vector parseVector(const std::string& text) {
 
 }  // namespace
 
+std::optional<Args> parseCommand(int argc, char** argv, const char* help,
+                                 const std::vector<std::string>& valued,
+                                 const std::vector<std::string>& flags) {
+  static const std::vector<std::string> kCommonValued = {"threads"};
+  static const std::vector<std::string> kCommonFlags = {"verbose", "help"};
+  const auto plus = [](std::vector<std::string> a, const std::vector<std::string>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+  };
+  Args args(argc, argv, plus(valued, kCommonValued), plus(flags, kCommonFlags));
+  if (args.has("help")) {
+    std::printf("%s\n\nCommon options: --threads N, --verbose (show the debug channel), --help\n",
+                help);
+    return std::nullopt;
+  }
+  applyCommonOptions(args);
+  return args;
+}
+
 int runInfo(int argc, char** argv) {
-  const auto args = parse(argc, argv,
-                          "usage: kxgeom info FILE\nPrints vertex, triangle and boundary-loop "
-                          "counts, the bounding box, whether normals and UVs are present, and the "
-                          "longest edge.",
-                          {}, {});
+  const auto args =
+      parseCommand(argc, argv,
+                   "usage: kxgeom info FILE\nPrints vertex, triangle and boundary-loop "
+                   "counts, the bounding box, whether normals and UVs are present, and the "
+                   "longest edge.",
+                   {}, {});
   if (!args) return 0;
   args->expectPositional(1, "kxgeom info FILE");
   const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -97,10 +95,11 @@ int runInfo(int argc, char** argv) {
 }
 
 int runConvert(int argc, char** argv) {
-  const auto args = parse(argc, argv,
-                          "usage: kxgeom convert IN OUT\nConverts between OBJ (.obj) and the "
-                          "indexed text format (any other extension, e.g. .mesh).",
-                          {}, {});
+  const auto args =
+      parseCommand(argc, argv,
+                   "usage: kxgeom convert IN OUT\nConverts between OBJ (.obj) and the "
+                   "indexed text format (any other extension, e.g. .mesh).",
+                   {}, {});
   if (!args) return 0;
   args->expectPositional(2, "kxgeom convert IN OUT");
   const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -111,10 +110,11 @@ int runConvert(int argc, char** argv) {
 }
 
 int runWeld(int argc, char** argv) {
-  const auto args = parse(argc, argv,
-                          "usage: kxgeom weld IN OUT\nMerges vertices with identical positions "
-                          "(and identical given normals and UVs).",
-                          {}, {});
+  const auto args =
+      parseCommand(argc, argv,
+                   "usage: kxgeom weld IN OUT\nMerges vertices with identical positions "
+                   "(and identical given normals and UVs).",
+                   {}, {});
   if (!args) return 0;
   args->expectPositional(2, "kxgeom weld IN OUT");
   kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -130,10 +130,11 @@ int runWeld(int argc, char** argv) {
 }
 
 int runNormals(int argc, char** argv) {
-  const auto args = parse(argc, argv,
-                          "usage: kxgeom normals IN OUT\nComputes vertex normals (the mean of "
-                          "the adjacent triangles' unit normals) and writes them with the mesh.",
-                          {}, {});
+  const auto args =
+      parseCommand(argc, argv,
+                   "usage: kxgeom normals IN OUT\nComputes vertex normals (the mean of "
+                   "the adjacent triangles' unit normals) and writes them with the mesh.",
+                   {}, {});
   if (!args) return 0;
   args->expectPositional(2, "kxgeom normals IN OUT");
   kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
@@ -145,12 +146,12 @@ int runNormals(int argc, char** argv) {
 }
 
 int runClosest(int argc, char** argv) {
-  const auto args =
-      parse(argc, argv,
-            "usage: kxgeom closest MESH POINTS\n       kxgeom closest MESH --random N [--seed S]\n"
-            "For each point ('x y z' per line; '#' starts a comment), prints the closest point "
-            "on the mesh surface, its triangle and the distance.",
-            {"random", "seed"}, {});
+  const auto args = parseCommand(
+      argc, argv,
+      "usage: kxgeom closest MESH POINTS\n       kxgeom closest MESH --random N [--seed S]\n"
+      "For each point ('x y z' per line; '#' starts a comment), prints the closest point "
+      "on the mesh surface, its triangle and the distance.",
+      {"random", "seed"}, {});
   if (!args) return 0;
   const bool random = args->has("random");
   args->expectPositional(random ? 1 : 2, "kxgeom closest MESH POINTS | --random N");
@@ -181,11 +182,12 @@ int runClosest(int argc, char** argv) {
 }
 
 int runRender(int argc, char** argv) {
-  const auto args = parse(argc, argv,
-                          "usage: kxgeom render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z]\n"
-                          "Traces a shaded image with four-wide ray packets; the camera frames the "
-                          "whole mesh and looks along --view (default -1,-0.8,-0.6).",
-                          {"output", "size", "view"}, {});
+  const auto args =
+      parseCommand(argc, argv,
+                   "usage: kxgeom render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z]\n"
+                   "Traces a shaded image with four-wide ray packets; the camera frames the "
+                   "whole mesh and looks along --view (default -1,-0.8,-0.6).",
+                   {"output", "size", "view"}, {});
   if (!args) return 0;
   args->expectPositional(1, "kxgeom render MESH -o IMAGE.png");
   if (!args->has("output")) throw Failure("usage: kxgeom render MESH -o IMAGE.png");

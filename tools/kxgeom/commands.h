@@ -11,5 +11,7 @@ int runNormals(int argc, char** argv);
 int runClosest(int argc, char** argv);
 int runRender(int argc, char** argv);
 int runDemo(int argc, char** argv);
+int runCheck(int argc, char** argv);
+int runRepair(int argc, char** argv);
 
 }  // namespace kxtool

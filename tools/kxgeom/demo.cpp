@@ -122,6 +122,29 @@ void demoWeld(kxGeom::CompactMesh& sample, Report& report, kxUtil::Progress& pro
   sample = soup;
 }
 
+// Breaks a copy of the mesh the way imported meshes arrive broken (repeated
+// and degenerate triangles, a fin on an edge, a flipped patch) and repairs it.
+void demoRepair(const kxGeom::CompactMesh& mesh, Report& report) {
+  kxGeom::CompactMesh broken = mesh;
+  const int m = broken.getNumTriangles();
+  std::vector<int> corners(broken.getTrianglesRaw(), broken.getTrianglesRaw() + 3 * m);
+  for (int t = 0; t < 10; ++t)
+    corners.insert(corners.end(), {corners[9 * t], corners[9 * t + 2], corners[9 * t + 1]});
+  corners.insert(corners.end(),
+                 {corners[0], corners[0], corners[1], corners[3], corners[4], corners[0]});
+  for (int t = m / 2; t < m / 2 + 40; ++t) std::swap(corners[3 * t + 1], corners[3 * t + 2]);
+  broken.copyTriangles(int(corners.size() / 3), corners.data());
+  kxGeom::MeshRepair repair(broken);
+  kxOS::StopWatch watch;
+  bool clean = false;
+  repair.repairAll(&clean);
+  report.line(
+      "repair: %d injected defects (repeats, a degenerate, a fin, 40 flipped) -> %d "
+      "triangles, %s (%.3f s)",
+      int(corners.size() / 3) - m, broken.getNumTriangles(), clean ? "clean" : "not clean",
+      watch.stop());
+}
+
 void demoQueries(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& report) {
   kxGeom::MeshClosestPoint closest(mesh, s.octree, s.tris);
   std::mt19937 rng(3);
@@ -298,6 +321,7 @@ int runDemo(int argc, char** argv) {
   kxGeom::meshComputeNormals(sample);
   writeObj(sample, dir / "welded.obj", report);
   demoAdjacency(sample, report);
+  demoRepair(sample, report);
   progress.throwIfCancelled();
 
   const Spatial spatial(sample);

@@ -22,6 +22,10 @@ const Command kCommands[] = {
     {"closest", "closest MESH POINTS | --random N: closest surface points", kxtool::runClosest},
     {"render", "render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z]: shaded image",
      kxtool::runRender},
+    {"check", "check FILE [--intersections] [--angle DEG] [--json]: defect counts",
+     kxtool::runCheck},
+    {"repair", "repair IN OUT [--intersections] [--angle DEG] [--json]: the repair loop",
+     kxtool::runRepair},
     {"demo", "demo [--output DIR]: run the library's operations on a built-in sample",
      kxtool::runDemo},
 };

@@ -1,0 +1,172 @@
+// kxgeom check and kxgeom repair: the mesh checks with their counts, and the
+// repair loop with a summary of what each step removed or changed.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "commands.h"
+
+namespace kxtool {
+
+namespace {
+
+struct CheckCounts {
+  int vertices = 0, triangles = 0;
+  int duplicate = 0, repeatedIndex = 0, coincident = 0;
+  int badEdges = 0, badVertices = 0;
+  bool oriented = false;
+  int intersecting = -1;  // triangles; -1 when not checked
+  int folded = -1;        // triangles at sharp folds; -1 when not checked
+};
+
+CheckCounts countDefects(const kxGeom::CompactMesh& mesh, bool intersections, double angle) {
+  kxGeom::MeshCharacteristics c(mesh);
+  c.check(kxGeom::MeshCharacteristics::Manifold | kxGeom::MeshCharacteristics::Oriented |
+          kxGeom::MeshCharacteristics::GoodTriangles);
+  CheckCounts n;
+  n.vertices = mesh.getNumVertices();
+  n.triangles = mesh.getNumTriangles();
+  const kxGeom::MeshDuplicateTrisResult& d = *c.getDuplicateTrisResult();
+  n.duplicate = int(d.duplicateTris.size());
+  n.repeatedIndex = int(d.repeatedIndexTris.size());
+  n.coincident = int(d.coincidentVertexTris.size());
+  n.badEdges = c.getNumNonManifoldEdges();
+  n.badVertices = c.getNumNonManifoldVertices();
+  n.oriented = (c.getTestsPassed() & kxGeom::MeshCharacteristics::Oriented) != 0;
+  if (intersections) {
+    c.checkNonIntersecting();
+    n.intersecting = c.getNumIntersectingTriangles();
+  }
+  if (angle > 0) {
+    c.checkGoodAngles(angle);
+    n.folded = c.getNumFoldedTriangles();
+  }
+  return n;
+}
+
+void printCounts(const CheckCounts& n, double angle, bool json) {
+  if (json) {
+    std::printf(
+        "{\"vertices\": %d, \"triangles\": %d, \"duplicate_triangles\": %d, "
+        "\"repeated_index_triangles\": %d, \"coincident_vertex_triangles\": %d, "
+        "\"non_manifold_edges\": %d, \"non_manifold_vertices\": %d, \"oriented\": %s",
+        n.vertices, n.triangles, n.duplicate, n.repeatedIndex, n.coincident, n.badEdges,
+        n.badVertices, n.oriented ? "true" : "false");
+    if (n.intersecting >= 0) std::printf(", \"intersecting_triangles\": %d", n.intersecting);
+    if (n.folded >= 0)
+      std::printf(", \"fold_angle\": %g, \"folded_triangles\": %d", angle, n.folded);
+    std::printf("}\n");
+    return;
+  }
+  std::printf("vertices                     %d\ntriangles                    %d\n", n.vertices,
+              n.triangles);
+  std::printf("duplicate triangles          %d\nrepeated-index triangles     %d\n", n.duplicate,
+              n.repeatedIndex);
+  std::printf("coincident-vertex triangles  %d\nnon-manifold edges           %d\n", n.coincident,
+              n.badEdges);
+  std::printf("non-manifold vertices        %d%s\n", n.badVertices,
+              n.badEdges > 0 ? " (looked for once no edge is non-manifold)" : "");
+  std::printf("consistently oriented        %s\n", n.oriented ? "yes" : "no");
+  if (n.intersecting >= 0) std::printf("intersecting triangles       %d\n", n.intersecting);
+  if (n.folded >= 0) std::printf("triangles at folds < %g deg  %d\n", angle, n.folded);
+}
+
+double foldAngle(const Args& args) {
+  if (!args.has("angle")) return 0;
+  const std::string text = args.get("angle");
+  char* end = nullptr;
+  const double angle = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || *end != '\0' || !(angle > 0 && angle < 180)) {
+    throw Failure("--angle expects degrees in (0, 180), got '" + text + "'");
+  }
+  return angle;
+}
+
+// The name of the step `repairOnce` is about to take.
+const char* nextStep(kxGeom::MeshRepair& repair) {
+  kxGeom::MeshCharacteristics& c = *repair.getCharacteristics();
+  if (!c.checkGoodTriangles()) return "duplicate and degenerate triangles";
+  if (!c.checkManifold()) return "non-manifold edges and vertices";
+  if (!c.checkOriented()) return repair.hasMobiusStrip() ? "non-orientable region" : "orientation";
+  if (!(c.getTestsPerformed() & kxGeom::MeshCharacteristics::NonIntersecting) ||
+      c.checkNonIntersecting()) {
+    return "triangles at sharp folds";
+  }
+  return "intersecting triangles";
+}
+
+}  // namespace
+
+int runCheck(int argc, char** argv) {
+  const auto args = parseCommand(
+      argc, argv,
+      "usage: kxgeom check FILE [--intersections] [--angle DEG] [--json]\n"
+      "Counts duplicate, repeated-index and coincident-vertex triangles, non-manifold edges and "
+      "vertices, and tells whether the winding is consistent; --intersections also counts "
+      "intersecting triangles, --angle the triangles at folds sharper than DEG degrees.",
+      {"angle"}, {"intersections", "json"});
+  if (!args) return 0;
+  args->expectPositional(1, "kxgeom check FILE");
+  const double angle = foldAngle(*args);
+  const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
+  printCounts(countDefects(mesh, args->has("intersections"), angle), angle, args->has("json"));
+  return 0;
+}
+
+int runRepair(int argc, char** argv) {
+  const auto args = parseCommand(
+      argc, argv,
+      "usage: kxgeom repair IN OUT [--intersections] [--angle DEG] [--json]\n"
+      "Repeats one repair step until the mesh is clean: deletes duplicate and degenerate "
+      "triangles, trims over-shared edges and splits pinched vertices, makes the winding "
+      "consistent (deleting a non-orientable region), and with the options deletes intersecting "
+      "triangles and triangles at folds sharper than DEG degrees. Prints what each step did.",
+      {"angle"}, {"intersections", "json"});
+  if (!args) return 0;
+  args->expectPositional(2, "kxgeom repair IN OUT");
+  const double angle = foldAngle(*args);
+  const bool json = args->has("json");
+  kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
+  kxGeom::MeshRepair repair(mesh);
+  repair.checkSelfIntersection(args->has("intersections"));
+  if (angle > 0) {
+    repair.checkGoodAngles(true);
+    repair.setMinGoodAngle(angle);
+  }
+  TerminalProgress progress;
+  progress.setCaption("Repairing");
+  std::string steps;
+  for (int step = 1; repair.canRepair(); ++step) {
+    progress.throwIfCancelled();
+    const char* name = nextStep(repair);
+    const int vertices = mesh.getNumVertices(), triangles = mesh.getNumTriangles();
+    if (!repair.repairOnce()) break;
+    char line[256];
+    if (json) {
+      std::snprintf(line, sizeof line,
+                    "%s{\"step\": \"%s\", \"triangles_removed\": %d, \"vertex_change\": %d}",
+                    steps.empty() ? "" : ", ", name, triangles - mesh.getNumTriangles(),
+                    mesh.getNumVertices() - vertices);
+    } else {
+      std::snprintf(line, sizeof line, "step %d: %s: %d triangles removed, vertices %+d\n", step,
+                    name, triangles - mesh.getNumTriangles(), mesh.getNumVertices() - vertices);
+    }
+    steps += line;
+  }
+  const bool clean = !repair.needsRepair();
+  writeMesh(mesh, args->positional()[1]);
+  if (json) {
+    std::printf("{\"steps\": [%s], \"clean\": %s, \"vertices\": %d, \"triangles\": %d}\n",
+                steps.c_str(), clean ? "true" : "false", mesh.getNumVertices(),
+                mesh.getNumTriangles());
+  } else {
+    std::printf("%s%s; wrote %s: %d vertices, %d triangles\n", steps.c_str(),
+                clean ? "clean" : "not clean (a non-orientable mesh that cannot be cut away)",
+                args->positional()[1].c_str(), mesh.getNumVertices(), mesh.getNumTriangles());
+  }
+  return 0;
+}
+
+}  // namespace kxtool
