@@ -40,8 +40,11 @@
 
 // Repair.
 #include <kxgeom/dihedral_angles.h>
+#include <kxgeom/edge_swap.h>
+#include <kxgeom/hole_fill.h>
 #include <kxgeom/mesh_cache.h>
 #include <kxgeom/mesh_intersect.h>
+#include <kxgeom/mesh_modify.h>
 #include <kxgeom/mesh_select.h>
 #include <kxgeom/orientation.h>
 #include <kxgeom/repair.h>
@@ -50,6 +53,7 @@
 #include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/planar.h>
+#include <kxgeom/triangulate_polygon.h>
 #include <kxgeom/sampling.h>
 #include <kxgeom/smoothing.h>
 #include <kxgeom/sparse.h>
