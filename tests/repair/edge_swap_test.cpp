@@ -78,7 +78,9 @@ TEST(EdgeSwap, VetoesBoundariesAndExistingDiagonalsStopSwaps) {
   EXPECT_EQ(meshSwapEdgesRepeatedly(swapper, edges), 0);
   swapper.setVeto(nullptr);
   for (int h = 0; h < mesh.halfEdgeSlots(); ++h) {
-    if (!mesh.twin(TopoMeshHalfEdge(h)).isValid()) EXPECT_FALSE(swapper.swap(TopoMeshHalfEdge(h)));
+    if (!mesh.twin(TopoMeshHalfEdge(h)).isValid()) {
+      EXPECT_FALSE(swapper.swap(TopoMeshHalfEdge(h)));
+    }
   }
   // Without a veto a swap always happens where it can, and twice restores
   // the edge.
