@@ -116,11 +116,19 @@ check "repaired mesh oriented" contains "$out" "consistently oriented        yes
 check "repair bad angle" run 1 repair "$work/broken.obj" "$work/x.obj" --angle 200
 check "no output on bad angle" [ ! -e "$work/x.obj" ]
 
+check "fill runs" run 0 fill "$work/fixed.obj" "$work/closed.obj" --quality 1 --json
+check "fill json" python3 -c 'import json,sys; d=json.loads(sys.argv[1]); assert (d["holes"], d["filled"], d["refused"]) == (1, 1, 0), d' "$out"
+check "filled square is closed" run 0 info "$work/closed.obj"
+check "filled square has no boundary" contains "$out" "boundary loops: 0"
+check "fill bad quality" run 1 fill "$work/fixed.obj" "$work/y.obj" --quality 7
+check "no output on bad quality" [ ! -e "$work/y.obj" ]
+
 check "demo runs" run 0 demo --output "$work/demo"
 check "demo writes an image" [ -s "$work/demo/render.png" ]
 check "demo writes a report" [ -s "$work/demo/report.txt" ]
 check "demo report mentions welding" grep -q "weld" "$work/demo/report.txt"
 check "demo report mentions repair" grep -q "repair: .* clean" "$work/demo/report.txt"
+check "demo fills its holes" grep -q "holes: 3 cut .* 3 filled" "$work/demo/report.txt"
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -13,5 +13,6 @@ int runRender(int argc, char** argv);
 int runDemo(int argc, char** argv);
 int runCheck(int argc, char** argv);
 int runRepair(int argc, char** argv);
+int runFill(int argc, char** argv);
 
 }  // namespace kxtool

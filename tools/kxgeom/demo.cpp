@@ -145,6 +145,43 @@ void demoRepair(const kxGeom::CompactMesh& mesh, Report& report) {
       watch.stop());
 }
 
+// Cuts holes into the mesh (the triangles around a few vertices) and fills
+// them at the highest quality.
+kxGeom::CompactMesh demoHoles(const kxGeom::CompactMesh& mesh, Report& report,
+                              kxUtil::Progress& progress) {
+  kxGeom::CompactMesh holey = mesh;
+  const int m = holey.getNumTriangles();
+  kxGeom::BitVector& cut = holey.getSelectedTriangles();
+  cut.resize(m);
+  const int hubs[3] = {holey.getTriangles()[m / 5][0], holey.getTriangles()[m / 2][1],
+                       holey.getTriangles()[4 * m / 5][2]};
+  kxGeom::MeshAdjTris adjTris;
+  kxGeom::meshAdjTris(holey, adjTris);
+  for (int hub : hubs) {
+    for (int i = 0; i < adjTris.numTris(hub); ++i) cut.setBit(adjTris.triIndices(hub)[i]);
+  }
+  kxGeom::BitVector vertices(holey.getNumVertices());
+  kxGeom::MeshSelect(holey, adjTris, vertices, cut).selectTrianglesRecursive(true);
+  kxGeom::MeshDeleteSelected(holey).apply();
+  kxGeom::meshAdjTris(holey, adjTris);
+  kxGeom::MeshAdjVertices adjVertices;
+  kxGeom::meshAdjVertices(holey, adjTris, adjVertices);
+  kxGeom::MeshBoundaries loops;
+  kxGeom::meshComputeBoundary(holey, adjTris, adjVertices, loops);
+  kx::list<int> holes;
+  for (int i = 0; i < loops.size(); ++i) holes.push_back(i);
+  kxGeom::CompactMesh filled = holey;
+  kxOS::StopWatch watch;
+  kxUtil::Progress phase;
+  progress.subPhase(0.05, phase);
+  const int count =
+      kxGeom::meshHoleFill(filled, adjTris, adjVertices, loops, holes, kxGeom::HoleFaired, phase);
+  report.line("holes: %d cut (%d triangles), %d filled at quality 2 with %d triangles (%.3f s)",
+              loops.size(), m - holey.getNumTriangles(), count,
+              filled.getNumTriangles() - holey.getNumTriangles(), watch.stop());
+  return filled;
+}
+
 void demoQueries(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& report) {
   kxGeom::MeshClosestPoint closest(mesh, s.octree, s.tris);
   std::mt19937 rng(3);
@@ -322,6 +359,7 @@ int runDemo(int argc, char** argv) {
   writeObj(sample, dir / "welded.obj", report);
   demoAdjacency(sample, report);
   demoRepair(sample, report);
+  writeObj(demoHoles(sample, report, progress), dir / "filled.obj", report);
   progress.throwIfCancelled();
 
   const Spatial spatial(sample);
@@ -354,7 +392,8 @@ int runDemo(int argc, char** argv) {
     return bool(out.flush());
   });
   std::printf(
-      "\nEverything is in %s/: sample.obj, welded.obj, smoothed.obj, render.png, report.txt\n",
+      "\nEverything is in %s/: sample.obj, welded.obj, filled.obj, smoothed.obj, render.png, "
+      "report.txt\n",
       dir.string().c_str());
   return 0;
 }

@@ -26,6 +26,7 @@ const Command kCommands[] = {
      kxtool::runCheck},
     {"repair", "repair IN OUT [--intersections] [--angle DEG] [--json]: the repair loop",
      kxtool::runRepair},
+    {"fill", "fill IN OUT [--quality 0|1|2] [--max-edges N] [--json]: fill holes", kxtool::runFill},
     {"demo", "demo [--output DIR]: run the library's operations on a built-in sample",
      kxtool::runDemo},
 };

@@ -170,3 +170,55 @@ int runRepair(int argc, char** argv) {
 }
 
 }  // namespace kxtool
+
+namespace kxtool {
+
+int runFill(int argc, char** argv) {
+  const auto args = parseCommand(
+      argc, argv,
+      "usage: kxgeom fill IN OUT [--quality 0|1|2] [--max-edges N] [--json]\n"
+      "Fills every hole (every boundary loop, or those of at most N edges): 0 triangulates the "
+      "loop, 1 also refines the patch to the size of the triangles around it, 2 (the default) "
+      "also fairs it smooth. Holes whose patch would repeat an edge of the mesh stay open.",
+      {"quality", "max-edges"}, {"json"});
+  if (!args) return 0;
+  args->expectPositional(2, "kxgeom fill IN OUT");
+  const int quality = args->getInt("quality", 2);
+  if (quality < 0 || quality > 2) throw Failure("--quality expects 0, 1 or 2");
+  const int maxEdges = args->getInt("max-edges", 0);
+  if (maxEdges < 0) throw Failure("--max-edges expects a positive count");
+  kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
+  kxGeom::MeshAdjTris adjTris;
+  kxGeom::meshAdjTris(mesh, adjTris);
+  kxGeom::MeshAdjVertices adjVertices;
+  kxGeom::meshAdjVertices(mesh, adjTris, adjVertices);
+  kxGeom::MeshBoundaries loops;
+  kxGeom::meshComputeBoundary(mesh, adjTris, adjVertices, loops);
+  kx::list<int> holes;
+  for (int i = 0; i < loops.size(); ++i) {
+    if (maxEdges == 0 || loops.getLength(i) <= maxEdges) holes.push_back(i);
+  }
+  const int before = mesh.getNumTriangles();
+  TerminalProgress progress;
+  const int filled = kxGeom::meshHoleFill(mesh, adjTris, adjVertices, loops, holes,
+                                          kxGeom::HoleQuality(quality), progress);
+  progress.throwIfCancelled();
+  writeMesh(mesh, args->positional()[1]);
+  const int found = loops.size(), tried = int(holes.size());
+  if (args->has("json")) {
+    std::printf(
+        "{\"holes\": %d, \"attempted\": %d, \"filled\": %d, \"refused\": %d, "
+        "\"triangles_added\": %d, \"vertices\": %d, \"triangles\": %d}\n",
+        found, tried, filled, tried - filled, mesh.getNumTriangles() - before,
+        mesh.getNumVertices(), mesh.getNumTriangles());
+  } else {
+    std::printf(
+        "%d holes found, %d attempted, %d filled, %d refused; %d triangles added; "
+        "wrote %s\n",
+        found, tried, filled, tried - filled, mesh.getNumTriangles() - before,
+        args->positional()[1].c_str());
+  }
+  return 0;
+}
+
+}  // namespace kxtool
