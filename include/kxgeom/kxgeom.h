@@ -52,7 +52,9 @@
 // Smoothing, numerics, clipping, planar tests and sampling.
 #include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
+#include <kxgeom/cut_surface.h>
 #include <kxgeom/planar.h>
+#include <kxgeom/reparameterize.h>
 #include <kxgeom/triangulate_polygon.h>
 #include <kxgeom/sampling.h>
 #include <kxgeom/smoothing.h>
