@@ -9,8 +9,10 @@
 namespace kxOS {
 
 namespace {
-std::mutex& outputMutex() {
-  static std::mutex m;
+// One lock for both channels, so lines of different threads never mix;
+// recursive so that a sink may write to the other channel.
+std::recursive_mutex& outputMutex() {
+  static std::recursive_mutex m;
   return m;
 }
 
@@ -37,7 +39,7 @@ void DebugChannel::print(const char* format, ...) {
   va_start(args, format);
   const std::string text = vformat(format, args);
   va_end(args);
-  std::lock_guard<std::mutex> lock(outputMutex());
+  std::lock_guard<std::recursive_mutex> lock(outputMutex());
   if (sink_) {
     sink_(text.c_str());
   } else {
@@ -69,7 +71,7 @@ void AppOutput::error(const char* format, ...) {
 }
 
 void AppOutput::emit(Level level, const char* text) {
-  std::lock_guard<std::mutex> lock(outputMutex());
+  std::lock_guard<std::recursive_mutex> lock(outputMutex());
   if (sink_) {
     sink_(level, text);
   } else {

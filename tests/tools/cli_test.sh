@@ -123,12 +123,23 @@ check "filled square has no boundary" contains "$out" "boundary loops: 0"
 check "fill bad quality" run 1 fill "$work/fixed.obj" "$work/y.obj" --quality 7
 check "no output on bad quality" [ ! -e "$work/y.obj" ]
 
+check "flatten runs" run 0 flatten "$work/square.obj" "$work/flat.obj" --json
+check "flatten json" python3 -c 'import json,sys; d=json.loads(sys.argv[1]); assert d["flipped"] == 0 and d["worst_angle_error_deg"] < 0.01, d' "$out"
+check "flattened mesh has UVs" grep -q '^vt ' "$work/flat.obj"
+check "checkerboard render" run 0 render "$work/flat.obj" -o "$work/flat.png" --checker 4 --size 64x64
+check "flatten refuses a closed mesh" run 1 flatten "$work/closed.obj" "$work/z.obj"
+check "flatten refusal names the file" contains "$err" "closed.obj"
+check "no output on refusal" [ ! -e "$work/z.obj" ]
+check "flatten wants OBJ" run 1 flatten "$work/square.obj" "$work/flat.mesh"
+
 check "demo runs" run 0 demo --output "$work/demo"
 check "demo writes an image" [ -s "$work/demo/render.png" ]
 check "demo writes a report" [ -s "$work/demo/report.txt" ]
 check "demo report mentions welding" grep -q "weld" "$work/demo/report.txt"
 check "demo report mentions repair" grep -q "repair: .* clean" "$work/demo/report.txt"
 check "demo fills its holes" grep -q "holes: 3 cut .* 3 filled" "$work/demo/report.txt"
+check "demo flattens a cap" grep -q "flatten: .* laid flat, 0 flipped" "$work/demo/report.txt"
+check "demo renders the layout" [ -s "$work/demo/flattened.png" ]
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

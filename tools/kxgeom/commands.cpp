@@ -184,16 +184,20 @@ int runClosest(int argc, char** argv) {
 int runRender(int argc, char** argv) {
   const auto args =
       parseCommand(argc, argv,
-                   "usage: kxgeom render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z]\n"
+                   "usage: kxgeom render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z] "
+                   "[--checker N]\n"
                    "Traces a shaded image with four-wide ray packets; the camera frames the "
-                   "whole mesh and looks along --view (default -1,-0.8,-0.6).",
-                   {"output", "size", "view"}, {});
+                   "whole mesh and looks along --view (default -1,-0.8,-0.6). --checker N "
+                   "paints a checkerboard of N cells per UV unit on a mesh with UVs.",
+                   {"output", "size", "view", "checker"}, {});
   if (!args) return 0;
   args->expectPositional(1, "kxgeom render MESH -o IMAGE.png");
   if (!args->has("output")) throw Failure("usage: kxgeom render MESH -o IMAGE.png");
   RenderOptions options;
   if (args->has("size")) parseSize(args->get("size"), options.width, options.height);
   if (args->has("view")) options.view = parseVector(args->get("view"));
+  options.checkerCells = args->getInt("checker", 0);
+  if (options.checkerCells < 0) throw Failure("--checker expects a positive cell count");
   const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
   TerminalProgress progress;
   progress.setCaption("Tracing");

@@ -14,5 +14,6 @@ int runDemo(int argc, char** argv);
 int runCheck(int argc, char** argv);
 int runRepair(int argc, char** argv);
 int runFill(int argc, char** argv);
+int runFlatten(int argc, char** argv);
 
 }  // namespace kxtool

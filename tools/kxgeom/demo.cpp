@@ -182,6 +182,40 @@ kxGeom::CompactMesh demoHoles(const kxGeom::CompactMesh& mesh, Report& report,
   return filled;
 }
 
+// Lays the top of the mesh (a disk-like cap) flat and renders it with a
+// checkerboard of its new texture coordinates.
+kxGeom::CompactMesh demoFlatten(const kxGeom::CompactMesh& mesh, Report& report,
+                                kxUtil::Progress& progress) {
+  kxGeom::CompactMesh cap = mesh;
+  kxGeom::BoundingBox box;
+  kxGeom::meshBoundingBox(cap, box);
+  const float cut = box.center().z + 0.4f * box.halfDiagonal().z;
+  kxGeom::BitVector& drop = cap.getSelectedTriangles();
+  drop.resize(cap.getNumTriangles());
+  for (int t = 0; t < cap.getNumTriangles(); ++t) {
+    for (int k = 0; k < 3; ++k) {
+      if (cap.getVertices()[cap.getTriangles()[t][k]].z < cut) drop.setBit(t);
+    }
+  }
+  cap.getSelectedVertices().resize(cap.getNumVertices());
+  cap.getSelectedVertices().setAllBits();
+  kxGeom::MeshDeleteSelected(cap).apply();
+  kxOS::StopWatch watch;
+  kxUtil::Progress phase;
+  progress.subPhase(0.05, phase);
+  kxGeom::reparameterizeMesh flattener(cap);
+  kxOS::AppOutput::getInstance().setSink(
+      [](kxOS::AppOutput::Level, const char* text) { kxGeom::debugChannel().print("%s", text); });
+  const bool done = flattener.flatten(phase);
+  kxOS::AppOutput::getInstance().setSink(nullptr);
+  const kxGeom::UVLayoutQuality q = kxGeom::meshUVLayoutQuality(cap);
+  report.line(
+      "flatten: the %d-triangle cap %s, %d flipped, mean angle distortion %.2f deg (%.3f s)",
+      cap.getNumTriangles(), done ? "laid flat" : "refused", q.flipped,
+      q.meanAngleError * 180 / 3.14159265358979, watch.stop());
+  return cap;
+}
+
 void demoQueries(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& report) {
   kxGeom::MeshClosestPoint closest(mesh, s.octree, s.tris);
   std::mt19937 rng(3);
@@ -360,6 +394,8 @@ int runDemo(int argc, char** argv) {
   demoAdjacency(sample, report);
   demoRepair(sample, report);
   writeObj(demoHoles(sample, report, progress), dir / "filled.obj", report);
+  const kxGeom::CompactMesh flat = demoFlatten(sample, report, progress);
+  writeObj(flat, dir / "flattened.obj", report);
   progress.throwIfCancelled();
 
   const Spatial spatial(sample);
@@ -385,6 +421,17 @@ int runDemo(int argc, char** argv) {
               stats.rays, stats.traceSeconds,
               stats.traceSeconds > 0 ? stats.rays / stats.traceSeconds : 0.0);
   report.line("  wrote render.png");
+  RenderOptions checker = options;
+  checker.checkerCells = 12;
+  checker.view = kxLinear::Vector(-0.3, -0.2, -1.0);
+  kxUtil::Progress checkerPhase;
+  progress.subPhase(0.1, checkerPhase);
+  RenderStats checkerStats;
+  const Image layout = renderMesh(flat, checker, checkerPhase, checkerStats);
+  progress.throwIfCancelled();
+  writeAtomically((dir / "flattened.png").string(),
+                  [&](const std::string& tmp) { return writePng(layout, tmp); });
+  report.line("  wrote flattened.png (the cap with a checkerboard of its layout)");
 
   writeAtomically((dir / "report.txt").string(), [&](const std::string& tmp) {
     std::ofstream out(tmp);

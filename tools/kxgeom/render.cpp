@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <vector>
 
 namespace kxtool {
@@ -81,7 +82,35 @@ Vector pixelNormal(const Camera& cam, const std::vector<float>& depth, int x, in
   return kxLinear::dot(n, cam.forward) > 0 ? -n : n;
 }
 
-void shade(const Camera& cam, const std::vector<float>& depth, Image& image, RenderStats& stats) {
+// The checkerboard factor of a surface point: dark or light by the UV cell
+// of its closest mesh point (1 where there is no UV to read).
+class Checker {
+ public:
+  Checker(const kxGeom::CompactMesh& mesh, const kxGeom::Octree& octree,
+          const kxGeom::OctreeTris& tris, int cells)
+      : mesh_(mesh), closest_(mesh, octree, tris), cells_(cells) {}
+  double at(const Vector& p) {
+    kxGeom::MeshCoord c;
+    closest_.compute(kxLinear::Point(p.x, p.y, p.z), &c);
+    if (!c.isValid()) return 1.0;
+    double u = 0, v = 0;
+    for (int k = 0; k < 3; ++k) {
+      const kxGeom::MeshUV& uv = mesh_.getUVs()[mesh_.getTriangles()[c.triangle][k]];
+      u += c.w[k] * uv.u;
+      v += c.w[k] * uv.v;
+    }
+    const long long cell = (long long)std::floor(u * cells_) + (long long)std::floor(v * cells_);
+    return cell % 2 == 0 ? 1.0 : 0.45;
+  }
+
+ private:
+  const kxGeom::CompactMesh& mesh_;
+  kxGeom::MeshClosestPoint closest_;
+  int cells_;
+};
+
+void shade(const Camera& cam, const std::vector<float>& depth, Checker* checker, Image& image,
+           RenderStats& stats) {
   const Vector light = kxLinear::normalized(Vector(0.4, 0.3, 1.0) - cam.forward);
   for (int y = 0; y < cam.height; ++y) {
     for (int x = 0; x < cam.width; ++x) {
@@ -96,7 +125,7 @@ void shade(const Camera& cam, const std::vector<float>& depth, Image& image, Ren
       ++stats.hitPixels;
       const Vector n = pixelNormal(cam, depth, x, y, p);
       const double diffuse = std::max(0.0, kxLinear::dot(n, light));
-      const double v = 0.18 + 0.8 * diffuse;
+      const double v = (0.18 + 0.8 * diffuse) * (checker ? checker->at(p) : 1.0);
       px[0] = std::uint8_t(std::min(255.0, 255 * v * 0.85));
       px[1] = std::uint8_t(std::min(255.0, 255 * v * 0.62));
       px[2] = std::uint8_t(std::min(255.0, 255 * v * 0.38));
@@ -113,14 +142,15 @@ Image renderMesh(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
   const Camera cam = frame(box, options);
   Image image(options.width, options.height);
   std::vector<float> depth(std::size_t(options.width) * options.height, kNoHit);
+  std::unique_ptr<kxGeom::Octree> octree;
+  kxGeom::OctreeTris tris;
   if (mesh.getNumTriangles() > 0 && box.isValid()) {
-    kxGeom::Octree octree(mesh.getNumVertices(), mesh.getVerticesRaw(), box, true, 16);
-    kxGeom::OctreeTris tris;
-    kxGeom::computeOctreeTris(mesh, octree, tris);
+    octree.reset(new kxGeom::Octree(mesh.getNumVertices(), mesh.getVerticesRaw(), box, true, 16));
+    kxGeom::computeOctreeTris(mesh, *octree, tris);
     const int bands = (options.height + 15) / 16;  // 16-row bands, even starts
     kxOS::StopWatch watch;
     kxUtil::forEachRange(kxUtil::ThreadPool::get(), bands, [&](int thread, int b0, int b1) {
-      kxGeom::QuadRayTracer tracer(octree, tris, &mesh);
+      kxGeom::QuadRayTracer tracer(*octree, tris, &mesh);
       tracer.setOrderedTraversal(true);  // camera packets are coherent
       for (int b = b0; b < b1 && !progress.cancelled(); ++b) {
         traceRows(cam, tracer, b * 16, std::min(options.height, (b + 1) * 16), depth);
@@ -130,7 +160,11 @@ Image renderMesh(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
     stats.traceSeconds = watch.stop();
     stats.rays = (long long)((options.width + 1) / 2) * ((options.height + 1) / 2) * 4;
   }
-  shade(cam, depth, image, stats);
+  std::unique_ptr<Checker> checker;
+  if (octree && options.checkerCells > 0 && mesh.getUVs()) {
+    checker.reset(new Checker(mesh, *octree, tris, options.checkerCells));
+  }
+  shade(cam, depth, checker.get(), image, stats);
   return image;
 }
 

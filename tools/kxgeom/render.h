@@ -14,6 +14,8 @@ struct RenderOptions {
   kxLinear::Vector view{-1.0, -0.8, -0.6};
   /// Vertical field of view in degrees.
   double fovDegrees = 35.0;
+  /// Checkerboard the surface by its UVs (cells per unit), when it has them.
+  int checkerCells = 0;
 };
 
 struct RenderStats {

@@ -222,3 +222,64 @@ int runFill(int argc, char** argv) {
 }
 
 }  // namespace kxtool
+
+namespace kxtool {
+
+int runFlatten(int argc, char** argv) {
+  const auto args = parseCommand(
+      argc, argv,
+      "usage: kxgeom flatten IN OUT.obj [--cut] [--compact] [--json]\n"
+      "Lays a disk-like mesh flat with a conformal map and writes it with the layout as texture "
+      "coordinates, then reports the layout's quality: triangles flipped, mean and worst angle "
+      "distortion, area distortion. --cut cuts closed and higher-genus meshes to a disk first; "
+      "--compact keeps the welded copy even when welding changes the boundaries.",
+      {}, {"cut", "compact", "json"});
+  if (!args) return 0;
+  args->expectPositional(2, "kxgeom flatten IN OUT.obj");
+  const std::string out = args->positional()[1];
+  if (out.size() < 4 || out.compare(out.size() - 4, 4, ".obj") != 0) {
+    throw Failure(out + ": the layout is written as OBJ texture coordinates; name a .obj file");
+  }
+  kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
+  // The flattener's diagnostics go to the debug channel, its refusals to
+  // standard error, so standard output keeps only the report.
+  std::string refusal;
+  kxOS::AppOutput::getInstance().setSink([&](kxOS::AppOutput::Level level, const char* text) {
+    if (level == kxOS::AppOutput::Level::Error) refusal += text;
+    kxGeom::debugChannel().print("%s", text);
+  });
+  TerminalProgress progress;
+  kxGeom::reparameterizeMesh flattener(mesh);
+  flattener.enableMeshCutSurface(args->has("cut"));
+  flattener.enableMeshCompact(args->has("compact"));
+  const bool done = flattener.flatten(progress);
+  kxOS::AppOutput::getInstance().setSink(nullptr);
+  progress.throwIfCancelled();
+  if (!done) {
+    if (!refusal.empty() && refusal.back() == '\n') refusal.pop_back();
+    throw Failure(args->positional()[0] + ": " +
+                  (refusal.empty() ? std::string("cannot be laid flat (not a disk without --cut, "
+                                                 "or unused vertices; --verbose tells)")
+                                   : refusal));
+  }
+  writeMesh(mesh, out);
+  const kxGeom::UVLayoutQuality q = kxGeom::meshUVLayoutQuality(mesh);
+  const double toDegrees = 180.0 / 3.14159265358979323846;
+  if (args->has("json")) {
+    std::printf(
+        "{\"vertices\": %d, \"triangles\": %d, \"flipped\": %d, \"degenerate\": %d, "
+        "\"mean_angle_error_deg\": %.6g, \"worst_angle_error_deg\": %.6g, "
+        "\"mean_area_ratio\": %.6g}\n",
+        mesh.getNumVertices(), mesh.getNumTriangles(), q.flipped, q.degenerate,
+        q.meanAngleError * toDegrees, q.worstAngleError * toDegrees, q.meanAreaRatio);
+  } else {
+    std::printf(
+        "flattened %d triangles: %d flipped, %d degenerate, angle distortion mean %.3g "
+        "deg, worst %.3g deg, area distortion %.3g; wrote %s\n",
+        mesh.getNumTriangles(), q.flipped, q.degenerate, q.meanAngleError * toDegrees,
+        q.worstAngleError * toDegrees, q.meanAreaRatio, out.c_str());
+  }
+  return 0;
+}
+
+}  // namespace kxtool
