@@ -2,6 +2,8 @@
 // vertices: the patch hole filling and flattening lay over a loop.
 #pragma once
 
+#include <functional>
+
 #include <kxgeom/platform/bitvector.h>
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/export.h>
@@ -36,5 +38,15 @@ namespace kxGeom {
 KXGEOM_API bool triangulatePolygon(const kx::vector<kxLinear::Point>& loop,
                                    kx::vector<int>& triangles, BitVector& used,
                                    kxUtil::Progress& progress);
+
+/// As above, avoiding the diagonals for which `forbidden(i, k)` (i < k,
+/// corner numbers) is true: the least area is taken among the triangulations
+/// with the fewest forbidden diagonals, so one is used only where every
+/// triangulation needs it. Hole filling forbids the edges a mesh already has.
+/// Cost as above, plus one call of `forbidden` per candidate diagonal.
+KXGEOM_API bool triangulatePolygon(const kx::vector<kxLinear::Point>& loop,
+                                   kx::vector<int>& triangles, BitVector& used,
+                                   kxUtil::Progress& progress,
+                                   const std::function<bool(int, int)>& forbidden);
 
 }  // namespace kxGeom

@@ -8,6 +8,11 @@ namespace kxGeom {
 namespace {
 
 constexpr int kDirectLimit = 300;
+// The cost of a forbidden diagonal: above any area, so the count of such
+// diagonals is minimised first.
+constexpr double kForbiddenCost = 1e200;
+
+using Forbidden = std::function<bool(int, int)>;
 
 double area(const kxLinear::Point& a, const kxLinear::Point& b, const kxLinear::Point& c) {
   const double twice = kxLinear::cross(b - a, c - a).length();
@@ -19,8 +24,9 @@ double area(const kxLinear::Point& a, const kxLinear::Point& b, const kxLinear::
 // by the chord k -> i, and apex(i, k) the corner m of its triangle (i, m, k).
 class MinimalArea {
  public:
-  MinimalArea(const kx::vector<kxLinear::Point>& loop, const kx::vector<int>& ids)
-      : loop_(loop), ids_(ids), n_(int(ids.size())) {}
+  MinimalArea(const kx::vector<kxLinear::Point>& loop, const kx::vector<int>& ids,
+              const Forbidden& forbidden)
+      : loop_(loop), ids_(ids), n_(int(ids.size())), forbidden_(forbidden) {}
 
   bool run(kxUtil::Progress& progress) {
     cost_.assign(std::size_t(n_) * n_, 0.0);
@@ -44,11 +50,18 @@ class MinimalArea {
   std::size_t index(int i, int k) const { return std::size_t(i) * n_ + k; }
   const kxLinear::Point& at(int i) const { return loop_[ids_[i]]; }
 
+  // The penalty of the diagonal between chain positions a < b, when it is one.
+  double diagonal(int a, int b) const {
+    if (b - a < 2 || !forbidden_) return 0;
+    return forbidden_(std::min(ids_[a], ids_[b]), std::max(ids_[a], ids_[b])) ? kForbiddenCost : 0;
+  }
+
   void solve(int i, int k) {
     double best = std::numeric_limits<double>::infinity();
     int bestApex = i + 1;
     for (int m = i + 1; m < k; ++m) {
-      const double c = cost_[index(i, m)] + cost_[index(m, k)] + area(at(i), at(m), at(k));
+      const double c = cost_[index(i, m)] + cost_[index(m, k)] + area(at(i), at(m), at(k)) +
+                       diagonal(i, m) + diagonal(m, k);
       if (c < best) {
         best = c;
         bestApex = m;
@@ -61,6 +74,7 @@ class MinimalArea {
   const kx::vector<kxLinear::Point>& loop_;
   const kx::vector<int>& ids_;
   int n_;
+  const Forbidden& forbidden_;
   kx::vector<double> cost_;
   kx::vector<int> apex_;
 };
@@ -68,14 +82,17 @@ class MinimalArea {
 // The chord that cuts `ids` into two chains of at least a third each with
 // the shortest length; returns the two positions a < b.
 void shortestBalancedChord(const kx::vector<kxLinear::Point>& loop, const kx::vector<int>& ids,
-                           int& a, int& b) {
+                           const Forbidden& forbidden, int& a, int& b) {
   const int n = int(ids.size());
   double best = std::numeric_limits<double>::infinity();
   a = 0;
   b = n / 2;
   for (int i = 0; i < n; ++i) {
     for (int j = i + n / 3; j <= i + n - n / 3 && j < n; ++j) {
-      const double d = (loop[ids[i]] - loop[ids[j]]).length2();
+      const double d = (loop[ids[i]] - loop[ids[j]]).length2() +
+                       (forbidden && forbidden(std::min(ids[i], ids[j]), std::max(ids[i], ids[j]))
+                            ? kForbiddenCost
+                            : 0.0);
       if (d < best) {
         best = d;
         a = i;
@@ -86,26 +103,32 @@ void shortestBalancedChord(const kx::vector<kxLinear::Point>& loop, const kx::ve
 }
 
 bool triangulateChain(const kx::vector<kxLinear::Point>& loop, const kx::vector<int>& ids,
-                      kx::vector<int>& out, kxUtil::Progress& progress) {
+                      const Forbidden& forbidden, kx::vector<int>& out,
+                      kxUtil::Progress& progress) {
   if (int(ids.size()) <= kDirectLimit) {
-    MinimalArea programme(loop, ids);
+    MinimalArea programme(loop, ids, forbidden);
     if (!programme.run(progress)) return false;
     programme.emit(0, int(ids.size()) - 1, out);
     return true;
   }
   int a, b;
-  shortestBalancedChord(loop, ids, a, b);
+  shortestBalancedChord(loop, ids, forbidden, a, b);
   const kx::vector<int> first(ids.begin() + a, ids.begin() + b + 1);
   kx::vector<int> second(ids.begin() + b, ids.end());
   second.insert(second.end(), ids.begin(), ids.begin() + a + 1);
-  return triangulateChain(loop, first, out, progress) &&
-         triangulateChain(loop, second, out, progress);
+  return triangulateChain(loop, first, forbidden, out, progress) &&
+         triangulateChain(loop, second, forbidden, out, progress);
 }
 
 }  // namespace
 
 bool triangulatePolygon(const kx::vector<kxLinear::Point>& loop, kx::vector<int>& triangles,
                         BitVector& used, kxUtil::Progress& progress) {
+  return triangulatePolygon(loop, triangles, used, progress, Forbidden());
+}
+
+bool triangulatePolygon(const kx::vector<kxLinear::Point>& loop, kx::vector<int>& triangles,
+                        BitVector& used, kxUtil::Progress& progress, const Forbidden& forbidden) {
   triangles.clear();
   const int n = int(loop.size());
   used = BitVector(n);
@@ -113,7 +136,7 @@ bool triangulatePolygon(const kx::vector<kxLinear::Point>& loop, kx::vector<int>
   kx::vector<int> ids(static_cast<std::size_t>(n));
   for (int i = 0; i < n; ++i) ids[i] = i;
   triangles.reserve(3 * std::size_t(n - 2));
-  if (!triangulateChain(loop, ids, triangles, progress)) {
+  if (!triangulateChain(loop, ids, forbidden, triangles, progress)) {
     triangles.clear();
     return false;
   }

@@ -268,9 +268,16 @@ class HoleFiller {
     BitVector used(int(loop.size()));
     kxUtil::Progress flat;
     progress.subPhase(w.triangulation, flat);
-    const bool triangulated = triangulatePolygon(points, triangles, used, flat);
+    // Diagonals the working mesh already has would make its edges
+    // non-manifold: the triangulation avoids them where it can.
+    const std::unordered_set<std::uint64_t> existing = directedEdges(topo);
+    const auto meshEdge = [&](int i, int k) {
+      return existing.count(edgeKey(corners[i], corners[k])) != 0 ||
+             existing.count(edgeKey(corners[k], corners[i])) != 0;
+    };
+    const bool triangulated = triangulatePolygon(points, triangles, used, flat, meshEdge);
     if (progress.cancelled()) return Cancelled;
-    if (!triangulated || !addPatch(corners, triangles)) return Skipped;
+    if (!triangulated || !addPatch(corners, triangles, existing)) return Skipped;
     flat.set(1.0);
     if (quality_ == HoleFlat) return Filled;
     kxUtil::Progress rest;
@@ -286,9 +293,9 @@ class HoleFiller {
  private:
   // Adds the triangles (j, i, k) of every loop triangle (i, j, k), unless one
   // would repeat a directed edge the working mesh already has.
-  bool addPatch(const kx::vector<TopoMeshVertex>& corners, const kx::vector<int>& triangles) {
+  bool addPatch(const kx::vector<TopoMeshVertex>& corners, const kx::vector<int>& triangles,
+                const std::unordered_set<std::uint64_t>& existing) {
     TopoMesh& topo = rep_.getTopoMesh();
-    const std::unordered_set<std::uint64_t> existing = directedEdges(topo);
     for (std::size_t t = 0; t < triangles.size(); t += 3) {
       const TopoMeshVertex i = corners[triangles[t]], j = corners[triangles[t + 1]],
                            k = corners[triangles[t + 2]];

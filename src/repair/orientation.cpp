@@ -112,7 +112,7 @@ class VertexFan {
   void labelComponents() {
     const int n = int(rotated_.size());
     parent_.resize(std::size_t(n));
-    kx::vector<int> touching;
+    kx::vector<int>& touching = touching_;
     for (int j = 0; j < n; ++j) {
       parent_[j] = j;
       earlierTouching(j, touching);
@@ -128,7 +128,8 @@ class VertexFan {
       parent_[j] = find(j);
     }
     labels_.assign(std::size_t(n), 0);
-    kx::vector<int> rank(std::size_t(n), -1);
+    kx::vector<int>& rank = rank_;
+    rank.assign(std::size_t(n), -1);
     numComponents_ = 0;
     for (int j = 0; j < n; ++j) {
       const int root = find(j);
@@ -140,7 +141,7 @@ class VertexFan {
   int v_ = -1;
   kx::vector<MeshTriangle> rotated_;
   kx::vector<std::pair<int, int>> spokes_;  // (other end, fan triangle), sorted
-  kx::vector<int> parent_, labels_;
+  kx::vector<int> parent_, labels_, touching_, rank_;  // reused from fan to fan
   int numComponents_ = 1;
 };
 
@@ -378,21 +379,20 @@ void meshManifold(const CompactMesh& mesh, const MeshAdjTris& adjacency,
   const int n = mesh.getNumVertices();
   result.badVertices = BitVector(n);
   result.badEdges.clear();
+  // One pass classifies every fan; the vertices with several fans count
+  // only when no edge is over-shared.
   VertexFan fan;
+  BitVector severalFans(n);
   for (int v = 0; v < n; ++v) {
     if (adjacency.numTris(v) <= 1) continue;
-    if (fan.build(mesh, adjacency, v) == 2) fan.appendOvershared(result.badEdges);
+    const int kind = fan.build(mesh, adjacency, v);
+    if (kind == 2) fan.appendOvershared(result.badEdges);
+    if (kind == 1) severalFans.setBit(v);
   }
   std::sort(result.badEdges.begin(), result.badEdges.end());
   result.badEdges.erase(std::unique(result.badEdges.begin(), result.badEdges.end()),
                         result.badEdges.end());
-  if (result.badEdges.empty()) {
-    for (int v = 0; v < n; ++v) {
-      if (adjacency.numTris(v) > 1 && fan.build(mesh, adjacency, v) == 1) {
-        result.badVertices.setBit(v);
-      }
-    }
-  }
+  if (result.badEdges.empty()) result.badVertices = severalFans;
   debugChannel().print(
       "meshManifold:  vertices %d  triangles %d: %f s\n               badVertexAdj(%d) "
       "badEdgeAdj(%d)\n",

@@ -79,6 +79,27 @@ TEST(TriangulatePolygon, RandomLoopsGiveValidLeastAreaDisks) {
   }
 }
 
+TEST(TriangulatePolygon, ForbiddenDiagonalsAreAvoidedWhereAnyTriangulationCan) {
+  std::mt19937 rng(3);
+  kxUtil::Progress progress;
+  kx::vector<int> t;
+  BitVector used;
+  for (int n : {4, 7, 30, 400}) {
+    const kx::vector<Point> loop = randomLoop(n, rng);
+    // No diagonal may leave corner 0 (a loop of 4 or more can do without).
+    const auto fromZero = [](int i, int) { return i == 0; };
+    ASSERT_TRUE(kxGeom::triangulatePolygon(loop, t, used, progress, fromZero));
+    expectDisk(n, t);
+    for (std::size_t i = 0; i < t.size(); i += 3) {
+      for (int k = 0; k < 3; ++k) {
+        const int a = t[i + k], b = t[i + (k + 1) % 3];
+        const bool loopEdge = (a + 1) % n == b || (b + 1) % n == a;
+        EXPECT_TRUE(loopEdge || (a != 0 && b != 0)) << n << ": " << a << "-" << b;
+      }
+    }
+  }
+}
+
 TEST(TriangulatePolygon, LongDegenerateAndCancelledLoops) {
   std::mt19937 rng(2);
   kxUtil::Progress progress;
