@@ -84,17 +84,12 @@ void patchQuality(benchmark::State& state, const CompactMesh& m, int from) {
 
 void fill(benchmark::State& state, const CompactMesh& input, int quality, const std::string& name) {
   const auto work = [&](CompactMesh& m) {
-    kxGeom::MeshAdjTris adj;
-    kxGeom::meshAdjTris(m, adj);
-    kxGeom::MeshAdjVertices verts;
-    kxGeom::meshAdjVertices(m, adj, verts);
-    kxGeom::MeshBoundaries loops;
-    kxGeom::meshComputeBoundary(m, adj, verts, loops);
+    const kxGeom::MeshBoundaryTables t(m);
     kx::list<int> holes;
-    for (int i = 0; i < loops.size(); ++i) holes.push_back(i);
+    for (int i = 0; i < t.loops.size(); ++i) holes.push_back(i);
     kxUtil::Progress progress;
-    state.counters["holes"] =
-        kxGeom::meshHoleFill(m, adj, verts, loops, holes, kxGeom::HoleQuality(quality), progress);
+    state.counters["holes"] = kxGeom::meshHoleFill(m, t.adjTris, t.adjVertices, t.loops, holes,
+                                                   kxGeom::HoleQuality(quality), progress);
   };
   kxbench::timeIterations(
       state, name, [&] { return input; }, work);

@@ -160,6 +160,16 @@ KXGEOM_API bool walkBoundary(int vertex, int& next, const CompactMesh& mesh,
 KXGEOM_API void meshComputeBoundary(const CompactMesh& mesh, const MeshAdjTris& adjTris,
                                     const MeshAdjVertices& adjVerts, MeshBoundaries& out);
 
+/// The tables a boundary walk needs and the loops it finds, built together
+/// from one mesh: `meshAdjTris`, `meshAdjVertices`, `meshComputeBoundary`.
+/// A snapshot like every table here. @param[in] mesh. Cost O(V + T).
+struct KXGEOM_API MeshBoundaryTables {
+  explicit MeshBoundaryTables(const CompactMesh& mesh);
+  MeshAdjTris adjTris;
+  MeshAdjVertices adjVertices;
+  MeshBoundaries loops;
+};
+
 /// Extracts the boundary loops of one part of a partitioned mesh, seams with
 /// other parts included. The walk is that of `meshComputeBoundary` with three
 /// differences: the start vertices are the subset's vertex list, in list

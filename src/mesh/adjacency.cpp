@@ -553,4 +553,10 @@ bool invertRemap(const Remap& map, ArrayOfSets& out) {
   return true;
 }
 
+MeshBoundaryTables::MeshBoundaryTables(const CompactMesh& mesh) {
+  meshAdjTris(mesh, adjTris);
+  meshAdjVertices(mesh, adjTris, adjVertices);
+  meshComputeBoundary(mesh, adjTris, adjVertices, loops);
+}
+
 }  // namespace kxGeom

@@ -17,15 +17,7 @@ namespace {
 
 kxOS::AppOutput& out() { return kxOS::AppOutput::getInstance(); }
 
-int countLoops(const CompactMesh& mesh) {
-  MeshAdjTris adjTris;
-  meshAdjTris(mesh, adjTris);
-  MeshAdjVertices adjVertices;
-  meshAdjVertices(mesh, adjTris, adjVertices);
-  MeshBoundaries loops;
-  meshComputeBoundary(mesh, adjTris, adjVertices, loops);
-  return loops.size();
-}
+int countLoops(const CompactMesh& mesh) { return MeshBoundaryTables(mesh).loops.size(); }
 
 // A unit vector orthogonal to d (d not zero).
 kxLinear::Vector orthogonalTo(const kxLinear::Vector& d) {

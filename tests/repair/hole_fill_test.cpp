@@ -37,15 +37,8 @@ CompactMesh holeySphere() {
   return out;
 }
 
-struct Tables {
-  MeshAdjTris adj;
-  MeshAdjVertices verts;
-  MeshBoundaries loops;
-  explicit Tables(const CompactMesh& m) {
-    meshAdjTris(m, adj);
-    meshAdjVertices(m, adj, verts);
-    meshComputeBoundary(m, adj, verts, loops);
-  }
+struct Tables : MeshBoundaryTables {
+  explicit Tables(const CompactMesh& m) : MeshBoundaryTables(m) {}
   kx::list<int> all() const {
     kx::list<int> holes;
     for (int i = 0; i < loops.size(); ++i) holes.push_back(i);
@@ -76,13 +69,15 @@ TEST(HoleFill, EveryQualityClosesEveryHoleCleanly) {
     const Tables t(m);
     ASSERT_EQ(t.loops.size(), 5);  // the figure-of-eight walk gives two loops
     kxUtil::Progress progress;
-    EXPECT_EQ(meshHoleFill(m, t.adj, t.verts, t.loops, t.all(), HoleQuality(quality), progress), 5);
+    EXPECT_EQ(
+        meshHoleFill(m, t.adjTris, t.adjVertices, t.loops, t.all(), HoleQuality(quality), progress),
+        5);
     const Tables after(m);
     EXPECT_EQ(after.loops.size(), 0) << quality;
     MeshManifoldResult manifold;
-    meshManifold(m, after.adj, manifold);
+    meshManifold(m, after.adjTris, manifold);
     EXPECT_TRUE(manifold.isClean()) << quality;
-    EXPECT_TRUE(meshOriented(m, after.adj)) << quality;
+    EXPECT_TRUE(meshOriented(m, after.adjTris)) << quality;
     if (quality == 0) {
       EXPECT_EQ(m.getNumVertices(), vertices);  // no new vertices; L - 2 triangles per loop
       EXPECT_EQ(m.getNumTriangles(), before + (16 - 2) * 2 + (14 - 2) + 2 * (3 - 2));
@@ -125,10 +120,10 @@ TEST(HoleFill, SmallHolesEmptyListsAndBadInput) {
   const Tables t(m);
   kxUtil::Progress progress;
   const int notices = m.getModificationCount();
-  EXPECT_EQ(meshHoleFill(m, t.adj, t.verts, t.loops, {}, HoleFlat, progress), 0);
-  EXPECT_EQ(meshHoleFill(m, t.adj, t.verts, t.loops, {7, -1}, HoleFaired, progress), 0);
+  EXPECT_EQ(meshHoleFill(m, t.adjTris, t.adjVertices, t.loops, {}, HoleFlat, progress), 0);
+  EXPECT_EQ(meshHoleFill(m, t.adjTris, t.adjVertices, t.loops, {7, -1}, HoleFaired, progress), 0);
   EXPECT_EQ(m.getModificationCount(), notices);
-  EXPECT_EQ(meshHoleFill(m, t.adj, t.verts, t.loops, {0}, HoleFlat, progress), 1);
+  EXPECT_EQ(meshHoleFill(m, t.adjTris, t.adjVertices, t.loops, {0}, HoleFlat, progress), 1);
   ASSERT_EQ(m.getNumTriangles(), sphere.getNumTriangles());
   const MeshTriangle& added = m.getTriangles()[m.getNumTriangles() - 1];
   int r = 0;
@@ -139,7 +134,7 @@ TEST(HoleFill, SmallHolesEmptyListsAndBadInput) {
   CompactMesh nan = holeySphere();
   nan.getVertices()[1].x = std::numeric_limits<float>::quiet_NaN();
   const Tables n(nan);
-  EXPECT_EQ(meshHoleFill(nan, n.adj, n.verts, n.loops, n.all(), HoleFaired, progress), 5);
+  EXPECT_EQ(meshHoleFill(nan, n.adjTris, n.adjVertices, n.loops, n.all(), HoleFaired, progress), 5);
 }
 
 TEST(HoleFill, CancellationAtAnyPollLeavesTheMeshUntouched) {
@@ -147,13 +142,14 @@ TEST(HoleFill, CancellationAtAnyPollLeavesTheMeshUntouched) {
   const Tables t(original);
   CancelAt counting(std::numeric_limits<int>::max());
   CompactMesh m = original;
-  ASSERT_EQ(meshHoleFill(m, t.adj, t.verts, t.loops, t.all(), HoleFaired, counting), 5);
+  ASSERT_EQ(meshHoleFill(m, t.adjTris, t.adjVertices, t.loops, t.all(), HoleFaired, counting), 5);
   const int polls = counting.polls();
   ASSERT_GT(polls, 10);
   for (int at : {1, polls / 2, polls}) {
     CompactMesh copy = original;
     CancelAt cancel(at);
-    EXPECT_EQ(meshHoleFill(copy, t.adj, t.verts, t.loops, t.all(), HoleFaired, cancel), 0) << at;
+    EXPECT_EQ(meshHoleFill(copy, t.adjTris, t.adjVertices, t.loops, t.all(), HoleFaired, cancel), 0)
+        << at;
     EXPECT_EQ(copy.getModificationCount(), original.getModificationCount());
     ASSERT_EQ(copy.getNumTriangles(), original.getNumTriangles());
     ASSERT_EQ(copy.getNumVertices(), original.getNumVertices());

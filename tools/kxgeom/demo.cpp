@@ -163,19 +163,16 @@ kxGeom::CompactMesh demoHoles(const kxGeom::CompactMesh& mesh, Report& report,
   kxGeom::BitVector vertices(holey.getNumVertices());
   kxGeom::MeshSelect(holey, adjTris, vertices, cut).selectTrianglesRecursive(true);
   kxGeom::MeshDeleteSelected(holey).apply();
-  kxGeom::meshAdjTris(holey, adjTris);
-  kxGeom::MeshAdjVertices adjVertices;
-  kxGeom::meshAdjVertices(holey, adjTris, adjVertices);
-  kxGeom::MeshBoundaries loops;
-  kxGeom::meshComputeBoundary(holey, adjTris, adjVertices, loops);
+  const kxGeom::MeshBoundaryTables tables(holey);
+  const kxGeom::MeshBoundaries& loops = tables.loops;
   kx::list<int> holes;
   for (int i = 0; i < loops.size(); ++i) holes.push_back(i);
   kxGeom::CompactMesh filled = holey;
   kxOS::StopWatch watch;
   kxUtil::Progress phase;
   progress.subPhase(0.05, phase);
-  const int count =
-      kxGeom::meshHoleFill(filled, adjTris, adjVertices, loops, holes, kxGeom::HoleFaired, phase);
+  const int count = kxGeom::meshHoleFill(filled, tables.adjTris, tables.adjVertices, loops, holes,
+                                         kxGeom::HoleFaired, phase);
   report.line("holes: %d cut (%d triangles), %d filled at quality 2 with %d triangles (%.3f s)",
               loops.size(), m - holey.getNumTriangles(), count,
               filled.getNumTriangles() - holey.getNumTriangles(), watch.stop());

@@ -1,5 +1,6 @@
-// kxgeom check and kxgeom repair: the mesh checks with their counts, and the
-// repair loop with a summary of what each step removed or changed.
+// The editing commands: check (the mesh checks with their counts), repair
+// (the repair loop, one line per step), fill (hole filling) and flatten (the
+// conformal UV layout with its quality).
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -169,10 +170,6 @@ int runRepair(int argc, char** argv) {
   return 0;
 }
 
-}  // namespace kxtool
-
-namespace kxtool {
-
 int runFill(int argc, char** argv) {
   const auto args = parseCommand(
       argc, argv,
@@ -188,19 +185,15 @@ int runFill(int argc, char** argv) {
   const int maxEdges = args->getInt("max-edges", 0);
   if (maxEdges < 0) throw Failure("--max-edges expects a positive count");
   kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
-  kxGeom::MeshAdjTris adjTris;
-  kxGeom::meshAdjTris(mesh, adjTris);
-  kxGeom::MeshAdjVertices adjVertices;
-  kxGeom::meshAdjVertices(mesh, adjTris, adjVertices);
-  kxGeom::MeshBoundaries loops;
-  kxGeom::meshComputeBoundary(mesh, adjTris, adjVertices, loops);
+  const kxGeom::MeshBoundaryTables tables(mesh);
+  const kxGeom::MeshBoundaries& loops = tables.loops;
   kx::list<int> holes;
   for (int i = 0; i < loops.size(); ++i) {
     if (maxEdges == 0 || loops.getLength(i) <= maxEdges) holes.push_back(i);
   }
   const int before = mesh.getNumTriangles();
   TerminalProgress progress;
-  const int filled = kxGeom::meshHoleFill(mesh, adjTris, adjVertices, loops, holes,
+  const int filled = kxGeom::meshHoleFill(mesh, tables.adjTris, tables.adjVertices, loops, holes,
                                           kxGeom::HoleQuality(quality), progress);
   progress.throwIfCancelled();
   writeMesh(mesh, args->positional()[1]);
@@ -220,10 +213,6 @@ int runFill(int argc, char** argv) {
   }
   return 0;
 }
-
-}  // namespace kxtool
-
-namespace kxtool {
 
 int runFlatten(int argc, char** argv) {
   const auto args = parseCommand(
