@@ -23,7 +23,8 @@ namespace kxGeom {
 /// triangle ...", "Invalid mesh, non-manifold triangle ...", "Found an
 /// un-closed boundary, mesh not changed.", "A degenerate boundary found, mesh
 /// not changed.", "There must be a boundary for the disk, none found. No
-/// changes made."). Every refusal and every cancellation leaves the mesh
+/// changes made.", and for NaN or infinite input "Found vertex <v> with a
+/// non-finite position, mesh not changed."). Every refusal and every cancellation leaves the mesh
 /// unchanged and makes `flatten` return false.
 ///
 /// Cost: O(V log V) to prepare plus the conjugate-gradient solve of 2V - 4

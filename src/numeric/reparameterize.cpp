@@ -98,6 +98,14 @@ bool reparameterizeMesh::flatten() {
 }
 
 bool reparameterizeMesh::flatten(kxUtil::Progress& progress) {
+  // A non-finite position would spread through the whole solve.
+  for (int v = 0; v < mesh_.getNumVertices(); ++v) {
+    const MeshVertex& p = mesh_.getVertices()[v];
+    if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) {
+      out().error("Found vertex %d with a non-finite position, mesh not changed. \n", v);
+      return false;
+    }
+  }
   Remap remap;
   {
     kxUtil::Progress phase;

@@ -152,6 +152,8 @@ TEST(Reparameterize, RefusalsPrintTheirTextsAndLeaveTheMesh) {
   cases.push_back(
       {meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {2, 2, 0}}, {0, 1, 2, 0, 3, 4}),
        "A degenerate boundary found, mesh not changed. \n"});
+  cases.push_back({meshFrom({{0, 0, 0}, {1, NAN, 0}, {0, 1, 0}}, {0, 1, 2}),
+                   "Found vertex 1 with a non-finite position, mesh not changed. \n"});
   for (Case& c : cases) {
     c.mesh.allocUVArray()[0] = {7, 7};
     OutputCapture output;
