@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <unordered_set>
+#include <unordered_map>
 
 #include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/edge_swap.h>
@@ -223,18 +223,20 @@ bool fair(TopoMesh& mesh, const kx::vector<TopoMeshVertex>& free, kxUtil::Progre
   return true;
 }
 
-// The directed edges of the working mesh.
-std::unordered_set<std::uint64_t> directedEdges(const TopoMesh& mesh) {
-  std::unordered_set<std::uint64_t> edges;
-  for (TopoMeshFace f : mesh.faces()) {
-    const TopoMeshHalfEdge first = mesh.getHalfEdge(f);
-    TopoMeshHalfEdge h = first;
-    do {
-      edges.insert(edgeKey(mesh.origin(h), mesh.target(h)));
-      h = mesh.next(h);
-    } while (h != first);
-  }
-  return edges;
+// The directed edges of the working mesh, with their half-edges: built once
+// from the region and extended by each patch, so later holes are checked and
+// twinned without another pass over the region. (Edges that refinement and
+// swapping make inside a patch join two vertices of that patch, which no
+// later loop holds as a pair.)
+using EdgeIndex = std::unordered_map<std::uint64_t, TopoMeshHalfEdge>;
+
+void indexFace(const TopoMesh& mesh, TopoMeshFace f, EdgeIndex& edges) {
+  const TopoMeshHalfEdge first = mesh.getHalfEdge(f);
+  TopoMeshHalfEdge h = first;
+  do {
+    edges[edgeKey(mesh.origin(h), mesh.target(h))] = h;
+    h = mesh.next(h);
+  } while (h != first);
 }
 
 double meanEdgeLength(const CompactMesh& mesh, const MeshAdjVertices& adjVertices, int v) {
@@ -251,7 +253,10 @@ class HoleFiller {
  public:
   HoleFiller(CompactMesh& mesh, const MeshAdjVertices& adjVertices, MeshModifyRep& rep,
              HoleQuality quality)
-      : mesh_(mesh), adjVertices_(adjVertices), rep_(rep), quality_(quality) {}
+      : mesh_(mesh), adjVertices_(adjVertices), rep_(rep), quality_(quality) {
+    const TopoMesh& topo = rep_.getTopoMesh();
+    for (TopoMeshFace f : topo.faces()) indexFace(topo, f, edges_);
+  }
 
   enum Outcome { Filled, Skipped, Cancelled };
 
@@ -270,14 +275,13 @@ class HoleFiller {
     progress.subPhase(w.triangulation, flat);
     // Diagonals the working mesh already has would make its edges
     // non-manifold: the triangulation avoids them where it can.
-    const std::unordered_set<std::uint64_t> existing = directedEdges(topo);
     const auto meshEdge = [&](int i, int k) {
-      return existing.count(edgeKey(corners[i], corners[k])) != 0 ||
-             existing.count(edgeKey(corners[k], corners[i])) != 0;
+      return edges_.count(edgeKey(corners[i], corners[k])) != 0 ||
+             edges_.count(edgeKey(corners[k], corners[i])) != 0;
     };
     const bool triangulated = triangulatePolygon(points, triangles, used, flat, meshEdge);
     if (progress.cancelled()) return Cancelled;
-    if (!triangulated || !addPatch(corners, triangles, existing)) return Skipped;
+    if (!triangulated || !addPatch(corners, triangles)) return Skipped;
     flat.set(1.0);
     if (quality_ == HoleFlat) return Filled;
     kxUtil::Progress rest;
@@ -293,14 +297,15 @@ class HoleFiller {
  private:
   // Adds the triangles (j, i, k) of every loop triangle (i, j, k), unless one
   // would repeat a directed edge the working mesh already has.
-  bool addPatch(const kx::vector<TopoMeshVertex>& corners, const kx::vector<int>& triangles,
-                const std::unordered_set<std::uint64_t>& existing) {
+  // Then links every new half-edge to the one running the other way, the
+  // twinning a full meshTwin would do, from the edge index.
+  bool addPatch(const kx::vector<TopoMeshVertex>& corners, const kx::vector<int>& triangles) {
     TopoMesh& topo = rep_.getTopoMesh();
     for (std::size_t t = 0; t < triangles.size(); t += 3) {
       const TopoMeshVertex i = corners[triangles[t]], j = corners[triangles[t + 1]],
                            k = corners[triangles[t + 2]];
-      if (existing.count(edgeKey(j, i)) || existing.count(edgeKey(i, k)) ||
-          existing.count(edgeKey(k, j))) {
+      if (edges_.count(edgeKey(j, i)) || edges_.count(edgeKey(i, k)) ||
+          edges_.count(edgeKey(k, j))) {
         return false;
       }
     }
@@ -308,9 +313,15 @@ class HoleFiller {
     for (std::size_t t = 0; t < triangles.size(); t += 3) {
       const TopoMeshVertex face[3] = {corners[triangles[t + 1]], corners[triangles[t]],
                                       corners[triangles[t + 2]]};
-      patch_->addFace(topo.addFace(face, 3));
+      const TopoMeshFace f = topo.addFace(face, 3);
+      patch_->addFace(f);
+      indexFace(topo, f, edges_);
+      TopoMeshHalfEdge h = topo.getHalfEdge(f);
+      for (int e = 0; e < 3; ++e, h = topo.next(h)) {
+        const auto back = edges_.find(edgeKey(topo.target(h), topo.origin(h)));
+        if (back != edges_.end() && topo.isLive(back->second)) topo.setTwins(h, back->second);
+      }
     }
-    meshTwin(topo);
     return true;
   }
 
@@ -319,6 +330,7 @@ class HoleFiller {
   MeshModifyRep& rep_;
   HoleQuality quality_;
   std::unique_ptr<Patch> patch_;
+  EdgeIndex edges_;
 };
 
 // The loop of boundary `hole` as mesh vertex indices; empty when it cannot
