@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -117,6 +118,14 @@ TEST(SelfIntersect, SharedCornersCountOnlyWhenTheTrianglesMeetBeyondThem) {
   EXPECT_FALSE(meet({0, 1, 5}, {0, 6, 2}));  // a vertex, other planes meeting only there
   EXPECT_TRUE(meet({0, 1, 2}, {0, 5, 7}));   // a vertex, piercing beyond it
   EXPECT_TRUE(meet({0, 1, 2}, {2, 0, 1}));   // the same triangle
+  // A triangle with a NaN corner is skipped, even where its other corners
+  // would cross a neighbour.
+  Soup nan = randomSoup(2, 9);
+  const float* first = nan.mesh.getVerticesRaw();
+  for (int k = 0; k < 3; ++k) nan.mesh.getVertices()[3 + k] = {first[0], first[1], first[2] + k};
+  ASSERT_FALSE(selfPairs(nan.mesh).empty());
+  nan.mesh.getVertices()[5].y = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_TRUE(selfPairs(nan.mesh).empty());
   // A closed surface has no intersections.
   EXPECT_TRUE(selfPairs(kxtest::makeLatLongSphere(12, 16)).empty());
   CompactMesh folded = kxtest::makeGrid(2, 1);
