@@ -1,5 +1,6 @@
 #include <kxgeom/triangulate_polygon.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -31,6 +32,13 @@ class MinimalArea {
   bool run(kxUtil::Progress& progress) {
     cost_.assign(std::size_t(n_) * n_, 0.0);
     apex_.assign(std::size_t(n_) * n_, -1);
+    penalty_.assign(std::size_t(n_) * n_, 0.0);
+    for (int a = 0; forbidden_ && a < n_; ++a) {
+      for (int b = a + 2; b < n_; ++b) {
+        const int lo = std::min(ids_[a], ids_[b]), hi = std::max(ids_[a], ids_[b]);
+        if (forbidden_(lo, hi)) penalty_[index(a, b)] = kForbiddenCost;
+      }
+    }
     for (int span = 2; span < n_; ++span) {
       if (progress.cancelled()) return false;
       for (int i = 0; i + span < n_; ++i) solve(i, i + span);
@@ -50,11 +58,9 @@ class MinimalArea {
   std::size_t index(int i, int k) const { return std::size_t(i) * n_ + k; }
   const kxLinear::Point& at(int i) const { return loop_[ids_[i]]; }
 
-  // The penalty of the diagonal between chain positions a < b, when it is one.
-  double diagonal(int a, int b) const {
-    if (b - a < 2 || !forbidden_) return 0;
-    return forbidden_(std::min(ids_[a], ids_[b]), std::max(ids_[a], ids_[b])) ? kForbiddenCost : 0;
-  }
+  // The penalty of the diagonal between chain positions a < b, when it is one,
+  // read from the table `run` fills once per chain.
+  double diagonal(int a, int b) const { return b - a < 2 ? 0 : penalty_[index(a, b)]; }
 
   void solve(int i, int k) {
     double best = std::numeric_limits<double>::infinity();
@@ -75,7 +81,7 @@ class MinimalArea {
   const kx::vector<int>& ids_;
   int n_;
   const Forbidden& forbidden_;
-  kx::vector<double> cost_;
+  kx::vector<double> cost_, penalty_;
   kx::vector<int> apex_;
 };
 
