@@ -436,8 +436,8 @@ int runDemo(int argc, char** argv) {
     return bool(out.flush());
   });
   std::printf(
-      "\nEverything is in %s/: sample.obj, welded.obj, filled.obj, smoothed.obj, render.png, "
-      "report.txt\n",
+      "\nEverything is in %s/: sample.obj, welded.obj, filled.obj, flattened.obj, smoothed.obj, "
+      "render.png, flattened.png, report.txt\n",
       dir.string().c_str());
   return 0;
 }
