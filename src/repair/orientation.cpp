@@ -88,44 +88,22 @@ class VertexFan {
     return i;
   }
 
-  // The earlier fan triangles touching triangle j (sharing a non-centre
-  // vertex), ascending and without repeats. With no spoke counted more than
-  // twice each non-centre vertex is in at most two fan triangles.
-  void earlierTouching(int j, kx::vector<int>& out) const {
-    out.clear();
-    for (int c = 1; c <= 2; ++c) {
-      const std::pair<int, int> key{rotated_[j][c], -1};
-      for (auto it = std::upper_bound(spokes_.begin(), spokes_.end(), key);
-           it != spokes_.end() && it->first == key.first && it->second < j; ++it) {
-        out.push_back(it->second);
-      }
-    }
-    std::sort(out.begin(), out.end());
-    out.erase(std::unique(out.begin(), out.end()), out.end());
-  }
-
   // Walks the fan in order: a triangle joins the first earlier triangle it
-  // touches, then merges at most one other component, the first touching it
-  // between the two. Union-find keeps this linear; the labels come out as
-  // the ranks of the components by their first triangle, which is what
-  // renumbering after each merge produces.
+  // touches (shares a non-centre vertex with), then merges at most one other
+  // component, the first touching it between the two. With no spoke counted
+  // more than twice a triangle touches at most two others, so that rule
+  // joins exactly the touching pairs: union-find over the sorted spokes (each
+  // pair of equal neighbours is one touching pair) gives the same parts in
+  // linear time, and the labels come out as the ranks of the parts by their
+  // first triangle, which is what renumbering after each merge produces.
   void labelComponents() {
     const int n = int(rotated_.size());
     parent_.resize(std::size_t(n));
-    kx::vector<int>& touching = touching_;
-    for (int j = 0; j < n; ++j) {
-      parent_[j] = j;
-      earlierTouching(j, touching);
-      if (touching.empty()) continue;
-      const int k = touching.front();
-      parent_[j] = find(k);
-      for (std::size_t i = 1; i < touching.size(); ++i) {
-        const int a = find(touching[i]), b = find(k);
-        if (a == b) continue;
-        parent_[std::max(a, b)] = std::min(a, b);
-        break;
-      }
-      parent_[j] = find(j);
+    for (int j = 0; j < n; ++j) parent_[j] = j;
+    for (std::size_t i = 0; i + 1 < spokes_.size(); ++i) {
+      if (spokes_[i].first != spokes_[i + 1].first) continue;
+      const int a = find(spokes_[i].second), b = find(spokes_[i + 1].second);
+      parent_[std::max(a, b)] = std::min(a, b);
     }
     labels_.assign(std::size_t(n), 0);
     kx::vector<int>& rank = rank_;
@@ -141,7 +119,7 @@ class VertexFan {
   int v_ = -1;
   kx::vector<MeshTriangle> rotated_;
   kx::vector<std::pair<int, int>> spokes_;  // (other end, fan triangle), sorted
-  kx::vector<int> parent_, labels_, touching_, rank_;  // reused from fan to fan
+  kx::vector<int> parent_, labels_, rank_;  // reused from fan to fan
   int numComponents_ = 1;
 };
 
