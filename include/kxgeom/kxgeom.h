@@ -49,13 +49,14 @@
 #include <kxgeom/orientation.h>
 #include <kxgeom/repair.h>
 
-// Smoothing, numerics, clipping, planar tests and sampling.
+// Smoothing, numerics and flattening, clipping and cutting, planar tests and
+// polygon triangulation, sampling.
 #include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/cut_surface.h>
 #include <kxgeom/planar.h>
 #include <kxgeom/reparameterize.h>
-#include <kxgeom/triangulate_polygon.h>
 #include <kxgeom/sampling.h>
 #include <kxgeom/smoothing.h>
 #include <kxgeom/sparse.h>
+#include <kxgeom/triangulate_polygon.h>
