@@ -9,6 +9,7 @@
 #include <kxgeom/platform/linear.h>
 #include <kxgeom/platform/mesh.h>
 #include <kxgeom/platform/octree.h>
+#include <kxgeom/platform/threads.h>
 
 namespace kxGeom {
 
@@ -185,6 +186,40 @@ class KXGEOM_API MeshPtInside {
   BoundingBox box_;
   double tolerance_;
 };
+
+/// Closest points of many query points at once, over the shared thread pool.
+/// Each thread answers fixed chunks of the points with its own
+/// `MeshClosestPoint`, and every answer depends on its point alone, so the
+/// results are identical for every thread count.
+/// [in]  mesh, octree, tris  as `MeshClosestPoint`.
+/// [in]  points     `count` query points (model units).
+/// [out] distances  `count` distances, as `MeshClosestPoint::compute` returns.
+/// [out] coords     when not null, `count` coordinates of the nearest points
+///                  (invalid, triangle -1, where no point was found).
+/// [in,out] progress  when not null, receives the fraction of points answered
+///                  and is polled for cancellation.
+/// Returns false, with the outputs partly written, when cancelled.
+/// Cost O(count x one query / threads) plus one `MeshClosestPoint` set-up per
+/// thread. Thread safety: the inputs must not change during the call.
+KXGEOM_API bool meshClosestPoints(const CompactMesh& mesh, const Octree& octree,
+                                  const OctreeTris& tris, const kxLinear::Point* points, int count,
+                                  double* distances, MeshCoord* coords,
+                                  kxUtil::Progress* progress = nullptr);
+
+/// Classifies many points against a closed mesh at once, as
+/// `MeshPtInside::evaluate` does one by one, over the shared thread pool;
+/// identical results for every thread count.
+/// [in]  mesh, octree, tris, tolerance  as `MeshPtInside`.
+/// [in]  points   `count` query points.  [out] results  `count` answers.
+/// [in,out] progress  as `meshClosestPoints`.
+/// Returns false, with the results partly written, when cancelled.
+/// Cost O(count x one evaluation / threads) plus one `MeshPtInside` set-up
+/// per thread. Thread safety: as `meshClosestPoints`.
+KXGEOM_API bool meshPointsInside(const CompactMesh& mesh, const Octree& octree,
+                                 const OctreeTris& tris, double tolerance,
+                                 const kxLinear::Point* points, int count,
+                                 MeshPtInside::Result* results,
+                                 kxUtil::Progress* progress = nullptr);
 
 /// Closest point of one triangle to p, as barycentric weights.
 /// [in] vertices   raw vertex array (three floats per vertex).

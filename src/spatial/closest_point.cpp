@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
+#include <memory>
+#include <vector>
 
 #include <kxgeom/bounds.h>
 #include <kxgeom/platform/bitvector.h>
 #include <kxgeom/platform/os.h>
+#include <kxgeom/platform/progress.h>
 #include <kxgeom/predicates.h>
 
 namespace kxGeom {
@@ -425,6 +429,46 @@ kx::vector<NodeBound> nodeBounds(const CompactMesh& mesh, const Octree& octree,
   return bounds;
 }
 
+// Answers chunks of query points with one searcher per thread, made on the
+// thread's first chunk: a searcher's set-up is the expensive part, and no
+// point needs a particular thread.
+template <class Searcher>
+class BatchQuery : public kxUtil::ThreadedChunkAlg<char> {
+ public:
+  BatchQuery(int count, std::function<std::unique_ptr<Searcher>()> make,
+             std::function<void(Searcher&, int)> answer)
+      : ThreadedChunkAlg<char>(count, 256), make_(std::move(make)), answer_(std::move(answer)) {}
+  void initialize(int numThreads) override {
+    ThreadedChunkAlg<char>::initialize(numThreads);
+    searchers_.clear();
+    searchers_.resize(std::size_t(numThreads));
+    done_.store(0);
+  }
+
+ protected:
+  void process(int thread, int begin, int end, char&) override {
+    std::unique_ptr<Searcher>& searcher = searchers_[std::size_t(thread)];
+    if (!searcher) searcher = make_();
+    for (int i = begin; i < end; ++i) answer_(*searcher, i);
+    const int done = done_.fetch_add(end - begin) + (end - begin);
+    updateProgress(thread, double(done) / n_);
+  }
+
+ private:
+  std::function<std::unique_ptr<Searcher>()> make_;
+  std::function<void(Searcher&, int)> answer_;
+  std::vector<std::unique_ptr<Searcher>> searchers_;
+  std::atomic<int> done_{0};
+};
+
+// Runs a batch on the shared pool; false when it was cancelled.
+template <class Searcher>
+bool runBatch(BatchQuery<Searcher>& batch, kxUtil::Progress* progress) {
+  batch.setProgress(progress);
+  kxUtil::ThreadPool::get().run(batch);
+  return !(progress && progress->cancelled());
+}
+
 }  // namespace
 
 class OctreeClosestItImpl {
@@ -777,6 +821,28 @@ double meshLongestEdge(const CompactMesh& mesh) {
     }
   }
   return std::sqrt(longest2);
+}
+
+bool meshClosestPoints(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris,
+                       const kxLinear::Point* points, int count, double* distances,
+                       MeshCoord* coords, kxUtil::Progress* progress) {
+  BatchQuery<MeshClosestPoint> batch(
+      count, [&] { return std::make_unique<MeshClosestPoint>(mesh, octree, tris); },
+      [&](MeshClosestPoint& search, int i) {
+        MeshCoord found;
+        distances[i] = search.compute(points[i], &found);
+        if (coords) coords[i] = found;
+      });
+  return runBatch(batch, progress);
+}
+
+bool meshPointsInside(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris,
+                      double tolerance, const kxLinear::Point* points, int count,
+                      MeshPtInside::Result* results, kxUtil::Progress* progress) {
+  BatchQuery<MeshPtInside> batch(
+      count, [&] { return std::make_unique<MeshPtInside>(mesh, octree, tris, tolerance); },
+      [&](MeshPtInside& inside, int i) { results[i] = inside.evaluate(points[i]); });
+  return runBatch(batch, progress);
 }
 
 }  // namespace kxGeom

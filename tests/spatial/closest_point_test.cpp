@@ -188,6 +188,17 @@ TEST(MeshClosestPoint, IdenticalForEveryThreadCountAndConcurrentQueries) {
     for (const Point& p : pts) got.push_back(search.compute(p, nullptr));
     if (reference.empty()) reference = got;
     EXPECT_EQ(got, reference) << threads << " threads";
+    // The batch answers each point as the one-by-one search does.
+    std::vector<double> batch(pts.size());
+    std::vector<MeshCoord> coords(pts.size());
+    ASSERT_TRUE(kxGeom::meshClosestPoints(mesh, octree, tris, pts.data(), int(pts.size()),
+                                          batch.data(), coords.data()));
+    EXPECT_EQ(batch, reference) << threads << " threads";
+    for (std::size_t i = 0; i < pts.size(); ++i) {
+      MeshCoord one;
+      search.compute(pts[i], &one);
+      ASSERT_EQ(coords[i].triangle, one.triangle) << i;
+    }
   }
   kxUtil::ThreadPool::setNumThreads(0);
   // Four threads, one search object each, over one octree and one list.
@@ -334,6 +345,18 @@ TEST(PointInside, ClassifiesAgainstTheAnalyticSphere) {
     ASSERT_EQ(result, r < 2.0 ? kxGeom::MeshPtInside::Inside : kxGeom::MeshPtInside::Outside) << r;
   }
   EXPECT_GT(counted[kxGeom::MeshPtInside::Inside], 500);
+  // The batch form gives the same answers, and stops when cancelled.
+  const std::vector<Point> batchPoints = kxtest::randomPoints(700, boxOf(s.mesh), 1.3, 8);
+  std::vector<kxGeom::MeshPtInside::Result> answers(batchPoints.size());
+  ASSERT_TRUE(kxGeom::meshPointsInside(s.mesh, s.octree, s.tris, 1e-3, batchPoints.data(),
+                                       int(batchPoints.size()), answers.data()));
+  for (std::size_t i = 0; i < batchPoints.size(); ++i) {
+    ASSERT_EQ(answers[i], inside.evaluate(batchPoints[i])) << i;
+  }
+  kxUtil::Progress stop;
+  stop.cancel();
+  EXPECT_FALSE(kxGeom::meshPointsInside(s.mesh, s.octree, s.tris, 1e-3, batchPoints.data(),
+                                        int(batchPoints.size()), answers.data(), &stop));
   // On a vertex: on the surface. Just outside the box but within tolerance: outside.
   EXPECT_EQ(inside.evaluate(s.mesh.getVertices()[7].asPoint()), kxGeom::MeshPtInside::OnSurface);
   EXPECT_EQ(inside.evaluate(Point(1, -1, 2.5 + 1e-4)), kxGeom::MeshPtInside::Outside);
