@@ -27,6 +27,7 @@
 #include <kxgeom/mesh_io.h>
 #include <kxgeom/normals.h>
 #include <kxgeom/primitives.h>
+#include <kxgeom/topology_report.h>
 #include <kxgeom/weld.h>
 
 // Spatial queries.
