@@ -2,7 +2,8 @@
 # Installs the Debian packages needed to build and test kxgeom, skipping any
 # that are already present (so a prepared machine needs no network).
 set -euo pipefail
-packages=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev libpng-dev libclang-rt-14-dev)
+packages=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev libpng-dev libclang-rt-14-dev
+  libcli11-dev nlohmann-json3-dev python3)
 [ "${KXGEOM_WITH_PEERS:-0}" = 1 ] && packages+=(libopenmesh-dev libcgal-dev libembree-dev libeigen3-dev libtinyobjloader-dev)
 missing=()
 for p in "${packages[@]}"; do

@@ -3,6 +3,7 @@
 # status, every error path, and the demo. Usage: cli_test.sh PATH/TO/kxgeom
 set -uo pipefail
 tool=$1
+here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 passed=0
@@ -57,7 +58,7 @@ check "round trip keeps triangles" contains "$out" "triangles:      2"
 # Two triangles with separate copies of the shared corners weld to 4 vertices.
 printf 'v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3\nf 4 5 6\n' >"$work/soup.obj"
 check "weld runs" run 0 weld "$work/soup.obj" "$work/welded.obj"
-check "weld reports the merge" contains "$out" "welded 6 vertices into 4"
+check "weld reports the merge" contains "$out" "4 vertices (6 before)"
 check "normals runs" run 0 normals "$work/square.obj" "$work/normals.obj"
 check "normals written" grep -q '^vn 0 0 1' "$work/normals.obj"
 
@@ -90,10 +91,23 @@ check "unwritable output named" contains "$err" "x.obj"
 check "bad points file" bash -c "printf '1 2\n' > '$work/p.txt'"
 check "bad points line" run 1 closest "$work/square.obj" "$work/p.txt"
 check "bad points line number" contains "$err" "p.txt:1"
-check "unknown option" run 1 info "$work/square.obj" --bogus
+check "unknown option" run 2 info "$work/square.obj" --bogus
 check "unknown command" run 2 frobnicate
+check "no command" run 2
 check "help for a command" run 0 render --help
-check "help text" contains "$out" "usage: kxgeom render"
+check "help text" contains "$out" "Usage: kxgeom render"
+check "version" run 0 --version
+check "version text" contains "$out" "kxgeom 0."
+check "option=value form" run 0 closest "$work/square.obj" --random=3 --seed=4
+check "typed option validated" run 2 closest "$work/square.obj" --random=many
+check "unknown output format" run 2 convert "$work/square.obj" "$work/out.xyz"
+check "unknown format named" contains "$err" "out.xyz"
+check "no output for unknown format" [ ! -e "$work/out.xyz" ]
+mkdir "$work/dir.mesh"
+check "directory is no mesh" run 1 info "$work/dir.mesh"
+check "directory named" contains "$err" "dir.mesh"
+: >"$work/empty.obj"
+check "empty file is no mesh" run 1 info "$work/empty.obj"
 
 # A square with a repeated triangle, a degenerate one and a flipped one.
 cat >"$work/broken.obj" <<'OBJ'
@@ -113,14 +127,14 @@ check "repair runs" run 0 repair "$work/broken.obj" "$work/fixed.obj" --json
 check "repair json" python3 -c 'import json,sys; d=json.loads(sys.argv[1]); assert d["clean"] and d["triangles"] == 3, d' "$out"
 check "repaired mesh is clean" run 0 check "$work/fixed.obj"
 check "repaired mesh oriented" contains "$out" "consistently oriented        yes"
-check "repair bad angle" run 1 repair "$work/broken.obj" "$work/x.obj" --angle 200
+check "repair bad angle" run 2 repair "$work/broken.obj" "$work/x.obj" --angle 200
 check "no output on bad angle" [ ! -e "$work/x.obj" ]
 
 check "fill runs" run 0 fill "$work/fixed.obj" "$work/closed.obj" --quality 1 --json
 check "fill json" python3 -c 'import json,sys; d=json.loads(sys.argv[1]); assert (d["holes"], d["filled"], d["refused"]) == (1, 1, 0), d' "$out"
 check "filled square is closed" run 0 info "$work/closed.obj"
 check "filled square has no boundary" contains "$out" "boundary loops: 0"
-check "fill bad quality" run 1 fill "$work/fixed.obj" "$work/y.obj" --quality 7
+check "fill bad quality" run 2 fill "$work/fixed.obj" "$work/y.obj" --quality 7
 check "no output on bad quality" [ ! -e "$work/y.obj" ]
 
 check "flatten runs" run 0 flatten "$work/square.obj" "$work/flat.obj" --json
@@ -130,7 +144,7 @@ check "checkerboard render" run 0 render "$work/flat.obj" -o "$work/flat.png" --
 check "flatten refuses a closed mesh" run 1 flatten "$work/closed.obj" "$work/z.obj"
 check "flatten refusal names the file" contains "$err" "closed.obj"
 check "no output on refusal" [ ! -e "$work/z.obj" ]
-check "flatten wants OBJ" run 1 flatten "$work/square.obj" "$work/flat.mesh"
+check "flatten wants texture coordinates" run 2 flatten "$work/square.obj" "$work/flat.mesh"
 
 check "demo runs" run 0 demo --output "$work/demo"
 check "demo writes an image" [ -s "$work/demo/render.png" ]
@@ -140,6 +154,55 @@ check "demo report mentions repair" grep -q "repair: .* clean" "$work/demo/repor
 check "demo fills its holes" grep -q "holes: 3 cut .* 3 filled" "$work/demo/report.txt"
 check "demo flattens a cap" grep -q "flatten: .* laid flat, 0 flipped" "$work/demo/report.txt"
 check "demo renders the layout" [ -s "$work/demo/flattened.png" ]
+
+# Every reporting command prints one JSON document with --json.
+json_ok() {  # json_ok PYTHON_CONDITION: $out parses and d satisfies the condition
+  python3 -c "import json,sys; d=json.loads(sys.argv[1]); assert $1, d" "$out"
+}
+check "info json" run 0 info "$work/broken.obj" --json
+check "info json topology" json_ok 'd["boundary_loops"] == 1 and d["oriented"] is False and d["degenerate_triangles"] == 1'
+check "closest json" run 0 closest "$work/square.obj" "$work/points.txt" --json
+check "closest json results" json_ok 'abs(d["results"][0]["distance"] - 2) < 1e-9 and d["results"][1]["closest"] == [1, 1, 0]'
+for cmd in convert weld normals; do
+  check "$cmd json" run 0 $cmd "$work/square.obj" "$work/j-$cmd.ply" --json
+  check "$cmd json counts" json_ok 'd["vertices"] == 4 and d["triangles"] == 2'
+done
+check "render json" run 0 render "$work/square.obj" -o "$work/j.png" --size 32x32 --json
+check "render json pixels" json_ok '0 < d["hit_pixels"] < 32 * 32'
+
+# A symlink target is written through; a FIFO is written in place.
+printf 'old' >"$work/real.obj"
+ln -s real.obj "$work/link.obj"
+check "convert through a symlink" run 0 convert "$work/square.mesh" "$work/link.obj"
+check "symlink kept" [ -L "$work/link.obj" ]
+check "symlink target written" grep -q '^f ' "$work/real.obj"
+mkfifo "$work/pipe.obj"
+cat "$work/pipe.obj" >"$work/from-pipe.obj" &
+check "convert into a FIFO" run 0 convert "$work/square.mesh" "$work/pipe.obj"
+wait
+check "FIFO kept" [ -p "$work/pipe.obj" ]
+check "FIFO carried the mesh" grep -q '^f ' "$work/from-pipe.obj"
+
+# The image does not depend on the model's scale; the up axis turns it.
+for s in 0.01 1 100; do
+  awk -v s=$s '$1=="v"{printf "v %.9g %.9g %.9g\n",$2*s,$3*s,$4*s; next}{print}' \
+    "$work/demo/sample.obj" >"$work/scaled-$s.obj"
+  check "render at scale $s" run 0 render "$work/scaled-$s.obj" -o "$work/scaled-$s.png" --size 96x72
+done
+check "same image at 1/100 scale" python3 "$here/png_diff.py" "$work/scaled-1.png" "$work/scaled-0.01.png" 0.001
+check "same image at 100 times" python3 "$here/png_diff.py" "$work/scaled-1.png" "$work/scaled-100.png" 0.001
+check "render with y up" run 0 render "$work/scaled-1.obj" -o "$work/y-up.png" --size 96x72 --up y
+check "y up is another view" bash -c "! python3 '$here/png_diff.py' '$work/scaled-1.png' '$work/y-up.png' 0.05"
+
+# Ctrl-C during a long command: status 130, neither output nor temporary file.
+"$tool" render "$work/demo/sample.obj" -o "$work/interrupted.png" --size 6000x6000 2>/dev/null &
+pid=$!
+sleep 1
+kill -INT $pid
+wait $pid
+status=$?
+check "interrupted status" [ "$status" -eq 130 ]
+check "no interrupted output" [ -z "$(ls -A "$work" | grep interrupted)" ]
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -1,35 +1,33 @@
 #include "cli.h"
 
+#include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include <kxgeom/mesh_io.h>
+#include <kxgeom/mesh_file.h>
 
 namespace kxtool {
 
 namespace {
 
 std::atomic<bool> interrupted{false};
+// The temporary file being written, for the second Ctrl-C to remove; a fixed
+// buffer because the signal handler may not allocate.
+char partPath[PATH_MAX + 64];
 
-extern "C" void onInterrupt(int) { interrupted.store(true); }
-
-bool endsWith(const std::string& s, const char* suffix) {
-  const std::size_t n = std::strlen(suffix);
-  if (s.size() < n) return false;
-  for (std::size_t i = 0; i < n; ++i) {
-    if (std::tolower(static_cast<unsigned char>(s[s.size() - n + i])) != suffix[i]) return false;
+extern "C" void onInterrupt(int) {
+  if (interrupted.exchange(true)) {
+    if (partPath[0]) unlink(partPath);
+    _exit(130);
   }
-  return true;
 }
-
-bool isObj(const std::string& path) { return endsWith(path, ".obj"); }
 
 void drawBar(double fraction, const char* caption) {
   const int width = 30;
@@ -39,61 +37,54 @@ void drawBar(double fraction, const char* caption) {
   std::fflush(stderr);
 }
 
+std::string withoutNewline(std::string text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  return text;
+}
+
+// The file a symlink finally names (also when that file does not exist
+// yet), or `path` itself when it is no symlink.
+std::string followLinks(const std::string& path) {
+  std::string target = path;
+  for (int hops = 0; hops < 40; ++hops) {
+    struct stat st;
+    if (lstat(target.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return target;
+    char link[PATH_MAX];
+    const ssize_t n = readlink(target.c_str(), link, sizeof link - 1);
+    if (n < 0) return target;
+    const std::string next(link, std::size_t(n));
+    const std::size_t slash = target.rfind('/');
+    target =
+        (next[0] == '/' || slash == std::string::npos) ? next : target.substr(0, slash + 1) + next;
+  }
+  return target;
+}
+
+std::string temporaryBeside(const std::string& target) {
+  const std::size_t slash = target.rfind('/');
+  const std::string dir = slash == std::string::npos ? "" : target.substr(0, slash + 1);
+  const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+  return dir + "." + base + ".part" + std::to_string(getpid());
+}
+
+[[noreturn]] void failWriting(const std::string& path, int err) {
+  throw Failure(path + ": cannot write" + (err ? std::string(": ") + std::strerror(err) : ""));
+}
+
 }  // namespace
 
-Args::Args(int argc, char** argv, const std::vector<std::string>& valued,
-           const std::vector<std::string>& flags) {
-  auto declared = [](const std::vector<std::string>& list, const std::string& name) {
-    for (const auto& o : list) {
-      if (o == name) return true;
-    }
-    return false;
-  };
-  for (int i = 0; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a.size() > 2 && a.compare(0, 2, "--") == 0) {
-      const std::string name = a.substr(2);
-      if (declared(flags, name)) {
-        options_[name] = "1";
-      } else if (declared(valued, name)) {
-        if (i + 1 >= argc) throw Failure("option --" + name + " needs a value");
-        options_[name] = argv[++i];
-      } else {
-        throw Failure("unknown option " + a + " (see --help)");
-      }
-    } else if (a == "-o" && declared(valued, "output")) {
-      if (i + 1 >= argc) throw Failure("option -o needs a value");
-      options_["output"] = argv[++i];
-    } else {
-      positional_.push_back(a);
-    }
-  }
+void installInterruptHandler() {
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
 }
 
-std::string Args::get(const std::string& name, const std::string& fallback) const {
-  const auto it = options_.find(name);
-  return it == options_.end() ? fallback : it->second;
-}
-
-int Args::getInt(const std::string& name, int fallback) const {
-  if (!has(name)) return fallback;
-  const std::string text = get(name);
-  char* end = nullptr;
-  errno = 0;
-  const long v = std::strtol(text.c_str(), &end, 10);
-  if (*end != '\0' || end == text.c_str() || errno == ERANGE || v < INT_MIN || v > INT_MAX) {
-    throw Failure("--" + name + " expects an integer");
-  }
-  return static_cast<int>(v);
-}
-
-void Args::expectPositional(std::size_t n, const char* usage) const {
-  if (positional_.size() != n) throw Failure(std::string("usage: ") + usage);
+void throwIfInterrupted() {
+  if (interrupted.load()) throw Interrupted();
 }
 
 TerminalProgress::TerminalProgress() {
-  interrupted.store(false);
-  std::signal(SIGINT, onInterrupt);
   if (isatty(STDERR_FILENO)) {
     setObserver([this](double f, const char* caption) {
       drawn_ = true;
@@ -103,79 +94,73 @@ TerminalProgress::TerminalProgress() {
 }
 
 TerminalProgress::~TerminalProgress() {
-  std::signal(SIGINT, SIG_DFL);
   if (drawn_) std::fprintf(stderr, "\r%*s\r", 80, "");
 }
 
 bool TerminalProgress::cancelled() const { return interrupted.load() || Progress::cancelled(); }
 
-void TerminalProgress::throwIfCancelled() const {
-  if (cancelled()) throw Failure("cancelled");
-}
-
 kxGeom::CompactMesh readMesh(const std::string& path) {
-  if (FILE* f = std::fopen(path.c_str(), "rb")) {
-    std::fclose(f);
-  } else {
-    throw Failure(path + ": cannot open: " + std::strerror(errno));
-  }
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) throw Failure(path + ": cannot open: " + std::strerror(errno));
+  if (S_ISDIR(st.st_mode)) throw Failure(path + ": is a directory, not a mesh file");
   kxGeom::CompactMesh mesh;
-  std::string detail;
-  const kxOS::DebugChannel::Sink previous = kxGeom::debugChannel().getSink();
-  kxGeom::debugChannel().setSink([&](const char* line) {
-    detail = line;
-    if (previous) previous(line);
-  });
-  bool ok;
-  if (isObj(path)) {
-    ok = kxGeom::meshReadObj(mesh, path);
-  } else {
-    kxGeom::meshRead(mesh, path);  // reports a bad file only on the debug channel
-    ok = detail.empty();
-  }
-  kxGeom::debugChannel().setSink(previous);
+  std::string error;
+  TerminalProgress progress;
+  progress.setCaption(("Reading " + path).c_str());
+  kxGeom::MeshReadOptions options;
+  options.progress = &progress;
+  options.error = &error;
+  const bool ok = kxGeom::meshReadFile(mesh, path, options);
+  throwIfInterrupted();
   if (!ok) {
-    while (!detail.empty() && detail.back() == '\n') detail.pop_back();
-    throw Failure(path + ": not a readable mesh" + (detail.empty() ? "" : " (" + detail + ")"));
+    throw Failure(error.empty() ? path + ": not a readable mesh" : withoutNewline(error));
   }
   return mesh;
 }
 
-void writeAtomically(const std::string& path,
-                     const std::function<bool(const std::string&)>& write) {
-  const std::string tmp = path + ".part" + std::to_string(getpid());
-  if (!write(tmp) || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    const int err = errno;
-    std::remove(tmp.c_str());
-    throw Failure(path + ": cannot write" + (err ? std::string(": ") + std::strerror(err) : ""));
+void checkMeshOutput(const MeshOutput& output) {
+  if (kxGeom::meshFileFormatFromName(output.path) == kxGeom::MeshFileFormat::Unknown) {
+    throw UsageError(output.path + ": unknown output format (use .obj, .ply, .stl, .off or .mesh)");
   }
 }
 
-void writeMesh(const kxGeom::CompactMesh& mesh, const std::string& path) {
-  writeAtomically(path, [&](const std::string& tmp) {
+void writeMesh(const kxGeom::CompactMesh& mesh, const MeshOutput& output) {
+  checkMeshOutput(output);
+  kxGeom::MeshWriteOptions options;
+  options.format = kxGeom::meshFileFormatFromName(output.path);
+  options.binary = !output.ascii;
+  options.precision = output.precision;
+  writeOutput(output.path, [&](const std::string& file) {
     errno = 0;
-    if (isObj(path)) return kxGeom::meshWriteObj(mesh, tmp);
-    kxGeom::meshWrite(mesh, tmp);  // reports nothing: check that the file appeared
-    FILE* written = std::fopen(tmp.c_str(), "rb");
-    if (written) std::fclose(written);
-    return written != nullptr;
+    return kxGeom::meshWriteFile(mesh, file, options);
   });
 }
 
-void parseSize(const std::string& text, int& width, int& height) {
-  if (std::sscanf(text.c_str(), "%dx%d", &width, &height) != 2 || width < 1 || height < 1 ||
-      width > 16384 || height > 16384) {
-    throw Failure("--size expects WxH with 1 <= W, H <= 16384");
+void writeOutput(const std::string& path, const std::function<bool(const std::string&)>& write) {
+  const std::string target = followLinks(path);
+  struct stat st;
+  if (stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+    // A device or a FIFO is the destination itself, never to be replaced.
+    const bool ok = write(target);
+    const int err = errno;
+    throwIfInterrupted();
+    if (!ok) failWriting(path, err);
+    return;
   }
+  const std::string tmp = temporaryBeside(target);
+  std::snprintf(partPath, sizeof partPath, "%s", tmp.c_str());
+  const bool ok =
+      write(tmp) && !interrupted.load() && std::rename(tmp.c_str(), target.c_str()) == 0;
+  const int err = errno;
+  if (!ok) std::remove(tmp.c_str());
+  partPath[0] = '\0';
+  throwIfInterrupted();
+  if (!ok) failWriting(path, err);
 }
 
-void applyCommonOptions(const Args& args) {
-  if (args.has("threads")) {
-    const int n = args.getInt("threads", 0);
-    if (n < 1) throw Failure("--threads expects a positive integer");
-    kxUtil::ThreadPool::setNumThreads(n);
-  }
-  if (args.has("verbose")) {
+void applyCommonOptions(int threads, bool verbose) {
+  if (threads > 0) kxUtil::ThreadPool::setNumThreads(threads);
+  if (verbose) {
     kxGeom::debugChannel().setSink([](const char* text) { std::fputs(text, stderr); });
   }
 }

@@ -1,43 +1,39 @@
-// Shared plumbing of the kxgeom command-line tool: argument parsing, error
-// reporting, the terminal progress bar with Ctrl-C cancellation, and output
-// files that appear only when complete.
+// Shared plumbing of the kxgeom command-line tool: the failures a command
+// reports, Ctrl-C, the terminal progress bar, and mesh and image files that
+// appear only when complete.
 #pragma once
 
 #include <functional>
-#include <map>
-#include <optional>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include <kxgeom/kxgeom.h>
 
+#include "commands.h"
+
 namespace kxtool {
 
-/// A user-facing failure: printed as "kxgeom: <message>", exit status 1.
+/// The work failed: printed as "kxgeom COMMAND: <message>", exit status 1.
 struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Parsed command line of one subcommand: positional arguments and
-/// "--name value" / "--flag" options (each option declared up front).
-class Args {
- public:
-  /// `valued` lists options that take a value, `flags` those that do not.
-  Args(int argc, char** argv, const std::vector<std::string>& valued,
-       const std::vector<std::string>& flags);
-
-  const std::vector<std::string>& positional() const { return positional_; }
-  bool has(const std::string& name) const { return options_.count(name) != 0; }
-  std::string get(const std::string& name, const std::string& fallback = "") const;
-  int getInt(const std::string& name, int fallback) const;
-  /// Fails unless exactly `n` positional arguments were given.
-  void expectPositional(std::size_t n, const char* usage) const;
-
- private:
-  std::vector<std::string> positional_;
-  std::map<std::string, std::string> options_;
+/// The command line asks for something impossible: exit status 2.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
 };
+
+/// The user pressed Ctrl-C: exit status 130, no output left behind.
+struct Interrupted : std::runtime_error {
+  Interrupted() : std::runtime_error("interrupted") {}
+};
+
+/// Catches SIGINT for the rest of the run: the first Ctrl-C asks every
+/// progress to cancel, a second one removes the output being written and
+/// exits at once.
+void installInterruptHandler();
+/// Throws Interrupted once the user has pressed Ctrl-C.
+void throwIfInterrupted();
 
 /// A Progress whose cancelled() also answers Ctrl-C, and which draws a bar on
 /// standard error when it is a terminal. One per command run.
@@ -46,34 +42,31 @@ class TerminalProgress : public kxUtil::Progress {
   TerminalProgress();
   ~TerminalProgress() override;
   bool cancelled() const override;
-  /// Fails with "cancelled" when the user pressed Ctrl-C.
-  void throwIfCancelled() const;
 
  private:
   bool drawn_ = false;
 };
 
-/// Reads a mesh by extension (.obj: OBJ, anything else: the indexed text
-/// format). Fails naming the file when it is missing, malformed or refers to
-/// vertices that do not exist.
+/// Reads a mesh in any format the library reads (by extension, else by
+/// content), with a progress bar on large files. Fails naming the file and
+/// the place of the fault; throws Interrupted on Ctrl-C.
 kxGeom::CompactMesh readMesh(const std::string& path);
-/// Writes a mesh by extension through a temporary file renamed into place,
-/// so a failed write leaves no partial output.
-void writeMesh(const kxGeom::CompactMesh& mesh, const std::string& path);
-/// Runs `write(tmpPath)` and renames the temporary file to `path` when it
-/// reports success; removes it otherwise.
-void writeAtomically(const std::string& path, const std::function<bool(const std::string&)>& write);
 
-/// Parses an image size "WxH" (1 to 16384 each); fails otherwise.
-void parseSize(const std::string& text, int& width, int& height);
+/// Fails with a usage error before any work when `output.path` names no
+/// format the library writes.
+void checkMeshOutput(const MeshOutput& output);
+/// Writes a mesh in the format its extension names (see `writeOutput`).
+void writeMesh(const kxGeom::CompactMesh& mesh, const MeshOutput& output);
 
-/// Applies the common options: --threads N and --verbose.
-void applyCommonOptions(const Args& args);
+/// Produces `path` through `write(target)`: a regular file (or a new one)
+/// is written to a temporary file beside it and renamed over it once
+/// complete; a symlink is followed and its target replaced the same way; a
+/// device or FIFO is written in place. Fails naming the file when `write`
+/// reports false; throws Interrupted, removing the temporary file, when
+/// Ctrl-C came during the write.
+void writeOutput(const std::string& path, const std::function<bool(const std::string&)>& write);
 
-/// Parses a subcommand's arguments with the common options added and applied;
-/// prints `help` and yields nothing for --help.
-std::optional<Args> parseCommand(int argc, char** argv, const char* help,
-                                 const std::vector<std::string>& valued,
-                                 const std::vector<std::string>& flags);
+/// Applies the options every command takes.
+void applyCommonOptions(int threads, bool verbose);
 
 }  // namespace kxtool

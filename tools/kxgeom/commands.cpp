@@ -1,19 +1,16 @@
-#include "commands.h"
-
-#include <cerrno>
+// The commands that read, convert and query meshes: info, convert, weld,
+// normals, closest and render.
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli.h"
-#include "mesh_summary.h"
-#include "render.h"
+#include "commands.h"
+#include "json.h"
 
 namespace kxtool {
 
@@ -41,7 +38,7 @@ std::vector<kxLinear::Point> readPoints(const std::string& path) {
 
 std::vector<kxLinear::Point> randomPoints(const kxGeom::BoundingBox& box, int n, unsigned seed) {
   std::mt19937 rng(seed);
-  std::vector<kxLinear::Point> points(std::size_t(std::max(0, n)));
+  std::vector<kxLinear::Point> points(static_cast<std::size_t>(n));
   const kxLinear::PointFlt c = box.center();
   const kxLinear::VectorFlt h = box.halfDiagonal() * 1.2f;
   std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -49,168 +46,172 @@ std::vector<kxLinear::Point> randomPoints(const kxGeom::BoundingBox& box, int n,
   return points;
 }
 
-kxLinear::Vector parseVector(const std::string& text) {
-  kxLinear::Vector v;
-  char c1 = 0, c2 = 0;
-  std::istringstream in(text);
-  if (!(in >> v.x >> c1 >> v.y >> c2 >> v.z) || c1 != ',' || c2 != ',' || v.length2() == 0.0) {
-    throw Failure("--view expects a non-zero direction X,Y,Z");
+void printInfo(const kxGeom::CompactMesh& mesh, const kxGeom::MeshTopologyReport& t,
+               const kxGeom::BoundingBox& box, double longest) {
+  std::printf("vertices:       %d\ntriangles:      %d\n", mesh.getNumVertices(),
+              mesh.getNumTriangles());
+  std::printf("positions:      %d (distinct)\nboundary loops: %d (%d edges)\n", t.positions,
+              t.boundaryLoops, t.boundaryEdges);
+  std::printf("seam edges:     %d\nnon-manifold:   %d edges, %d vertices\n", t.seamEdges,
+              t.nonManifoldEdges, t.nonManifoldVertices);
+  std::printf("oriented:       %s\ncomponents:     %d\n", t.oriented ? "yes" : "no", t.components);
+  if (t.genus >= 0) {
+    std::printf("genus:          %d\n", t.genus);
+  } else {
+    std::printf("genus:          undefined (not an oriented manifold)\n");
   }
-  return v;
+  std::printf("degenerate:     %d triangles\n", t.degenerateTriangles);
+  std::printf("bounding box:   (%g, %g, %g) .. (%g, %g, %g)\n", box[0], box[1], box[2], box[3],
+              box[4], box[5]);
+  std::printf("normals:        %s\nUVs:            %s\nlongest edge:   %g\n",
+              mesh.getNormals() ? "yes" : "no", mesh.getUVs() ? "yes" : "no", longest);
 }
+
+Json infoJson(const kxGeom::CompactMesh& mesh, const kxGeom::MeshTopologyReport& t,
+              const kxGeom::BoundingBox& box, double longest) {
+  Json j;
+  j.set("vertices", mesh.getNumVertices()).set("triangles", mesh.getNumTriangles());
+  j.set("positions", t.positions).set("edges", t.edges);
+  j.set("boundary_loops", t.boundaryLoops).set("boundary_edges", t.boundaryEdges);
+  j.set("seam_edges", t.seamEdges).set("non_manifold_edges", t.nonManifoldEdges);
+  j.set("non_manifold_vertices", t.nonManifoldVertices).set("oriented", t.oriented);
+  j.set("components", t.components).set("degenerate_triangles", t.degenerateTriangles);
+  if (t.genus >= 0) j.set("genus", t.genus);
+  if (box.isValid()) {
+    j.set("box_min", box[0], box[1], box[2]).set("box_max", box[3], box[4], box[5]);
+  }
+  j.set("normals", mesh.getNormals() != nullptr).set("uvs", mesh.getUVs() != nullptr);
+  return j.set("longest_edge", longest);
+}
+
+// Reads, transforms and writes one mesh, with the report of convert, weld
+// and normals.
+int copyMesh(const ConvertOptions& o, const char* verb,
+             const std::function<void(kxGeom::CompactMesh&)>& transform) {
+  checkMeshOutput(o.output);
+  kxGeom::CompactMesh mesh = readMesh(o.input);
+  const int before = mesh.getNumVertices();
+  transform(mesh);
+  throwIfInterrupted();
+  writeMesh(mesh, o.output);
+  if (o.json) {
+    Json j;
+    j.set("input", o.input).set("output", o.output.path).set("input_vertices", before);
+    j.set("vertices", mesh.getNumVertices()).set("triangles", mesh.getNumTriangles()).print();
+  } else {
+    std::printf("%s %s: %d vertices (%d before), %d triangles\n", verb, o.output.path.c_str(),
+                mesh.getNumVertices(), before, mesh.getNumTriangles());
+  }
+  return 0;
+}
+
+// A mesh's octree and triangle lists, built with a progress bar.
+struct Searchable {
+  kxGeom::BoundingBox box;
+  std::unique_ptr<kxGeom::Octree> octree;
+  kxGeom::OctreeTris tris;
+
+  explicit Searchable(const kxGeom::CompactMesh& mesh) {
+    kxGeom::meshBoundingBox(mesh, box);
+    TerminalProgress progress;
+    progress.setCaption("Building the octree");
+    progress.set(0.0);
+    octree.reset(new kxGeom::Octree(mesh.getNumVertices(), mesh.getVerticesRaw(), box, true, 16));
+    throwIfInterrupted();
+    progress.set(0.5);
+    kxGeom::computeOctreeTris(mesh, *octree, tris);
+    throwIfInterrupted();
+  }
+};
 
 }  // namespace
 
-std::optional<Args> parseCommand(int argc, char** argv, const char* help,
-                                 const std::vector<std::string>& valued,
-                                 const std::vector<std::string>& flags) {
-  static const std::vector<std::string> kCommonValued = {"threads"};
-  static const std::vector<std::string> kCommonFlags = {"verbose", "help"};
-  const auto plus = [](std::vector<std::string> a, const std::vector<std::string>& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-  };
-  Args args(argc, argv, plus(valued, kCommonValued), plus(flags, kCommonFlags));
-  if (args.has("help")) {
-    std::printf("%s\n\nCommon options: --threads N, --verbose (show the debug channel), --help\n",
-                help);
-    return std::nullopt;
-  }
-  applyCommonOptions(args);
-  return args;
-}
-
-int runInfo(int argc, char** argv) {
-  const auto args =
-      parseCommand(argc, argv,
-                   "usage: kxgeom info FILE\nPrints vertex, triangle and boundary-loop "
-                   "counts, the bounding box, whether normals and UVs are present, and the "
-                   "longest edge.",
-                   {}, {});
-  if (!args) return 0;
-  args->expectPositional(1, "kxgeom info FILE");
-  const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
-  std::fputs(summarize(mesh).c_str(), stdout);
-  return 0;
-}
-
-int runConvert(int argc, char** argv) {
-  const auto args =
-      parseCommand(argc, argv,
-                   "usage: kxgeom convert IN OUT\nConverts between OBJ (.obj) and the "
-                   "indexed text format (any other extension, e.g. .mesh).",
-                   {}, {});
-  if (!args) return 0;
-  args->expectPositional(2, "kxgeom convert IN OUT");
-  const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
-  writeMesh(mesh, args->positional()[1]);
-  std::printf("wrote %s: %d vertices, %d triangles\n", args->positional()[1].c_str(),
-              mesh.getNumVertices(), mesh.getNumTriangles());
-  return 0;
-}
-
-int runWeld(int argc, char** argv) {
-  const auto args =
-      parseCommand(argc, argv,
-                   "usage: kxgeom weld IN OUT\nMerges vertices with identical positions "
-                   "(and identical given normals and UVs).",
-                   {}, {});
-  if (!args) return 0;
-  args->expectPositional(2, "kxgeom weld IN OUT");
-  kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
-  const int before = mesh.getNumVertices();
-  TerminalProgress progress;
-  progress.setCaption("Welding vertices");
-  kxGeom::meshCompact(mesh, progress);
-  progress.throwIfCancelled();
-  writeMesh(mesh, args->positional()[1]);
-  std::printf("welded %d vertices into %d; wrote %s\n", before, mesh.getNumVertices(),
-              args->positional()[1].c_str());
-  return 0;
-}
-
-int runNormals(int argc, char** argv) {
-  const auto args =
-      parseCommand(argc, argv,
-                   "usage: kxgeom normals IN OUT\nComputes vertex normals (the mean of "
-                   "the adjacent triangles' unit normals) and writes them with the mesh.",
-                   {}, {});
-  if (!args) return 0;
-  args->expectPositional(2, "kxgeom normals IN OUT");
-  kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
-  kxGeom::meshComputeNormals(mesh);
-  writeMesh(mesh, args->positional()[1]);
-  std::printf("computed %d vertex normals; wrote %s\n", mesh.getNumVertices(),
-              args->positional()[1].c_str());
-  return 0;
-}
-
-int runClosest(int argc, char** argv) {
-  const auto args = parseCommand(
-      argc, argv,
-      "usage: kxgeom closest MESH POINTS\n       kxgeom closest MESH --random N [--seed S]\n"
-      "For each point ('x y z' per line; '#' starts a comment), prints the closest point "
-      "on the mesh surface, its triangle and the distance.",
-      {"random", "seed"}, {});
-  if (!args) return 0;
-  const bool random = args->has("random");
-  args->expectPositional(random ? 1 : 2, "kxgeom closest MESH POINTS | --random N");
-  const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
-  if (mesh.getNumTriangles() == 0) throw Failure(args->positional()[0] + ": mesh has no triangles");
+int runInfo(const InfoOptions& o) {
+  const kxGeom::CompactMesh mesh = readMesh(o.input);
+  const kxGeom::MeshTopologyReport topology = kxGeom::meshTopologyReport(mesh);
   kxGeom::BoundingBox box;
   kxGeom::meshBoundingBox(mesh, box);
-  const std::vector<kxLinear::Point> points =
-      random ? randomPoints(box, args->getInt("random", 0), unsigned(args->getInt("seed", 1)))
-             : readPoints(args->positional()[1]);
-  kxGeom::Octree octree(mesh.getNumVertices(), mesh.getVerticesRaw(), box, true, 16);
-  kxGeom::OctreeTris tris;
-  kxGeom::computeOctreeTris(mesh, octree, tris);
-  kxGeom::MeshClosestPoint closest(mesh, octree, tris);
-  std::printf("# x y z -> closest_x closest_y closest_z triangle distance\n");
-  for (const kxLinear::Point& p : points) {
-    kxGeom::MeshCoord coord;
-    const double d = closest.compute(p, &coord);
-    if (!coord.isValid()) {
-      std::printf("%.9g %.9g %.9g -> none\n", p.x, p.y, p.z);
-      continue;
-    }
-    const kxLinear::Point c = coord.evaluate(mesh.getVertices(), mesh.getTriangles());
-    std::printf("%.9g %.9g %.9g -> %.9g %.9g %.9g %d %.9g\n", p.x, p.y, p.z, c.x, c.y, c.z,
-                coord.triangle, d);
+  const double longest = mesh.getNumTriangles() ? kxGeom::meshLongestEdge(mesh) : 0.0;
+  if (o.json) {
+    infoJson(mesh, topology, box, longest).print();
+  } else {
+    printInfo(mesh, topology, box, longest);
   }
   return 0;
 }
 
-int runRender(int argc, char** argv) {
-  const auto args =
-      parseCommand(argc, argv,
-                   "usage: kxgeom render MESH -o IMAGE.png [--size WxH] [--view X,Y,Z] "
-                   "[--checker N]\n"
-                   "Traces a shaded image with four-wide ray packets; the camera frames the "
-                   "whole mesh and looks along --view (default -1,-0.8,-0.6). --checker N "
-                   "paints a checkerboard of N cells per UV unit on a mesh with UVs.",
-                   {"output", "size", "view", "checker"}, {});
-  if (!args) return 0;
-  args->expectPositional(1, "kxgeom render MESH -o IMAGE.png");
-  if (!args->has("output")) throw Failure("usage: kxgeom render MESH -o IMAGE.png");
-  RenderOptions options;
-  if (args->has("size")) parseSize(args->get("size"), options.width, options.height);
-  if (args->has("view")) options.view = parseVector(args->get("view"));
-  options.checkerCells = args->getInt("checker", 0);
-  if (options.checkerCells < 0) throw Failure("--checker expects a positive cell count");
-  const kxGeom::CompactMesh mesh = readMesh(args->positional()[0]);
+int runConvert(const ConvertOptions& o) {
+  return copyMesh(o, "wrote", [](kxGeom::CompactMesh&) {});
+}
+
+int runWeld(const ConvertOptions& o) {
+  return copyMesh(o, "welded; wrote", [](kxGeom::CompactMesh& mesh) {
+    TerminalProgress progress;
+    progress.setCaption("Welding vertices");
+    kxGeom::meshCompact(mesh, progress);
+  });
+}
+
+int runNormals(const ConvertOptions& o) {
+  return copyMesh(o, "computed normals; wrote",
+                  [](kxGeom::CompactMesh& mesh) { kxGeom::meshComputeNormals(mesh); });
+}
+
+int runClosest(const ClosestOptions& o) {
+  const kxGeom::CompactMesh mesh = readMesh(o.mesh);
+  if (mesh.getNumTriangles() == 0) throw Failure(o.mesh + ": mesh has no triangles");
+  const Searchable search(mesh);
+  const std::vector<kxLinear::Point> points =
+      o.random > 0 ? randomPoints(search.box, o.random, o.seed) : readPoints(o.points);
+  std::vector<double> distances(points.size());
+  std::vector<kxGeom::MeshCoord> coords(points.size());
+  TerminalProgress progress;
+  progress.setCaption("Closest points");
+  kxGeom::meshClosestPoints(mesh, *search.octree, search.tris, points.data(), int(points.size()),
+                            distances.data(), coords.data(), &progress);
+  throwIfInterrupted();
+  Json results;
+  if (!o.json) std::printf("# x y z -> closest_x closest_y closest_z triangle distance\n");
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    const kxLinear::Point& p = points[i];
+    const bool found = coords[i].isValid();
+    const kxLinear::Point c =
+        found ? coords[i].evaluate(mesh.getVertices(), mesh.getTriangles()) : kxLinear::Point();
+    if (o.json) {
+      Json r;
+      r.set("point", p.x, p.y, p.z);
+      if (found) r.set("closest", c.x, c.y, c.z).set("triangle", coords[i].triangle);
+      results.push(r.set("distance", found ? distances[i] : std::nan("")));
+    } else if (found) {
+      std::printf("%.9g %.9g %.9g -> %.9g %.9g %.9g %d %.9g\n", p.x, p.y, p.z, c.x, c.y, c.z,
+                  coords[i].triangle, distances[i]);
+    } else {
+      std::printf("%.9g %.9g %.9g -> none\n", p.x, p.y, p.z);
+    }
+  }
+  if (o.json) Json().set("mesh", o.mesh).set("results", results).print();
+  return 0;
+}
+
+int runRender(const RenderCommandOptions& o) {
+  const kxGeom::CompactMesh mesh = readMesh(o.input);
   TerminalProgress progress;
   progress.setCaption("Tracing");
   RenderStats stats;
-  const Image image = renderMesh(mesh, options, progress, stats);
-  progress.throwIfCancelled();
-  const std::string out = args->get("output");
-  writeAtomically(out, [&](const std::string& tmp) { return writePng(image, tmp); });
+  const Image image = renderMesh(mesh, o.render, progress, stats);
+  throwIfInterrupted();
+  writeOutput(o.output, [&](const std::string& file) { return writePng(image, file); });
   kxGeom::debugChannel().print("render: %lld rays in %f s (%.0f rays/s)\n", stats.rays,
                                stats.traceSeconds,
                                stats.traceSeconds > 0 ? stats.rays / stats.traceSeconds : 0.0);
-  std::printf("wrote %s (%dx%d, %d pixels on the mesh)\n", out.c_str(), image.width, image.height,
-              stats.hitPixels);
+  if (o.json) {
+    Json j;
+    j.set("output", o.output).set("width", image.width).set("height", image.height);
+    j.set("hit_pixels", stats.hitPixels).set("rays", stats.rays).print();
+  } else {
+    std::printf("wrote %s (%dx%d, %d pixels on the mesh)\n", o.output.c_str(), image.width,
+                image.height, stats.hitPixels);
+  }
   return 0;
 }
 

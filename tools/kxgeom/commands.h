@@ -1,19 +1,83 @@
-// The subcommands of the kxgeom tool. Each takes the arguments after its
-// name and returns the exit status; user errors are thrown as Failure.
+// The subcommands of the kxgeom tool. The argument parser (main.cpp) fills
+// one options struct per command and calls its run function, which returns
+// the exit status; failures are thrown as the exceptions of cli.h.
 #pragma once
+
+#include <string>
+
+#include "render.h"
 
 namespace kxtool {
 
-int runInfo(int argc, char** argv);
-int runConvert(int argc, char** argv);
-int runWeld(int argc, char** argv);
-int runNormals(int argc, char** argv);
-int runClosest(int argc, char** argv);
-int runRender(int argc, char** argv);
-int runDemo(int argc, char** argv);
-int runCheck(int argc, char** argv);
-int runRepair(int argc, char** argv);
-int runFill(int argc, char** argv);
-int runFlatten(int argc, char** argv);
+/// Where and how a command writes its mesh.
+struct MeshOutput {
+  std::string path;
+  bool ascii = false;  // PLY and STL: text instead of binary
+  int precision = 9;   // significant digits of text formats
+};
+
+struct InfoOptions {
+  std::string input;
+  bool json = false;
+};
+struct ConvertOptions {
+  std::string input;
+  MeshOutput output;
+  bool json = false;
+};
+struct ClosestOptions {
+  std::string mesh, points;
+  int random = 0;
+  unsigned seed = 1;
+  bool json = false;
+};
+struct RenderCommandOptions {
+  std::string input, output;
+  RenderOptions render;
+  bool json = false;
+};
+struct CheckOptions {
+  std::string input;
+  bool intersections = false;
+  double angle = 0;  // degrees; 0: no fold check
+  bool json = false;
+};
+struct RepairOptions {
+  std::string input;
+  MeshOutput output;
+  bool intersections = false;
+  double angle = 0;
+  bool json = false;
+};
+struct FillOptions {
+  std::string input;
+  MeshOutput output;
+  int quality = 2;
+  int maxEdges = 0;
+  bool json = false;
+};
+struct FlattenOptions {
+  std::string input;
+  MeshOutput output;
+  bool cut = false, compact = false, json = false;
+};
+struct DemoOptions {
+  std::string output = "kxgeom-demo";
+  int width = 800, height = 800;
+};
+
+int runInfo(const InfoOptions& o);
+/// convert, weld and normals share their options: read, (weld | compute
+/// normals), write.
+int runConvert(const ConvertOptions& o);
+int runWeld(const ConvertOptions& o);
+int runNormals(const ConvertOptions& o);
+int runClosest(const ClosestOptions& o);
+int runRender(const RenderCommandOptions& o);
+int runCheck(const CheckOptions& o);
+int runRepair(const RepairOptions& o);
+int runFill(const FillOptions& o);
+int runFlatten(const FlattenOptions& o);
+int runDemo(const DemoOptions& o);
 
 }  // namespace kxtool

@@ -12,7 +12,6 @@
 
 #include "cli.h"
 #include "commands.h"
-#include "mesh_summary.h"
 #include "render.h"
 
 namespace kxtool {
@@ -89,7 +88,7 @@ double brutalClosestDistance(const kxGeom::CompactMesh& mesh, const Point& p) {
 }
 
 void writeObj(const kxGeom::CompactMesh& mesh, const std::filesystem::path& path, Report& report) {
-  writeMesh(mesh, path.string());
+  writeMesh(mesh, MeshOutput{path.string()});
   report.line("  wrote %s", path.filename().string().c_str());
 }
 
@@ -250,8 +249,8 @@ void demoQueries(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& repo
 
 void demoAdjacency(const kxGeom::CompactMesh& mesh, Report& report) {
   report.line("mesh: %d vertices, %d triangles, %d boundary loops, longest edge %.4f",
-              mesh.getNumVertices(), mesh.getNumTriangles(), countBoundaryLoops(mesh),
-              kxGeom::meshLongestEdge(mesh));
+              mesh.getNumVertices(), mesh.getNumTriangles(),
+              kxGeom::meshTopologyReport(mesh).boundaryLoops, kxGeom::meshLongestEdge(mesh));
 }
 
 double rmsDistanceToSample(const kxGeom::CompactMesh& a, const kxGeom::CompactMesh& smooth) {
@@ -362,19 +361,11 @@ void demoSampling(const kxGeom::CompactMesh& mesh, const Spatial& s, Report& rep
 
 }  // namespace
 
-int runDemo(int argc, char** argv) {
-  Args args(argc, argv, {"output", "threads", "size"}, {"verbose", "help"});
-  if (args.has("help")) {
-    std::printf(
-        "usage: kxgeom demo [--output DIR] [--size WxH]\nBuilds a bumpy sphere, welds, "
-        "queries, smooths, solves, clips and renders it, and writes the meshes, "
-        "render.png and report.txt into DIR (default kxgeom-demo).\n");
-    return 0;
-  }
-  applyCommonOptions(args);
+int runDemo(const DemoOptions& o) {
   RenderOptions options;
-  if (args.has("size")) parseSize(args.get("size"), options.width, options.height);
-  const std::filesystem::path dir = args.get("output", "kxgeom-demo");
+  options.width = o.width;
+  options.height = o.height;
+  const std::filesystem::path dir = o.output;
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
   if (ec) throw Failure(dir.string() + ": cannot create: " + ec.message());
@@ -393,27 +384,27 @@ int runDemo(int argc, char** argv) {
   writeObj(demoHoles(sample, report, progress), dir / "filled.obj", report);
   const kxGeom::CompactMesh flat = demoFlatten(sample, report, progress);
   writeObj(flat, dir / "flattened.obj", report);
-  progress.throwIfCancelled();
+  throwIfInterrupted();
 
   const Spatial spatial(sample);
   demoQueries(sample, spatial, report);
   demoSampling(sample, spatial, report);
-  progress.throwIfCancelled();
+  throwIfInterrupted();
 
   kxGeom::CompactMesh noisy = makeSample(0.02);
   demoSmoothing(clean, noisy, report, progress);
   writeObj(noisy, dir / "smoothed.obj", report);
   demoSolver(sample, report);
   demoScreen(sample, report);
-  progress.throwIfCancelled();
+  throwIfInterrupted();
 
   RenderStats stats;
   kxUtil::Progress renderPhase;
   progress.subPhase(0.5, renderPhase);
   const Image image = renderMesh(sample, options, renderPhase, stats);
-  progress.throwIfCancelled();
-  writeAtomically((dir / "render.png").string(),
-                  [&](const std::string& tmp) { return writePng(image, tmp); });
+  throwIfInterrupted();
+  writeOutput((dir / "render.png").string(),
+              [&](const std::string& tmp) { return writePng(image, tmp); });
   report.line("render: %dx%d image, %lld rays in %.3f s (%.0f rays/s)", image.width, image.height,
               stats.rays, stats.traceSeconds,
               stats.traceSeconds > 0 ? stats.rays / stats.traceSeconds : 0.0);
@@ -425,12 +416,12 @@ int runDemo(int argc, char** argv) {
   progress.subPhase(0.1, checkerPhase);
   RenderStats checkerStats;
   const Image layout = renderMesh(flat, checker, checkerPhase, checkerStats);
-  progress.throwIfCancelled();
-  writeAtomically((dir / "flattened.png").string(),
-                  [&](const std::string& tmp) { return writePng(layout, tmp); });
+  throwIfInterrupted();
+  writeOutput((dir / "flattened.png").string(),
+              [&](const std::string& tmp) { return writePng(layout, tmp); });
   report.line("  wrote flattened.png (the cap with a checkerboard of its layout)");
 
-  writeAtomically((dir / "report.txt").string(), [&](const std::string& tmp) {
+  writeOutput((dir / "report.txt").string(), [&](const std::string& tmp) {
     std::ofstream out(tmp);
     out << report.text();
     return bool(out.flush());

@@ -27,17 +27,46 @@ struct Camera {
   }
 };
 
-Camera frame(const kxGeom::BoundingBox& box, const RenderOptions& o) {
-  const kxLinear::PointFlt c = box.center();
-  const double radius = std::max(1e-6, double(box.halfDiagonal().length()));
-  const Vector f = kxLinear::normalized(o.view);
+// A direction given in the frame whose third axis is world axis `up`.
+Vector toWorld(const Vector& local, int up) {
+  double w[3];
+  w[(up + 1) % 3] = local.x;
+  w[(up + 2) % 3] = local.y;
+  w[up] = local.z;
+  return Vector(w[0], w[1], w[2]);
+}
+
+Vector axis(int i) { return toWorld(Vector(0, 0, 1), i); }
+
+// A camera looking at the unit ball from outside, framing all of it.
+Camera frame(const RenderOptions& o) {
+  const Vector f = kxLinear::normalized(toWorld(o.view, o.upAxis));
   const double halfTan = std::tan(o.fovDegrees * 3.14159265358979 / 360.0);
-  const double distance = radius / halfTan * 1.1;
-  Vector worldUp = std::fabs(f.z) < 0.95 ? Vector(0, 0, 1) : Vector(0, 1, 0);
+  const double distance = 1.0 / halfTan * 1.1;
+  const Vector up = axis(o.upAxis);
+  const Vector worldUp = std::fabs(kxLinear::dot(f, up)) < 0.95 ? up : axis((o.upAxis + 2) % 3);
   const Vector right = kxLinear::normalized(kxLinear::cross(f, worldUp));
-  const Vector up = kxLinear::cross(right, f);
+  const Vector imageUp = kxLinear::cross(right, f);
   const double aspect = double(o.width) / o.height;
-  return {Point(c) - f * distance, f, right * (halfTan * aspect), up * halfTan, o.width, o.height};
+  return {Point() - f * distance, f,       right * (halfTan * aspect),
+          imageUp * halfTan,      o.width, o.height};
+}
+
+// A copy of `mesh` moved and scaled so that its box fits the unit ball:
+// tracing then works at one scale whatever the model's units, and the
+// tracer's tolerances mean the same on every model.
+kxGeom::CompactMesh unitScaled(const kxGeom::CompactMesh& mesh, const kxGeom::BoundingBox& box) {
+  const kxLinear::Point c(box.center());
+  const double radius = std::max(double(box.halfDiagonal().length()), 1e-30);
+  std::vector<kxGeom::MeshVertex> v(static_cast<std::size_t>(mesh.getNumVertices()));
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    const kxLinear::Point p = mesh.getVertices()[i].asPoint();
+    v[i] = {float((p.x - c.x) / radius), float((p.y - c.y) / radius), float((p.z - c.z) / radius)};
+  }
+  kxGeom::CompactMesh unit(mesh.getNumVertices(), v.data(), mesh.getNormals(), mesh.getUVs(),
+                           nullptr);
+  unit.copyTriangles(mesh.getNumTriangles(), mesh.getTrianglesRaw());
+  return unit;
 }
 
 // Traces rows [y0, y1) (y0 even) into `depth` (ray parameter per pixel).
@@ -135,11 +164,15 @@ void shade(const Camera& cam, const std::vector<float>& depth, Checker* checker,
 
 }  // namespace
 
-Image renderMesh(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
+Image renderMesh(const kxGeom::CompactMesh& model, const RenderOptions& options,
                  kxUtil::Progress& progress, RenderStats& stats) {
+  kxGeom::BoundingBox modelBox;
+  kxGeom::meshBoundingBox(model, modelBox);
+  const kxGeom::CompactMesh mesh =
+      modelBox.isValid() ? unitScaled(model, modelBox) : kxGeom::CompactMesh();
   kxGeom::BoundingBox box;
   kxGeom::meshBoundingBox(mesh, box);
-  const Camera cam = frame(box, options);
+  const Camera cam = frame(options);
   Image image(options.width, options.height);
   std::vector<float> depth(std::size_t(options.width) * options.height, kNoHit);
   std::unique_ptr<kxGeom::Octree> octree;

@@ -10,8 +10,12 @@ namespace kxtool {
 struct RenderOptions {
   int width = 800;
   int height = 800;
-  /// Viewing direction (from the camera towards the model).
+  /// Viewing direction (from the camera towards the model), in the frame
+  /// whose third axis is `upAxis`: (a, b, c) means a along the axis after
+  /// up, b along the one after that, c along up.
   kxLinear::Vector view{-1.0, -0.8, -0.6};
+  /// The world axis that is up in the image: 0 x, 1 y, 2 z.
+  int upAxis = 2;
   /// Vertical field of view in degrees.
   double fovDegrees = 35.0;
   /// Checkerboard the surface by its UVs (cells per unit), when it has them.
@@ -24,7 +28,9 @@ struct RenderStats {
   int hitPixels = 0;
 };
 
-/// Renders `mesh` with a pinhole camera framing its bounding box. Rays are
+/// Renders `mesh` with a pinhole camera framing its bounding box. The mesh is
+/// traced as a copy moved and scaled into the unit ball, so the image does
+/// not depend on the model's size or place. Rays are
 /// traced as 2x2 pixel packets in nearest-hit mode; the surface normal of
 /// each pixel is reconstructed from the hit positions of its neighbours, so
 /// the packets never need triangle indices. Rows are split over the shared
