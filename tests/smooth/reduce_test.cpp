@@ -224,4 +224,156 @@ TEST(MeshReduceTest, FlatGridKeepsItsBoundaryAndAttributesAndEndsNearlyMinimal) 
     }
   }
 }
+
+TEST(MeshReduceTest, LockedVerticesStayPut) {
+  CompactMesh mesh = kxtest::makeLatLongSphere(24, 48);
+  const int n = mesh.getNumVertices();
+  mesh.getSelectedVertices().resize(n);
+  for (int v = 0; v < n; v += 7) mesh.getSelectedVertices().setBit(v);
+  const CompactMesh input = mesh;
+  kxGeom::Remap map;
+  reduce(mesh, toCount(400), &map);
+  EXPECT_EQ(mesh.getNumTriangles(), 400);
+  std::set<int> images;
+  for (int v = 0; v < n; v += 7) {
+    EXPECT_EQ(std::memcmp(&mesh.getVertices()[map(v)], &input.getVertices()[v], 12), 0) << v;
+    EXPECT_TRUE(mesh.getSelectedVertices().isBitSet(map(v)));
+    images.insert(map(v));
+  }
+  EXPECT_EQ(int(images.size()), (n + 6) / 7);
+  EXPECT_EQ(mesh.getSelectedVertices().countSetBits(), (n + 6) / 7);
+}
+
+/// An open, curved patch: a grid bent into a saddle.
+CompactMesh saddle(int n) {
+  CompactMesh m = kxtest::makeGrid(n, n);
+  for (int v = 0; v < m.getNumVertices(); ++v) {
+    kxGeom::MeshVertex& p = m.getVertices()[v];
+    p.set(p.x / n - 0.5f, p.y / n - 0.5f, (p.x / n - 0.5f) * (p.y / n - 0.5f));
+  }
+  return m;
+}
+
+TEST(MeshReduceTest, OpenPatchBoundariesKeptOrWeighted) {
+  for (auto boundary : {kxGeom::MeshReduceBoundary::Keep, kxGeom::MeshReduceBoundary::Weighted}) {
+    CompactMesh mesh = saddle(30);
+    const CompactMesh input = mesh;
+    MeshReduceOptions o = toCount(361);  // odd: needs a collapse of one triangle or stops one short
+    o.boundary = boundary;
+    kxGeom::Remap map;
+    reduce(mesh, o, &map);
+    EXPECT_GE(mesh.getNumTriangles(), 360);
+    EXPECT_LE(mesh.getNumTriangles(), 361);
+    EXPECT_EQ(checkManifoldOriented(mesh), 1);
+    expectValidRemap(map, input, mesh);
+    int boundaryVertices = 0;
+    for (int v = 0; v < mesh.getNumVertices(); ++v) {
+      const kxGeom::MeshVertex& p = mesh.getVertices()[v];
+      boundaryVertices += std::fabs(p.x) == 0.5f || std::fabs(p.y) == 0.5f;
+    }
+    if (boundary == kxGeom::MeshReduceBoundary::Keep) {
+      EXPECT_EQ(boundaryVertices, 120);
+      EXPECT_LT(oneSidedHausdorff(input, mesh), 0.002);
+    } else {
+      EXPECT_LT(boundaryVertices, 60);
+      EXPECT_LT(oneSidedHausdorff(input, mesh), 0.01);
+    }
+  }
+}
+
+/// Cancels at the given poll.
+class CancellingProgress : public kxUtil::Progress {
+ public:
+  explicit CancellingProgress(int at) : at_(at) {}
+  bool cancelled() const override { return polls_++ >= at_; }
+
+ private:
+  int at_;
+  mutable int polls_ = 0;
+};
+
+bool identical(const CompactMesh& a, const CompactMesh& b) {
+  const auto same = [](const void* x, const void* y, std::size_t bytes) {
+    return bytes == 0 || std::memcmp(x, y, bytes) == 0;
+  };
+  return a.getNumVertices() == b.getNumVertices() && a.getNumTriangles() == b.getNumTriangles() &&
+         same(a.getVertices(), b.getVertices(), 12 * std::size_t(a.getNumVertices())) &&
+         same(a.getTriangles(), b.getTriangles(), 12 * std::size_t(a.getNumTriangles())) &&
+         (a.getUVs() == nullptr) == (b.getUVs() == nullptr) &&
+         (!a.getUVs() || same(a.getUVs(), b.getUVs(), 8 * std::size_t(a.getNumVertices())));
+}
+
+TEST(MeshReduceTest, CancelledOrInvalidRunsLeaveTheMeshBitIdentical) {
+  for (int at : {0, 2}) {
+    CompactMesh mesh = kxtest::makeLatLongSphere(60, 120);
+    mesh.allocUVArray();
+    const CompactMesh input = mesh;
+    kxGeom::Remap map(3, 3);
+    CancellingProgress progress(at);
+    const MeshReduceResult r = kxGeom::meshReduce(mesh, toCount(1000), progress, &map);
+    EXPECT_EQ(r.status, MeshReduceStatus::Cancelled);
+    EXPECT_EQ(r.collapses, 1024 * (at + 1));  // polled every 1024 collapses
+    EXPECT_TRUE(identical(mesh, input));
+    EXPECT_EQ(mesh.getModificationCount(), input.getModificationCount());
+    EXPECT_EQ(map.getDomainSize(), 3);
+  }
+  CompactMesh broken = kxtest::makeLatLongSphere(8, 16);
+  broken.getTriangles()[5][1] = broken.getNumVertices();
+  MeshReduceOptions badFraction;
+  badFraction.targetFraction = 1.5;
+  CompactMesh sphere = kxtest::makeLatLongSphere(8, 16);
+  const std::pair<CompactMesh*, MeshReduceOptions> invalid[] = {{&broken, MeshReduceOptions()},
+                                                                {&sphere, badFraction}};
+  for (const auto& c : invalid) {
+    const CompactMesh before = *c.first;
+    EXPECT_EQ(reduce(*c.first, c.second).status, MeshReduceStatus::Invalid);
+    EXPECT_TRUE(identical(*c.first, before));
+    EXPECT_EQ(c.first->getModificationCount(), before.getModificationCount());
+  }
+}
+
+TEST(MeshReduceTest, SameResultForEveryThreadCount) {
+  CompactMesh reference;
+  kxtest::forEachThreadCount([&](int threads) {
+    CompactMesh mesh = makeTorus(64, 24, 0.03f);
+    reduce(mesh, MeshReduceOptions());
+    if (threads == 1) reference = mesh;
+    EXPECT_TRUE(identical(mesh, reference)) << threads;
+  });
+}
+
+TEST(MeshReduceTest, DefectsAreKeptAndNotMultiplied) {
+  // A fin on one edge (three triangles), a NaN vertex, a repeated-corner
+  // triangle; and a random soup.
+  CompactMesh sphere = kxtest::makeLatLongSphere(16, 32);
+  const kxGeom::MeshTriangle first = sphere.getTriangles()[40];
+  std::vector<int> t(sphere.getTrianglesRaw(),
+                     sphere.getTrianglesRaw() + 3 * sphere.getNumTriangles());
+  t.insert(t.end(), {first[1], first[0], 0, first[2], first[2], 5});
+  sphere.copyTriangles(int(t.size() / 3), t.data());
+  sphere.getVertices()[200].x = std::nanf("");
+  CompactMesh soup = kxtest::makeRandomMesh(60, 300, 4);
+  kxGeom::Remap maps[2];
+  CompactMesh* meshes[2] = {&sphere, &soup};
+  for (int i = 0; i < 2; ++i) {
+    CompactMesh* m = meshes[i];
+    kxGeom::Remap& map = maps[i];
+    kxGeom::MeshAdjTris adjacency;
+    kxGeom::meshAdjTris(*m, adjacency);
+    kxGeom::MeshManifoldResult before, after;
+    kxGeom::meshManifold(*m, adjacency, before);
+    const CompactMesh input = *m;
+    const MeshReduceResult r = reduce(*m, toCount(0), &map);
+    EXPECT_NE(r.status, MeshReduceStatus::Invalid);
+    kxGeom::meshAdjTris(*m, adjacency);
+    kxGeom::meshManifold(*m, adjacency, after);
+    EXPECT_LE(after.badEdges.size(), before.badEdges.size());
+    for (const auto& e : before.badEdges) {
+      for (int v : {e.first, e.second}) {
+        EXPECT_EQ(std::memcmp(&m->getVertices()[map(v)], &input.getVertices()[v], 12), 0);
+      }
+    }
+  }
+  EXPECT_TRUE(std::isnan(sphere.getVertices()[maps[0](200)].x));
+}
 }  // namespace
