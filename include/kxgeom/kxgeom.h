@@ -50,12 +50,13 @@
 #include <kxgeom/orientation.h>
 #include <kxgeom/repair.h>
 
-// Smoothing, numerics and flattening, clipping and cutting, planar tests and
+// Smoothing and reduction, numerics and flattening, clipping and cutting, planar tests and
 // polygon triangulation, sampling.
 #include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/cut_surface.h>
 #include <kxgeom/planar.h>
+#include <kxgeom/reduce.h>
 #include <kxgeom/reparameterize.h>
 #include <kxgeom/sampling.h>
 #include <kxgeom/smoothing.h>
