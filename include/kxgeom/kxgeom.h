@@ -49,11 +49,12 @@
 #include <kxgeom/orientation.h>
 #include <kxgeom/repair.h>
 
-// Smoothing, numerics and flattening, clipping and cutting, planar tests and
-// polygon triangulation, sampling.
+// Smoothing and measures, numerics and flattening, clipping and cutting, planar
+// tests and polygon triangulation, sampling.
 #include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/cut_surface.h>
+#include <kxgeom/measure.h>
 #include <kxgeom/planar.h>
 #include <kxgeom/reparameterize.h>
 #include <kxgeom/sampling.h>
