@@ -31,6 +31,7 @@
 
 // Spatial queries.
 #include <kxgeom/closest_point.h>
+#include <kxgeom/deviation.h>
 #include <kxgeom/octree_query.h>
 #include <kxgeom/predicates.h>
 #include <kxgeom/quad_ray.h>
