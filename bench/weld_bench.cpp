@@ -1,6 +1,7 @@
 // Welding a triangle soup (three vertices per triangle, ~2.5M vertices) of the
 // dense sphere: meshCompact on the shared pool and on one thread, a plain
-// one-thread std::sort + scan, and (with peers) CGAL's soup point merging.
+// one-thread std::sort + scan, and (with peers) CGAL's soup point merging and
+// meshoptimizer's hash-based vertex remap.
 #include <kxgeom/weld.h>
 
 #include <algorithm>
@@ -14,6 +15,9 @@
 #ifdef KXGEOM_BENCH_PEERS
 #include <CGAL/Polygon_mesh_processing/repair_polygon_soup.h>
 #include <CGAL/Simple_cartesian.h>
+#endif
+#ifdef KXGEOM_BENCH_MESHOPTIMIZER
+#include <meshoptimizer.h>
 #endif
 
 namespace {
@@ -129,6 +133,25 @@ BENCHMARK(BM_CgalMergeDuplicatePoints)
     ->Unit(benchmark::kMillisecond);
 #endif
 
+#ifdef KXGEOM_BENCH_MESHOPTIMIZER
+// meshoptimizer's hash-based remap of the unindexed soup plus the remapped
+// vertex array: the same output as a weld, in first-seen order.
+void BM_MeshoptRemap(benchmark::State& state) {
+  kxbench::timeIterations(
+      state, "meshopt remap", [] { return soup(); },
+      [](const CompactMesh& s) {
+        const std::size_t n = std::size_t(s.getNumVertices());
+        std::vector<unsigned> remap(n);
+        const std::size_t unique = meshopt_generateVertexRemap(
+            remap.data(), nullptr, n, s.getVertices(), n, sizeof(MeshVertex));
+        std::vector<MeshVertex> out(unique);
+        meshopt_remapVertexBuffer(out.data(), s.getVertices(), n, sizeof(MeshVertex), remap.data());
+        benchmark::DoNotOptimize(out.data());
+      });
+}
+BENCHMARK(BM_MeshoptRemap)->UseManualTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -136,5 +159,7 @@ int main(int argc, char** argv) {
                                     {{"CGAL merge_duplicate_points", "meshCompact"},
                                      {"std::sort + scan", "meshCompact"},
                                      {"meshCompact 1 thread", "meshCompact"},
-                                     {"CGAL merge_duplicate_points", "meshCompact 1 thread"}});
+                                     {"CGAL merge_duplicate_points", "meshCompact 1 thread"},
+                                     {"meshopt remap", "meshCompact 1 thread"},
+                                     {"meshopt remap", "meshCompact"}});
 }

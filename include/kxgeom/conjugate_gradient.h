@@ -100,12 +100,6 @@ class KXGEOM_API ConjugateGradient {
   double getResidualInfinityNorm() const;
 
  private:
-  /// A, rows back to back: the stored order kept, 12 bytes per entry.
-  struct CompressedRows {
-    kx::vector<int> start;
-    kx::vector<int> column;
-    kx::vector<double> value;
-  };
   void setPreconditioner(Preconditioner* p);
   double residualFromScratch();
   double updateSearchDirectionScale();
@@ -119,7 +113,8 @@ class KXGEOM_API ConjugateGradient {
   std::unique_ptr<Preconditioner> preconditioner_;
   const DiagonalPreconditioner* diagonal_ = nullptr;
   const IncompleteCholeskyPreconditioner* incompleteCholesky_ = nullptr;
-  CompressedRows rows_;
+  /// A's rows back to back as `initialize` found them.
+  std::shared_ptr<const detail::PackedRows> rows_;
 };
 
 }  // namespace kxGeom

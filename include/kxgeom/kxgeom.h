@@ -32,6 +32,7 @@
 
 // Spatial queries.
 #include <kxgeom/closest_point.h>
+#include <kxgeom/deviation.h>
 #include <kxgeom/octree_query.h>
 #include <kxgeom/predicates.h>
 #include <kxgeom/quad_ray.h>
@@ -50,12 +51,14 @@
 #include <kxgeom/orientation.h>
 #include <kxgeom/repair.h>
 
-// Smoothing, numerics and flattening, clipping and cutting, planar tests and
-// polygon triangulation, sampling.
+// Smoothing, reduction and measures, numerics and flattening, clipping and
+// cutting, planar tests and polygon triangulation, sampling.
 #include <kxgeom/clip.h>
 #include <kxgeom/conjugate_gradient.h>
 #include <kxgeom/cut_surface.h>
+#include <kxgeom/measure.h>
 #include <kxgeom/planar.h>
+#include <kxgeom/reduce.h>
 #include <kxgeom/reparameterize.h>
 #include <kxgeom/sampling.h>
 #include <kxgeom/smoothing.h>

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <memory>
 
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/export.h>
@@ -65,6 +66,10 @@ class KXGEOM_API NVector {
 KXGEOM_API std::ostream& operator<<(std::ostream& os, const NVector& v);
 
 class IncompleteCholeskyPreconditioner;
+class ConjugateGradient;
+namespace detail {
+struct PackedRows;
+}
 
 /// A square n x n matrix stored by rows. Each row keeps its entries in the
 /// order in which they were first inserted; through `addToElement` a column
@@ -74,8 +79,8 @@ class KXGEOM_API SparseMatrix {
  public:
   /// n empty rows (no rows when n <= 0). Cost: O(n).
   explicit SparseMatrix(int n = 0);
-  SparseMatrix(const SparseMatrix&) = default;
-  SparseMatrix& operator=(const SparseMatrix&) = default;
+  SparseMatrix(const SparseMatrix& other);
+  SparseMatrix& operator=(const SparseMatrix& other);
   virtual ~SparseMatrix();
 
   int size() const { return n_; }
@@ -97,6 +102,10 @@ class KXGEOM_API SparseMatrix {
   /// Total number of stored entries (explicit zeros count). Cost: O(n).
   int nnz() const;
 
+  /// The products below run over a packed copy of the rows, made by the
+  /// first product after a change (O(n + nnz), 12 bytes per entry) and kept
+  /// until the next change; concurrent const calls may share it.
+  ///
   /// y[i] = sum over row i's entries, in stored order, of value * x[column].
   /// \param x [in] n values. \param y [out] n values; must not alias x.
   /// Cost: O(n + nnz).
@@ -152,10 +161,19 @@ class KXGEOM_API SparseMatrix {
 
  private:
   friend class IncompleteCholeskyPreconditioner;
-  kx::vector<SparseElement>& mutableRow(int i) { return rows_[i]; }
+  friend class ConjugateGradient;
+  kx::vector<SparseElement>& mutableRow(int i) {
+    dropPackedRows();
+    return rows_[i];
+  }
+  /// The rows back to back, built on first use after a change (the products
+  /// run over them) and shared until the next change.
+  std::shared_ptr<const detail::PackedRows> packedRows() const;
+  void dropPackedRows();
 
   int n_ = 0;
   kx::vector<kx::vector<SparseElement>> rows_;
+  mutable std::shared_ptr<const detail::PackedRows> packed_;
 };
 
 /// Writes "SparseMatrix{", then per row a line break and each of the n values

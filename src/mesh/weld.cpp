@@ -1,9 +1,11 @@
 #include <kxgeom/weld.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/os.h>
@@ -68,27 +70,25 @@ struct RecordLess {
 
 // Stable LSD radix sort of records by their key words, 8 bits per pass,
 // least significant digit first; passes whose digit is the same in every
-// record are skipped. Stability keeps equal keys in their incoming order,
-// which is index order, so the result is the records' total order.
-// `scratch` holds `count` records; the result ends up in `data`.
+// record are skipped. Stability keeps equal keys in their incoming order.
+// `scratch` holds `count` records and `counts` K * 4 * 256 ints; the result
+// ends up in `data`.
 template <int K>
-void radixSortRecords(WeldRecord<K>* data, int count, WeldRecord<K>* scratch) {
+void radixSortRecords(WeldRecord<K>* data, int count, WeldRecord<K>* scratch, int* counts) {
   constexpr int kBits = 8, kBuckets = 1 << kBits, kDigitsPerWord = 4;
   constexpr int kDigits = K * kDigitsPerWord;
   auto digit = [](const WeldRecord<K>& r, int d) {
     const int word = K - 1 - d / kDigitsPerWord, shift = (d % kDigitsPerWord) * kBits;
     return int((r.words[word] >> shift) & (kBuckets - 1));
   };
-  if (count < 2) return;
-  kx::vector<int> counts;
-  counts.assign(std::size_t(kDigits) * kBuckets, 0);
+  std::fill(counts, counts + kDigits * kBuckets, 0);
   for (int i = 0; i < count; ++i) {
-    for (int d = 0; d < kDigits; ++d) ++counts[std::size_t(d) * kBuckets + digit(data[i], d)];
+    for (int d = 0; d < kDigits; ++d) ++counts[d * kBuckets + digit(data[i], d)];
   }
   WeldRecord<K>* src = data;
   WeldRecord<K>* dst = scratch;
   for (int d = 0; d < kDigits; ++d) {
-    int* offsets = counts.data() + std::size_t(d) * kBuckets;
+    int* offsets = counts + d * kBuckets;
     if (offsets[digit(src[0], d)] == count) continue;
     for (int b = 0, sum = 0; b < kBuckets; ++b) {
       const int c = offsets[b];
@@ -101,80 +101,117 @@ void radixSortRecords(WeldRecord<K>* data, int count, WeldRecord<K>* scratch) {
   if (src != data) std::copy(src, src + count, data);
 }
 
-// Sorts the two halves of the records concurrently: thread 0 the first,
-// thread 1 the second, split by the range rule for two threads, each with
-// its own slice of the scratch array. Further threads have nothing to do.
+// Sorts a few records in place by insertion.
 template <int K>
-class HalfSortAlg : public kxUtil::ThreadedAlgBase {
+void insertionSortRecords(WeldRecord<K>* data, int count) {
+  const RecordLess<K> less;
+  for (int i = 1; i < count; ++i) {
+    const WeldRecord<K> r = data[i];
+    int j = i;
+    for (; j > 0 && less(r, data[j - 1]); --j) data[j] = data[j - 1];
+    data[j] = r;
+  }
+}
+
+// The records' total order (keys, then index) in two steps: a stable
+// scatter by the top 16 bits of the first key word into buckets, each thread
+// scattering its slice of the input behind the slices before it, then every
+// bucket sorted on its own. A bucket usually fits the cache, so its radix
+// passes run there rather than over the whole array. Threads take buckets
+// in turn; since the order is total the result is the same for every
+// thread count.
+template <int K>
+class BucketSortAlg : public kxUtil::ThreadedAlgBase {
  public:
-  HalfSortAlg(WeldRecord<K>* data, int n, WeldRecord<K>* scratch)
+  static constexpr int kTopBits = 16, kBuckets = 1 << kTopBits;
+
+  BucketSortAlg(WeldRecord<K>* data, int n, WeldRecord<K>* scratch)
       : data_(data), n_(n), scratch_(scratch) {}
-  void run(int thread, int) override {
-    if (thread > 1) return;
-    const int begin = getBeginIndex(thread, 2, n_), end = getBeginIndex(thread + 1, 2, n_);
-    radixSortRecords(data_ + begin, end - begin, scratch_ + begin);
+
+  // Called by every run of the pool; the state is set up by `sort`.
+  void initialize(int numThreads) override {
+    ThreadedAlgBase::initialize(numThreads);
+    if (phase_ == 0) {
+      slices_ = numThreads;
+      histograms_.assign(std::size_t(numThreads) * kBuckets, 0);
+    }
+  }
+  void run(int thread, int numThreads) override {
+    if (phase_ == 0) countSlice(thread, numThreads);
+    if (phase_ == 1) scatterSlice(thread, numThreads);
+    if (phase_ == 2) sortBuckets();
+  }
+  // Runs the three phases on `pool`; the sorted records end in `scratch`.
+  void sort(kxUtil::ThreadPool& pool) {
+    phase_ = 0;
+    nextBucket_.store(0);
+    pool.run(*this);  // histograms
+    computeOffsets();
+    ++phase_;
+    pool.run(*this);  // scatter
+    ++phase_;
+    pool.run(*this);  // bucket sorts
   }
 
  private:
+  static int top(const WeldRecord<K>& r) { return int(r.words[0] >> (32 - kTopBits)); }
+  int* histogram(int slice) { return histograms_.data() + std::size_t(slice) * kBuckets; }
+
+  void countSlice(int thread, int numThreads) {
+    int* h = histogram(thread);
+    const int end = getBeginIndex(thread + 1, numThreads, n_);
+    for (int i = getBeginIndex(thread, numThreads, n_); i < end; ++i) ++h[top(data_[i])];
+  }
+  // Slice t of bucket b starts after the whole of the buckets before b and
+  // after slices 0 .. t-1 of bucket b: the scatter is stable.
+  void computeOffsets() {
+    int sum = 0;
+    for (int b = 0; b < kBuckets; ++b) {
+      bucketStart_[std::size_t(b)] = sum;
+      for (int t = 0; t < slices_; ++t) {
+        const int c = histogram(t)[b];
+        histogram(t)[b] = sum;
+        sum += c;
+      }
+    }
+    bucketStart_[kBuckets] = sum;
+  }
+  void scatterSlice(int thread, int numThreads) {
+    int* offsets = histogram(thread);
+    const int end = getBeginIndex(thread + 1, numThreads, n_);
+    for (int i = getBeginIndex(thread, numThreads, n_); i < end; ++i) {
+      scratch_[offsets[top(data_[i])]++] = data_[i];
+    }
+  }
+  void sortBuckets() {
+    std::vector<int> counts(static_cast<std::size_t>(K) * 4 * 256);
+    for (int b = nextBucket_.fetch_add(1); b < kBuckets; b = nextBucket_.fetch_add(1)) {
+      const int begin = bucketStart_[std::size_t(b)],
+                count = bucketStart_[std::size_t(b) + 1] - begin;
+      if (count <= 32) {
+        insertionSortRecords(scratch_ + begin, count);
+      } else {
+        radixSortRecords(scratch_ + begin, count, data_ + begin, counts.data());
+      }
+    }
+  }
+
   WeldRecord<K>* data_;
   int n_;
   WeldRecord<K>* scratch_;
+  int slices_ = 1;
+  int phase_ = 0;
+  std::vector<int> histograms_;
+  std::vector<int> bucketStart_ = std::vector<int>(kBuckets + 1);
+  std::atomic<int> nextBucket_{0};
 };
 
-// Merges the two sorted halves into `out` from both ends at once: thread 0
-// takes from the halves' fronts and fills the lower half of the result,
-// thread 1 takes from their ends and fills the upper half backwards. With a
-// total order the two meet exactly.
-template <class T, class Less>
-class TwoEndedMergeAlg : public kxUtil::ThreadedAlgBase {
- public:
-  TwoEndedMergeAlg(const T* data, int n, Less less, T* out)
-      : data_(data), n_(n), mid_(getBeginIndex(1, 2, n)), less_(less), out_(out) {}
-  void run(int thread, int) override {
-    if (thread == 0) mergeFronts();
-    if (thread == 1) mergeBacks();
-  }
-
- private:
-  void mergeFronts() {
-    int i = 0, j = mid_;
-    for (int k = 0; k < mid_; ++k) {
-      const bool takeFirst = j == n_ || (i < mid_ && !less_(data_[j], data_[i]));
-      out_[k] = takeFirst ? data_[i++] : data_[j++];
-    }
-  }
-  void mergeBacks() {
-    int i = mid_ - 1, j = n_ - 1;
-    for (int k = n_ - 1; k >= mid_; --k) {
-      const bool takeSecond = i < 0 || (j >= mid_ && !less_(data_[j], data_[i]));
-      out_[k] = takeSecond ? data_[j--] : data_[i--];
-    }
-  }
-
-  const T* data_;
-  int n_;
-  int mid_;
-  Less less_;
-  T* out_;
-};
-
-// Sorts the records on the shared pool: directly with one thread, otherwise
-// two concurrently sorted halves merged from both ends into a temporary
-// array (the halves' scratch space, free again by then).
+// Sorts the records on the shared pool into their total order.
 template <int K>
 void parallelSort(kx::vector<WeldRecord<K>>& records) {
-  kxUtil::ThreadPool& pool = kxUtil::ThreadPool::get();
-  const int n = int(records.size());
-  kx::vector<WeldRecord<K>> scratch(n);
-  if (pool.numThreads() == 1) {
-    radixSortRecords(records.data(), n, scratch.data());
-    return;
-  }
-  HalfSortAlg<K> halves(records.data(), n, scratch.data());
-  pool.run(halves);
-  TwoEndedMergeAlg<WeldRecord<K>, RecordLess<K>> merge(records.data(), n, RecordLess<K>(),
-                                                       scratch.data());
-  pool.run(merge);
+  kx::vector<WeldRecord<K>> scratch(records.size());
+  BucketSortAlg<K> sorter(records.data(), int(records.size()), scratch.data());
+  sorter.sort(kxUtil::ThreadPool::get());
   records.swap(scratch);
 }
 

@@ -11,6 +11,8 @@
 #include <kxgeom/triangulate_polygon.h>
 #include <kxgeom/weld.h>
 
+#include "mesh/corner_angles.h"
+
 namespace kxGeom {
 
 namespace {
@@ -28,17 +30,6 @@ kxLinear::Vector orthogonalTo(const kxLinear::Vector& d) {
   return kxLinear::normalized(kxLinear::cross(d, axis));
 }
 
-// The cotangent of the angle at c in the triangle (a, b, c); false when the
-// triangle is too thin to give one.
-bool cotangentAt(const kxLinear::Point& a, const kxLinear::Point& b, const kxLinear::Point& c,
-                 double& cot) {
-  const kxLinear::Vector u = a - c, v = b - c;
-  const double sine = kxLinear::cross(u, v).length();
-  if (sine < kxLinear::epsilonTol) return false;
-  cot = kxLinear::dot(u, v) / sine;
-  return true;
-}
-
 // Assembles the conformal system row by row.
 class ConformalSystem {
  public:
@@ -48,7 +39,10 @@ class ConformalSystem {
 
   void setupTriangle(int i, int j, int k) {
     double wj, wk;
-    if (!cotangentAt(p_[i], p_[j], p_[k], wj) || !cotangentAt(p_[i], p_[k], p_[j], wk)) return;
+    if (!corner::cotangentAt(p_[i], p_[k], p_[j], wj) ||
+        !corner::cotangentAt(p_[i], p_[j], p_[k], wk)) {
+      return;
+    }
     const int fi = map_[i];
     cg_.A().addToElement(2 * fi, 2 * fi, wj + wk);
     cg_.A().addToElement(2 * fi + 1, 2 * fi + 1, wj + wk);

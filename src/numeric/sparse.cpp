@@ -1,5 +1,7 @@
 #include <kxgeom/sparse.h>
 
+#include "packed_rows.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -18,12 +20,6 @@ const SparseElement* findInRow(const kx::vector<SparseElement>& row, int j) {
 }
 
 /// Sum over a row's entries, in stored order, of value * x[column].
-double rowTimesVector(const kx::vector<SparseElement>& row, const double* x) {
-  double sum = 0.0;
-  for (const SparseElement& e : row) sum += e.value * x[e.column];
-  return sum;
-}
-
 bool rowIsFinite(const kx::vector<SparseElement>& row) {
   for (const SparseElement& e : row) {
     if (!std::isfinite(e.value)) return false;
@@ -68,9 +64,51 @@ std::ostream& operator<<(std::ostream& os, const NVector& v) {
 
 SparseMatrix::SparseMatrix(int n) { setToZero(n); }
 
+SparseMatrix::SparseMatrix(const SparseMatrix& other) : n_(other.n_), rows_(other.rows_) {}
+
+SparseMatrix& SparseMatrix::operator=(const SparseMatrix& other) {
+  n_ = other.n_;
+  rows_ = other.rows_;
+  dropPackedRows();
+  return *this;
+}
+
+std::shared_ptr<const detail::PackedRows> SparseMatrix::packedRows() const {
+  std::shared_ptr<const detail::PackedRows> packed = std::atomic_load(&packed_);
+  if (!packed) {
+    packed = std::make_shared<const detail::PackedRows>(*this);
+    std::atomic_store(&packed_, packed);
+  }
+  return packed;
+}
+
+// Writers have the matrix to themselves, so no reader can race this reset.
+void SparseMatrix::dropPackedRows() {
+  if (packed_) packed_.reset();
+}
+
+namespace detail {
+
+PackedRows::PackedRows(const SparseMatrix& m) {
+  start.assign(std::size_t(m.size()) + 1, 0);
+  column.resize(std::size_t(m.nnz()));
+  value.resize(column.size());
+  int next = 0;
+  for (int i = 0; i < m.size(); ++i) {
+    for (const SparseElement& e : m.row(i)) {
+      column[std::size_t(next)] = e.column;
+      value[std::size_t(next++)] = e.value;
+    }
+    start[std::size_t(i) + 1] = next;
+  }
+}
+
+}  // namespace detail
+
 SparseMatrix::~SparseMatrix() = default;
 
 void SparseMatrix::setToZero(int n) {
+  dropPackedRows();
   rows_.clear();
   rows_.shrink_to_fit();
   n_ = n;
@@ -78,7 +116,7 @@ void SparseMatrix::setToZero(int n) {
 }
 
 void SparseMatrix::addToElement(int i, int j, double v) {
-  kx::vector<SparseElement>& row = rows_[i];
+  kx::vector<SparseElement>& row = mutableRow(i);
   for (auto it = row.rbegin(); it != row.rend(); ++it) {
     if (it->column == j) {
       it->value += v;
@@ -107,20 +145,23 @@ int SparseMatrix::nnz() const {
 }
 
 void SparseMatrix::getMatrixTimesVector(const NVector& x, NVector& y) const {
-  const double* px = x.data();
   double* py = y.data();
-  for (int i = 0; i < n_; ++i) py[i] = rowTimesVector(rows_[i], px);
+  packedRows()->forEachRowProduct<false>(n_, x.data(), [py](int i, double s) { py[i] = s; });
 }
 
 void SparseMatrix::getVectorMinusMatrixTimesVector(const NVector& b, const NVector& x,
                                                    NVector& r) const {
-  const double* px = x.data();
-  for (int i = 0; i < n_; ++i) r[i] = b[i] - rowTimesVector(rows_[i], px);
+  const double* pb = b.data();
+  double* pr = r.data();
+  packedRows()->forEachRowProduct<false>(n_, x.data(),
+                                         [pb, pr](int i, double s) { pr[i] = pb[i] - s; });
 }
 
 double SparseMatrix::vectorDotMatrixTimesVector(const NVector& u, const NVector& v) const {
   double sum = 0.0;
-  for (int i = 0; i < n_; ++i) sum += rowTimesVector(rows_[i], v.data()) * u[i];
+  const double* pu = u.data();
+  packedRows()->forEachRowProduct<false>(n_, v.data(),
+                                         [&sum, pu](int i, double s) { sum += s * pu[i]; });
   return sum;
 }
 

@@ -3,18 +3,14 @@
 #include <cmath>
 #include <unordered_map>
 
+#include "mesh/corner_angles.h"
+
 namespace kxGeom {
 
 namespace {
 
 bool isTriangle(const TopoMesh& mesh, TopoMeshHalfEdge h) {
   return mesh.next(mesh.next(mesh.next(h))) == h;
-}
-
-// The angle at corner b of the triangle (a, b, c).
-double angleAt(const kxLinear::Point& a, const kxLinear::Point& b, const kxLinear::Point& c) {
-  const kxLinear::Vector u = a - b, v = c - b;
-  return std::atan2(kxLinear::cross(u, v).length(), kxLinear::dot(u, v));
 }
 
 kxLinear::Vector normalOf(const kxLinear::Point& a, const kxLinear::Point& b,
@@ -59,8 +55,8 @@ bool MeshEdgeSwapper::minimizeOppositeAngleSum(const TopoMesh& mesh, TopoMeshHal
   const kxLinear::Point& b = mesh.getPoint(mesh.target(h));
   const kxLinear::Point& c = mesh.getPoint(mesh.origin(mesh.prev(h)));
   const kxLinear::Point& d = mesh.getPoint(mesh.origin(mesh.prev(g)));
-  const double before = angleAt(a, c, b) + angleAt(b, d, a);
-  const double after = angleAt(d, a, c) + angleAt(c, b, d);
+  const double before = corner::angleAt(a, c, b) + corner::angleAt(b, d, a);
+  const double after = corner::angleAt(d, a, c) + corner::angleAt(c, b, d);
   if (!(after < before - 1e-12)) return true;
   // The new triangles must face the way the old ones did.
   const kxLinear::Vector n = normalOf(a, b, c) + normalOf(b, a, d);

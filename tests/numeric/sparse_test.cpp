@@ -182,6 +182,28 @@ TEST(SparseMatrixTest, ProductsMatchADenseProduct) {
     uAx += row * u[i];
   }
   EXPECT_NEAR(A.vectorDotMatrixTimesVector(u, x), double(uAx), 1e-11);
+  // Bit for bit the sums of the rows in stored order, also after a change
+  // following a product and in a copy changed apart from its source.
+  const auto expectStoredOrderSums = [&](const SparseMatrix& m) {
+    NVector got(n);
+    m.getMatrixTimesVector(x, got);
+    for (int i = 0; i < n; ++i) {
+      double sum = 0.0;
+      for (const kxGeom::SparseElement& e : m.row(i)) sum += e.value * x[e.column];
+      ASSERT_EQ(got[i], sum) << i;
+    }
+  };
+  expectStoredOrderSums(A);
+  SparseMatrix copy = A;
+  A.addToElement(3, 5, 0.25);
+  A.addToElement(39, 0, -1.5);
+  expectStoredOrderSums(A);
+  expectStoredOrderSums(copy);
+  copy = A;
+  expectStoredOrderSums(copy);
+  A.setToZero(n);
+  A.getMatrixTimesVector(x, y);
+  EXPECT_EQ(y.infinityNorm(), 0.0);
 
   SparseMatrix T, TT, U(n);
   A.transpose(T);

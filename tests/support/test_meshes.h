@@ -2,7 +2,9 @@
 // library's own constructors so that tests of those have an oracle.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -58,8 +60,41 @@ inline kxGeom::CompactMesh makeLatLongSphere(int rings, int segments, double rad
       t.insert(t.end(), {at(r, s), at(r + 1, s + 1), at(r, s + 1)});
     }
   }
-  for (int s = 0; s < segments; ++s) t.insert(t.end(), {south, at(rings - 1, s + 1), at(rings - 1, s)});
+  for (int s = 0; s < segments; ++s)
+    t.insert(t.end(), {south, at(rings - 1, s + 1), at(rings - 1, s)});
   kxGeom::CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  m.copyTriangles(int(t.size() / 3), t.data());
+  return m;
+}
+
+/// A closed sphere from an octahedron whose triangles are split in four
+/// `levels` times, every vertex pushed out to `radius` (outward winding):
+/// 8 * 4^levels nearly uniform triangles.
+inline kxGeom::CompactMesh makeOctaSphere(int levels, double radius = 1.0) {
+  std::vector<kxLinear::Point> v = {{1, 0, 0},  {-1, 0, 0}, {0, 1, 0},
+                                    {0, -1, 0}, {0, 0, 1},  {0, 0, -1}};
+  std::vector<int> t = {0, 2, 4, 2, 1, 4, 1, 3, 4, 3, 0, 4, 2, 0, 5, 1, 2, 5, 3, 1, 5, 0, 3, 5};
+  for (int level = 0; level < levels; ++level) {
+    std::map<std::pair<int, int>, int> middle;
+    auto mid = [&](int a, int b) {
+      const auto key = std::make_pair(std::min(a, b), std::max(a, b));
+      auto found = middle.find(key);
+      if (found != middle.end()) return found->second;
+      v.push_back(kxLinear::normalized(v[a] + v[b]));
+      return middle[key] = int(v.size()) - 1;
+    };
+    std::vector<int> finer;
+    for (std::size_t i = 0; i < t.size(); i += 3) {
+      const int a = t[i], b = t[i + 1], c = t[i + 2];
+      const int ab = mid(a, b), bc = mid(b, c), ca = mid(c, a);
+      finer.insert(finer.end(), {a, ab, ca, ab, b, bc, ca, bc, c, ab, bc, ca});
+    }
+    t.swap(finer);
+  }
+  std::vector<kxGeom::MeshVertex> out;
+  for (const kxLinear::Point& p : v)
+    out.push_back({float(p.x * radius), float(p.y * radius), float(p.z * radius)});
+  kxGeom::CompactMesh m(int(out.size()), out.data(), nullptr, nullptr, nullptr);
   m.copyTriangles(int(t.size() / 3), t.data());
   return m;
 }
@@ -101,7 +136,8 @@ class LogCapture {
 /// returns true when `line` starts with `prefix` and ends with `suffix`.
 inline bool matchesLogLine(const std::string& line, const std::string& prefix,
                            const std::string& suffix) {
-  return line.size() >= prefix.size() + suffix.size() && line.compare(0, prefix.size(), prefix) == 0 &&
+  return line.size() >= prefix.size() + suffix.size() &&
+         line.compare(0, prefix.size(), prefix) == 0 &&
          line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 

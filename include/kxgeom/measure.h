@@ -1,0 +1,95 @@
+// Measures of triangle meshes: surface area, enclosed volume, the mass
+// properties of the enclosed solid and discrete curvature at the vertices.
+//
+// Sums are taken in double precision over fixed blocks of 4096 triangles on
+// the shared pool and folded in block order, so every result is the same for
+// every thread count. Positions are read as they are: a corner with a NaN or
+// infinite coordinate makes every sum it enters NaN or infinite.
+//
+// None of these functions validates indices: every triangle corner must lie
+// in [0, number of vertices).
+//
+// Thread safety: re-entrant; the mesh is only read, and may be shared with
+// other readers, but must not change during a call.
+#pragma once
+
+#include <kxgeom/platform/bitvector.h>
+#include <kxgeom/platform/containers.h>
+#include <kxgeom/platform/export.h>
+#include <kxgeom/platform/linear.h>
+#include <kxgeom/platform/mesh.h>
+
+namespace kxGeom {
+
+/// Surface area of every triangle: the sum of |(b - a) x (c - a)| / 2.
+/// [in] mesh.
+/// Returns the area in model units squared; 0 without triangles. Never
+/// fails. Cost O(T), on the shared pool.
+KXGEOM_API double meshArea(const CompactMesh& mesh);
+
+/// Surface area of the triangles whose bit is set, as `meshArea`.
+/// [in] mesh.
+/// [in] selection  one bit per triangle, such as mesh.getSelectedTriangles();
+///                 bits past its size count as clear.
+/// Returns the area in model units squared; 0 when no bit is set.
+/// Cost O(T), on the shared pool.
+KXGEOM_API double meshArea(const CompactMesh& mesh, const BitVector& selection);
+
+/// Surface area of the listed triangles, as `meshArea`; a triangle listed
+/// twice counts twice.
+/// [in] mesh.
+/// [in] triangles  `count` triangle indices in [0, T) (not validated).
+/// [in] count      number of indices; 0 or less gives 0.
+/// Returns the area in model units squared. Cost O(count), on the shared pool.
+KXGEOM_API double meshArea(const CompactMesh& mesh, const int* triangles, int count);
+
+/// Signed volume enclosed by the triangles: the sum over triangles (a, b, c)
+/// of the signed volumes of the tetrahedra (r, a, b, c), r being the first
+/// corner of the first triangle. For a closed mesh the sum does not depend on
+/// r; it is positive when the triangles face outward (counter-clockwise seen
+/// from outside), negative when they face inward. For an open mesh it
+/// depends on r and measures no solid.
+/// [in] mesh.
+/// Returns the volume in model units cubed; 0 without triangles. Never
+/// fails. Cost O(T), on the shared pool.
+KXGEOM_API double meshVolume(const CompactMesh& mesh);
+
+/// Mass properties of the solid a triangle mesh encloses, at unit density.
+struct MeshMassProperties {
+  /// Surface area, model units squared (as `meshArea`).
+  double area = 0;
+  /// Signed enclosed volume, model units cubed (as `meshVolume`).
+  double volume = 0;
+  /// Centre of mass of the solid (model units).
+  kxLinear::Point centroid;
+  /// Inertia tensor about the centroid, unit density, model units to the
+  /// fifth: inertia[i][j] = integral over the solid of
+  /// (|r|^2 delta_ij - r_i r_j), r measured from the centroid. Symmetric; the
+  /// diagonal holds the moments about the axes through the centroid, the
+  /// rest the negated products of inertia. Whichever way the triangles face,
+  /// it is that of the solid (positive moments).
+  double inertia[3][3] = {{0, 0, 0}, {0, 0, 0}, {0, 0, 0}};
+  /// True when every triangle edge is shared by exactly two triangles that
+  /// run along it in opposite directions and no triangle repeats a corner:
+  /// only then do volume, centroid and inertia describe a solid.
+  bool closed = false;
+  /// The triangle edges that break that rule (each direction of each triangle
+  /// edge counts once; a triangle repeating a corner counts its three).
+  int unmatchedEdges = 0;
+};
+
+/// Computes the area, volume, centroid and inertia of the solid enclosed by
+/// `mesh` with the exact integrals of the tetrahedra (r, a, b, c) (r as in
+/// `meshVolume`), in double precision, and whether the mesh is closed.
+/// [in]  mesh.
+/// [out] result  filled entirely on success. On failure area, volume,
+///               closed and unmatchedEdges are filled and centroid and
+///               inertia are zero.
+/// Returns false when the volume is zero or not finite (no triangles, a flat
+/// or open sheet whose cones cancel, a non-finite corner); true otherwise,
+/// also for an open mesh (result.closed false; its values then depend on r).
+/// Logs one line. Cost O(V + T) time, on the shared pool, and the
+/// vertex-to-triangle table (3T + V ints) for the closedness test.
+KXGEOM_API bool meshMassProperties(const CompactMesh& mesh, MeshMassProperties& result);
+
+}  // namespace kxGeom

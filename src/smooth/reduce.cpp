@@ -1,0 +1,776 @@
+#include <kxgeom/reduce.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include <kxgeom/platform/os.h>
+#include <kxgeom/platform/threads.h>
+
+namespace kxGeom {
+
+namespace {
+
+using kxLinear::Point;
+using kxLinear::Vector;
+
+/// Collapses between two progress reports and cancellation polls.
+constexpr int kPollInterval = 1024;
+/// A triangle whose sine at the moved corner falls below this is degenerate.
+constexpr double kMinSine2 = 1e-12;
+/// A quadric whose 3x3 determinant is below this share of (trace / 3)^3 is
+/// treated as singular: its minimiser is too poorly determined to trust.
+constexpr double kMinDeterminant = 1e-12;
+
+/// The error of points against weighted planes: the sum of w (n.p + d)^2 as
+/// a symmetric 4x4 matrix, and the sum of the weights, so that evaluating
+/// and dividing by the weight gives a mean squared distance.
+struct Quadric {
+  double xx = 0, xy = 0, xz = 0, yy = 0, yz = 0, zz = 0;
+  double x = 0, y = 0, z = 0, c = 0;
+  double weight = 0;
+
+  /// Adds the plane n.p + d = 0 (n of unit length) with weight w.
+  void addPlane(const Vector& n, double d, double w) {
+    xx += w * n.x * n.x, xy += w * n.x * n.y, xz += w * n.x * n.z;
+    yy += w * n.y * n.y, yz += w * n.y * n.z, zz += w * n.z * n.z;
+    x += w * n.x * d, y += w * n.y * d, z += w * n.z * d;
+    c += w * d * d;
+    weight += w;
+  }
+  void add(const Quadric& q) {
+    xx += q.xx, xy += q.xy, xz += q.xz, yy += q.yy, yz += q.yz, zz += q.zz;
+    x += q.x, y += q.y, z += q.z, c += q.c;
+    weight += q.weight;
+  }
+  /// Mean squared distance of p from the planes (0 without weight).
+  double meanError2(const Point& p) const {
+    if (!(weight > 0)) return 0;
+    const double e = p.x * (xx * p.x + 2 * (xy * p.y + xz * p.z + x)) +
+                     p.y * (yy * p.y + 2 * (yz * p.z + y)) + p.z * (zz * p.z + 2 * z) + c;
+    return std::max(0.0, e / weight);
+  }
+  /// The point of least error, when the system is well conditioned.
+  bool minimiser(Point& p) const {
+    const double c00 = yy * zz - yz * yz, c01 = xz * yz - xy * zz, c02 = xy * yz - xz * yy;
+    const double det = xx * c00 + xy * c01 + xz * c02;
+    const double scale = (xx + yy + zz) / 3;
+    if (!(std::fabs(det) > kMinDeterminant * scale * scale * scale)) return false;
+    const double c11 = xx * zz - xz * xz, c12 = xy * xz - xx * yz, c22 = xx * yy - xy * xy;
+    p = Point(-(c00 * x + c01 * y + c02 * z), -(c01 * x + c11 * y + c12 * z),
+              -(c02 * x + c12 * y + c22 * z)) /
+        det;
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+  }
+};
+
+/// The quadric of one triangle's plane weighted by its area; empty for a
+/// triangle of zero area.
+Quadric triangleQuadric(const Point& a, const Point& b, const Point& c) {
+  const Vector n = kxLinear::cross(b - a, c - a);
+  const double length = n.length();
+  Quadric q;
+  if (length > 0) q.addPlane(n / length, -kxLinear::dot(n / length, a), length / 2);
+  return q;
+}
+
+/// Per-vertex state bits.
+enum VertexFlag : unsigned char {
+  kLocked = 1,    ///< never moves or vanishes
+  kBoundary = 2,  ///< has a boundary edge
+  kBlocked = 4,   ///< one of its edges was refused since it last changed
+};
+
+/// A queued edge: its error when queued, and the time it was queued, which
+/// makes it stale once either end changed later.
+struct HeapEntry {
+  float error2;
+  int a, b;
+  int time;
+};
+
+/// A binary min-heap of queued edges.
+class EdgeHeap {
+ public:
+  void assign(std::vector<HeapEntry>&& entries) {
+    entries_ = std::move(entries);
+    std::make_heap(entries_.begin(), entries_.end(), later);
+  }
+  bool empty() const { return entries_.empty(); }
+  void push(const HeapEntry& e) {
+    entries_.push_back(e);
+    std::push_heap(entries_.begin(), entries_.end(), later);
+  }
+  HeapEntry pop() {
+    std::pop_heap(entries_.begin(), entries_.end(), later);
+    const HeapEntry e = entries_.back();
+    entries_.pop_back();
+    return e;
+  }
+
+ private:
+  static bool later(const HeapEntry& p, const HeapEntry& q) { return p.error2 > q.error2; }
+  std::vector<HeapEntry> entries_;
+};
+
+/// A collapse: `removed` merges into `survivor`, which moves to `position`.
+struct Candidate {
+  int survivor, removed;
+  Point position;
+  double error2;
+};
+
+/// What the checks of a collapse learn about the edge's neighbourhood.
+struct EdgeStar {
+  int shared = 0;  // triangles holding both ends (1 on a boundary edge, 2 inside)
+  int sharedTri[2] = {-1, -1};
+  int opposite[2] = {-1, -1};  // their third corners
+  int removedValence = 0;
+};
+
+/// One neighbour of a vertex during the setup: how many of the vertex's
+/// triangles leave towards it and arrive from it, and the neighbour the fan
+/// turns to next.
+struct Spoke {
+  int vertex, out, in, next;
+};
+
+/// The reduction's working copy of the mesh and its queue.
+class Reducer {
+ public:
+  Reducer(const CompactMesh& mesh, const MeshReduceOptions& options)
+      : options_(options),
+        numVertices_(mesh.getNumVertices()),
+        numTriangles_(mesh.getNumTriangles()),
+        corners_(mesh.getTriangles(), mesh.getTriangles() + numTriangles_),
+        positions_(mesh.getVertices(), mesh.getVertices() + numVertices_),
+        cosMaxChange_(std::cos(options.maxNormalChange * 3.14159265358979323846 / 180)) {
+    if (const MeshNormal* n = mesh.getNormals()) normals_.assign(n, n + numVertices_);
+    if (const MeshUV* uv = mesh.getUVs()) uvs_.assign(uv, uv + numVertices_);
+  }
+
+  bool cornersValid() const {
+    for (const MeshTriangle& t : corners_) {
+      for (int k = 0; k < 3; ++k) {
+        if (t[k] < 0 || t[k] >= numVertices_) return false;
+      }
+    }
+    return true;
+  }
+
+  void prepare(const BitVector& selection, kxUtil::ThreadPool& pool) {
+    buildIncidence();
+    flags_.assign(numVertices_, 0);
+    quadrics_.assign(numVertices_, Quadric());
+    lastChange_.assign(numVertices_, 0);
+    mergedInto_.assign(numVertices_, -1);
+    marks_.assign(numVertices_, 0);
+    liveTriangles_ = numTriangles_;
+    kxUtil::forEachRange(pool, numVertices_, [&](int, int begin, int end) {
+      std::vector<Spoke> spokes;
+      for (int v = begin; v < end; ++v) classify(v, selection, spokes);
+    });
+    seedHeap(pool);
+  }
+
+  /// Collapses until a bound is met; false when cancelled.
+  bool collapse(int target, kxUtil::Progress& progress, MeshReduceResult& result) {
+    const int toRemove = std::max(1, liveTriangles_ - target);
+    const int before = liveTriangles_;
+    result.stop = MeshReduceStop::TargetReached;
+    while (liveTriangles_ > target) {
+      if (heap_.empty()) {
+        result.stop = MeshReduceStop::Exhausted;
+        break;
+      }
+      const HeapEntry e = heap_.pop();
+      if (lastChange_[e.a] > e.time || lastChange_[e.b] > e.time) continue;
+      const Candidate c = candidate(e.a, e.b);
+      const double error = std::sqrt(c.error2);
+      if (error > options_.maxError) {
+        result.stop = MeshReduceStop::ErrorBound;
+        break;
+      }
+      if (!collapseIfValid(c)) {
+        flags_[e.a] |= kBlocked;
+        flags_[e.b] |= kBlocked;
+        continue;
+      }
+      result.maxError = std::max(result.maxError, error);
+      if (++result.collapses % kPollInterval == 0) {
+        if (progress.cancelled()) return false;
+        progress.set(double(before - liveTriangles_) / toRemove);
+      }
+    }
+    return !progress.cancelled();
+  }
+
+  int liveTriangles() const { return liveTriangles_; }
+
+  /// Rewrites the mesh from the working copy with one notice; returns the
+  /// number of output vertices.
+  int writeBack(CompactMesh& mesh, Remap& vertexMap) {
+    const int kept = numberVertices(vertexMap);
+    Remap triangleMap(numTriangles_, liveTriangles_);
+    std::vector<MeshTriangle> triangles;
+    triangles.reserve(liveTriangles_);
+    for (int t = 0; t < numTriangles_; ++t) {
+      if (!live(t)) continue;
+      triangleMap.set(t, int(triangles.size()));
+      const MeshTriangle& c = corners_[t];
+      triangles.push_back({{vertexMap(c[0]), vertexMap(c[1]), vertexMap(c[2])}});
+    }
+    MeshRemap maps(&vertexMap, &triangleMap);
+    MeshModification mod(&mesh, MeshModification::TopologyChanged, &maps);
+    mesh.resizeVertexArray(kept);
+    writeSurvivors(positions_.data(), mesh.getVertices());
+    if (!normals_.empty()) {
+      writeSurvivors(normals_.data(), mesh.getNormals());
+      mod.normalsModified();
+    }
+    if (!uvs_.empty()) {
+      writeSurvivors(uvs_.data(), mesh.getUVs());
+      mod.uvsModified();
+    }
+    mesh.copyTriangles(liveTriangles_, reinterpret_cast<const int*>(triangles.data()));
+    if (MeshNormal* n = mesh.getTriangleNormals()) {
+      writeTriangleNormals(mesh, n);
+      mod.triangleNormalsModified();
+    }
+    renumberOtherElements(mesh, vertexMap, mod);
+    mesh.modified(mod);
+    return kept;
+  }
+
+ private:
+  bool live(int t) const { return corners_[t][0] >= 0; }
+  Point position(int v) const { return positions_[v].asPoint(); }
+  bool locked(int v) const { return flags_[v] & kLocked; }
+  const int* trianglesOf(int v) const { return incidence_.data() + listBegin_[v]; }
+  int triangleCount(int v) const { return listCount_[v]; }
+
+  /// The vertex-to-triangles lists by a counting sort, in triangle order.
+  void buildIncidence() {
+    listBegin_.assign(numVertices_ + 1, 0);
+    listCount_.assign(numVertices_, 0);
+    for (const MeshTriangle& t : corners_) {
+      for (int k = 0; k < 3; ++k) ++listCount_[t[k]];
+    }
+    for (int v = 0; v < numVertices_; ++v) listBegin_[v + 1] = listBegin_[v] + listCount_[v];
+    // Room for the merged lists the collapses append.
+    incidence_.reserve(std::size_t(listBegin_[numVertices_]) * 2);
+    incidence_.resize(listBegin_[numVertices_]);
+    std::vector<int> fill(listBegin_.begin(), listBegin_.end() - 1);
+    for (int t = 0; t < numTriangles_; ++t) {
+      for (int k = 0; k < 3; ++k) incidence_[fill[corners_[t][k]]++] = t;
+    }
+    listBegin_.pop_back();
+  }
+
+  /// The spoke of `w` in `spokes`, added when missing.
+  static Spoke& spokeOf(std::vector<Spoke>& spokes, int w) {
+    for (Spoke& s : spokes) {
+      if (s.vertex == w) return s;
+    }
+    spokes.push_back({w, 0, 0, -1});
+    return spokes.back();
+  }
+
+  /// Gathers the spokes of v from its triangles; false when a triangle
+  /// names a vertex twice or has a non-finite corner.
+  bool gatherSpokes(int v, std::vector<Spoke>& spokes) const {
+    spokes.clear();
+    bool clean = true;
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const MeshTriangle& t = corners_[trianglesOf(v)[i]];
+      if (t[0] == t[1] || t[1] == t[2] || t[2] == t[0]) {
+        clean = false;
+        continue;
+      }
+      const int k = t[0] == v ? 0 : t[1] == v ? 1 : 2;
+      const int out = t[(k + 1) % 3], in = t[(k + 2) % 3];
+      clean = clean && finite(v) && finite(out) && finite(in);
+      Spoke& o = spokeOf(spokes, out);
+      ++o.out;
+      o.next = in;
+      ++spokeOf(spokes, in).in;
+    }
+    return clean;
+  }
+
+  bool finite(int v) const {
+    const MeshVertex& p = positions_[v];
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+  }
+
+  /// Whether the spokes form one fan with every edge run once each way (or
+  /// once, on the boundary), and whether that fan is open.
+  static bool oneFan(std::vector<Spoke>& spokes, int triangles, bool& open) {
+    int starts = 0, first = spokes.empty() ? -1 : spokes[0].vertex;
+    for (const Spoke& s : spokes) {
+      if (s.out > 1 || s.in > 1) return false;
+      if (s.out == 1 && s.in == 0) ++starts, first = s.vertex;
+    }
+    open = starts > 0;
+    if (starts > 1) return false;
+    int steps = 0;
+    for (int w = first; steps <= triangles; ++steps) {
+      w = spokeOf(spokes, w).next;
+      if (w < 0 || w == first) break;
+    }
+    return steps + (open ? 0 : 1) == triangles;
+  }
+
+  /// Sets the flags and the quadric of v (reads only v's own triangles and
+  /// their corners, so vertices may be classified concurrently).
+  void classify(int v, const BitVector& selection, std::vector<Spoke>& spokes) {
+    if (triangleCount(v) == 0) {
+      flags_[v] = kLocked;
+      return;
+    }
+    bool open = false;
+    const bool manifold = gatherSpokes(v, spokes) && oneFan(spokes, triangleCount(v), open);
+    unsigned char f = open ? kBoundary : 0;
+    if (!manifold || (open && options_.boundary == MeshReduceBoundary::Keep) ||
+        (options_.lockSelected && v < selection.size() && selection.isBitSet(v))) {
+      f |= kLocked;
+    }
+    flags_[v] = f;
+    Quadric& q = quadrics_[v];
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const MeshTriangle& t = corners_[trianglesOf(v)[i]];
+      if (finite(t[0]) && finite(t[1]) && finite(t[2]))
+        q.add(triangleQuadric(position(t[0]), position(t[1]), position(t[2])));
+    }
+    if (manifold && open && options_.boundary == MeshReduceBoundary::Weighted)
+      addBoundaryPlanes(v, q);
+  }
+
+  /// Adds the perpendicular planes of v's two boundary edges.
+  void addBoundaryPlanes(int v, Quadric& q) const {
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const MeshTriangle& t = corners_[trianglesOf(v)[i]];
+      const int k = t[0] == v ? 0 : t[1] == v ? 1 : 2;
+      for (int side = 1; side <= 2; ++side) {
+        const int w = t[(k + side) % 3];
+        if (edgeTriangles(v, w) != 1) continue;
+        const Point a = position(v), b = position(w), c = position(t[(k + 3 - side) % 3]);
+        const Vector edge = b - a;
+        const Vector n = kxLinear::normalized(kxLinear::cross(edge, kxLinear::cross(edge, c - a)));
+        if (n.length2() > 0)
+          q.addPlane(n, -kxLinear::dot(n, a), options_.boundaryWeight * edge.length2());
+      }
+    }
+  }
+
+  /// Number of live triangles of v that also hold w.
+  int edgeTriangles(int v, int w) const {
+    int count = 0;
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
+      if (!live(t)) continue;
+      const MeshTriangle& c = corners_[t];
+      count += c[0] == w || c[1] == w || c[2] == w;
+    }
+    return count;
+  }
+
+  /// Queues every edge once, from its lower end, in vertex order.
+  void seedHeap(kxUtil::ThreadPool& pool) {
+    std::vector<std::vector<HeapEntry>> parts(std::size_t(pool.numThreads()));
+    kxUtil::forEachRange(pool, numVertices_, [&](int thread, int begin, int end) {
+      std::vector<Spoke> spokes;
+      for (int v = begin; v < end; ++v) {
+        gatherSpokes(v, spokes);
+        HeapEntry e;
+        for (const Spoke& s : spokes) {
+          if (s.vertex > v && edgeEntry(v, s.vertex, e)) parts[thread].push_back(e);
+        }
+      }
+    });
+    std::vector<HeapEntry> all;
+    std::size_t total = 0;
+    for (const auto& p : parts) total += p.size();
+    all.reserve(total);
+    for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+    heap_.assign(std::move(all));
+  }
+
+  /// The queue entry of edge a-b now; false when both ends are locked.
+  bool edgeEntry(int a, int b, HeapEntry& e) const {
+    if (locked(a) && locked(b)) return false;
+    e = {float(candidate(a, b).error2), a, b, time_};
+    return true;
+  }
+
+  void queueEdge(int a, int b) {
+    HeapEntry e;
+    if (edgeEntry(a, b, e)) heap_.push(e);
+  }
+
+  /// Where the collapse of a-b puts its vertex, and which end survives.
+  Candidate candidate(int a, int b) const {
+    Quadric q = quadrics_[a];
+    q.add(quadrics_[b]);
+    const Point pa = position(a), pb = position(b);
+    if (locked(a) || locked(b)) {
+      const int s = locked(a) ? a : b;
+      const Point p = s == a ? pa : pb;
+      return {s, a + b - s, p, q.meanError2(p)};
+    }
+    Point p;
+    if (options_.placement == MeshReducePlacement::Optimal && q.minimiser(p)) {
+      p = Point(kxLinear::PointFlt(p));
+      const Point mid = (pa + pb) * 0.5;
+      if ((p - mid).length2() <= (pb - pa).length2()) {
+        const int s = (p - pa).length2() <= (p - pb).length2() ? a : b;
+        return {s, a + b - s, p, q.meanError2(p)};
+      }
+    }
+    Candidate best{a, b, pa, q.meanError2(pa)};
+    const double eb = q.meanError2(pb);
+    if (eb < best.error2) best = {b, a, pb, eb};
+    if (options_.placement == MeshReducePlacement::Optimal) {
+      const Point mid = Point(kxLinear::PointFlt((pa + pb) * 0.5));
+      const double em = q.meanError2(mid);
+      if (em < best.error2) best.position = mid, best.error2 = em;
+    }
+    return best;
+  }
+
+  unsigned nextStamp() {
+    if (++stamp_ == 0) {
+      std::fill(marks_.begin(), marks_.end(), 0u);
+      stamp_ = 1;
+    }
+    return stamp_;
+  }
+
+  /// Whether triangle (from, x, y) keeps a usable shape when `from` moves to
+  /// `to`: not degenerate, normal turned by at most the allowed angle.
+  bool keepsShape(const Point& from, const Point& to, int x, int y) const {
+    const Point px = position(x), py = position(y);
+    const Vector before = kxLinear::cross(px - from, py - from);
+    const Vector ex = px - to, ey = py - to;
+    const Vector after = kxLinear::cross(ex, ey);
+    const double after2 = after.length2();
+    if (!(after2 > kMinSine2 * ex.length2() * ey.length2())) return false;
+    return kxLinear::dot(before, after) >= cosMaxChange_ * std::sqrt(before.length2() * after2);
+  }
+
+  /// The two corners of triangle t other than v, in winding order after v.
+  void othersOf(int t, int v, int& x, int& y) const {
+    const MeshTriangle& c = corners_[t];
+    const int k = c[0] == v ? 0 : c[1] == v ? 1 : 2;
+    x = c[(k + 1) % 3];
+    y = c[(k + 2) % 3];
+  }
+
+  /// Walks the survivor's triangles: finds the edge's triangles, marks the
+  /// survivor's other neighbours and checks the triangles that see it move.
+  bool checkSurvivorSide(const Candidate& c, EdgeStar& star) {
+    const unsigned stamp = nextStamp();
+    const Point from = position(c.survivor);
+    const bool moves = from != c.position;
+    for (int i = 0; i < triangleCount(c.survivor); ++i) {
+      const int t = trianglesOf(c.survivor)[i];
+      if (!live(t)) continue;
+      int x, y;
+      othersOf(t, c.survivor, x, y);
+      if (x == c.removed || y == c.removed) {
+        if (star.shared == 2) return false;
+        star.sharedTri[star.shared] = t;
+        star.opposite[star.shared++] = x == c.removed ? y : x;
+        continue;
+      }
+      marks_[x] = marks_[y] = stamp;
+      if (moves && !keepsShape(from, c.position, x, y)) return false;
+    }
+    if (star.shared == 0) return false;
+    // An interior edge between two boundary vertices would pinch the
+    // surface into one vertex.
+    return !(star.shared == 2 && (flags_[c.survivor] & kBoundary) &&
+             (flags_[c.removed] & kBoundary));
+  }
+
+  bool isOpposite(const EdgeStar& star, int v) const {
+    return v == star.opposite[0] || v == star.opposite[1];
+  }
+
+  /// Walks the removed vertex's triangles: the link condition against the
+  /// survivor's marks, and the shape of every triangle that stays.
+  bool checkRemovedSide(const Candidate& c, EdgeStar& star) {
+    const Point from = position(c.removed);
+    bool closesTetrahedron = false;
+    for (int i = 0; i < triangleCount(c.removed); ++i) {
+      const int t = trianglesOf(c.removed)[i];
+      if (!live(t)) continue;
+      ++star.removedValence;
+      int x, y;
+      othersOf(t, c.removed, x, y);
+      if (x == c.survivor || y == c.survivor) continue;
+      if ((marks_[x] == stamp_ && !isOpposite(star, x)) ||
+          (marks_[y] == stamp_ && !isOpposite(star, y)))
+        return false;
+      closesTetrahedron =
+          closesTetrahedron || (star.shared == 2 && isOpposite(star, x) && isOpposite(star, y));
+      if (!keepsShape(from, c.position, x, y)) return false;
+    }
+    // Both ends with a triangle on the two opposite corners: the collapse
+    // would leave two triangles on the same three vertices.
+    if (closesTetrahedron && hasTriangleOn(c.survivor, star.opposite[0], star.opposite[1]))
+      return false;
+    // A lone triangle (all three edges open) does not collapse.
+    return !(star.shared == 1 && star.removedValence == 1 &&
+             edgeTriangles(c.survivor, star.opposite[0]) == 1);
+  }
+
+  bool hasTriangleOn(int v, int x, int y) const {
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
+      if (!live(t)) continue;
+      const MeshTriangle& c = corners_[t];
+      const bool hasX = c[0] == x || c[1] == x || c[2] == x;
+      const bool hasY = c[0] == y || c[1] == y || c[2] == y;
+      if (hasX && hasY) return true;
+    }
+    return false;
+  }
+
+  bool collapseIfValid(const Candidate& c) {
+    EdgeStar star;
+    if (!checkSurvivorSide(c, star) || !checkRemovedSide(c, star)) return false;
+    apply(c, star);
+    return true;
+  }
+
+  /// Performs the collapse and queues the survivor's edges anew.
+  void apply(const Candidate& c, const EdgeStar& star) {
+    for (int i = 0; i < star.shared; ++i) corners_[star.sharedTri[i]][0] = -1;
+    liveTriangles_ -= star.shared;
+    const int s = c.survivor, r = c.removed;
+    const int begin = int(incidence_.size());
+    appendLive(s);
+    for (int i = 0; i < triangleCount(r); ++i) {
+      const int t = trianglesOf(r)[i];
+      if (!live(t)) continue;
+      MeshTriangle& corners = corners_[t];
+      for (int k = 0; k < 3; ++k) {
+        if (corners[k] == r) corners[k] = s;
+      }
+      incidence_.push_back(t);
+    }
+    listBegin_[s] = begin;
+    listCount_[s] = int(incidence_.size()) - begin;
+    carryAttributes(c);
+    positions_[s].set(c.position.data());
+    quadrics_[s].add(quadrics_[r]);
+    flags_[s] |= flags_[r] & kBoundary;
+    mergedInto_[r] = s;
+    lastChange_[r] = INT_MAX;
+    lastChange_[s] = ++time_;
+    queueRing(s);
+  }
+
+  void appendLive(int v) {
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
+      if (live(t)) incidence_.push_back(t);
+    }
+  }
+
+  /// Normals and UVs of the survivor: interpolated along the edge at the
+  /// projection of the new position.
+  void carryAttributes(const Candidate& c) {
+    if (normals_.empty() && uvs_.empty()) return;
+    const int s = c.survivor, r = c.removed;
+    const Point ps = position(s), pr = position(r);
+    const Vector edge = pr - ps;
+    const double length2 = edge.length2();
+    const double w =
+        length2 > 0 ? std::clamp(kxLinear::dot(c.position - ps, edge) / length2, 0.0, 1.0) : 0.0;
+    if (!normals_.empty()) {
+      const Vector n =
+          kxLinear::normalized(normals_[s].asVector() * (1 - w) + normals_[r].asVector() * w);
+      normals_[s].set(float(n.x), float(n.y), float(n.z));
+    }
+    if (!uvs_.empty()) {
+      const MeshUV a = uvs_[s], b = uvs_[r];
+      uvs_[s] = {float(a.u * (1 - w) + b.u * w), float(a.v * (1 - w) + b.v * w)};
+    }
+  }
+
+  /// Queues the edges of v's neighbours that were refused since they last
+  /// changed, then v's own edges.
+  void queueRing(int v) {
+    const unsigned stamp = nextStamp();
+    ring_.clear();
+    for (int i = 0; i < triangleCount(v); ++i) {
+      int x, y;
+      othersOf(trianglesOf(v)[i], v, x, y);
+      for (int w : {x, y}) {
+        if (marks_[w] != stamp) marks_[w] = stamp, ring_.push_back(w);
+      }
+    }
+    for (int w : ring_) {
+      if (flags_[w] & kBlocked) requeue(w, v);
+    }
+    for (int w : ring_) queueEdge(v, w);
+  }
+
+  /// Queues every edge of w but the one to `skip` again.
+  void requeue(int w, int skip) {
+    flags_[w] &= ~kBlocked;
+    lastChange_[w] = time_;
+    const unsigned stamp = nextStamp();
+    marks_[skip] = stamp;
+    for (int i = 0; i < triangleCount(w); ++i) {
+      const int t = trianglesOf(w)[i];
+      if (!live(t)) continue;
+      int x, y;
+      othersOf(t, w, x, y);
+      for (int u : {x, y}) {
+        if (marks_[u] != stamp) marks_[u] = stamp, queueEdge(w, u);
+      }
+    }
+  }
+
+  /// Numbers the surviving vertices in order and maps every vertex to the
+  /// survivor it merged into; returns the survivor count.
+  int numberVertices(Remap& vertexMap) {
+    std::vector<int> index(numVertices_, -1);
+    int kept = 0;
+    for (int v = 0; v < numVertices_; ++v) {
+      if (mergedInto_[v] < 0) index[v] = kept++;
+    }
+    vertexMap.resize(numVertices_, kept);
+    for (int v = 0; v < numVertices_; ++v) vertexMap.set(v, index[survivorOf(v)]);
+    return kept;
+  }
+
+  /// The vertex v finally merged into, shortening the chains on the way.
+  int survivorOf(int v) {
+    int root = v;
+    while (mergedInto_[root] >= 0) root = mergedInto_[root];
+    while (mergedInto_[v] >= 0) {
+      const int next = mergedInto_[v];
+      mergedInto_[v] = root;
+      v = next;
+    }
+    return root;
+  }
+
+  /// Copies the surviving vertices' records, in order, to `out`.
+  template <class T>
+  void writeSurvivors(const T* from, T* out) const {
+    for (int v = 0; v < numVertices_; ++v) {
+      if (mergedInto_[v] < 0) *out++ = from[v];
+    }
+  }
+
+  static void writeTriangleNormals(const CompactMesh& mesh, MeshNormal* out) {
+    const MeshVertex* p = mesh.getVertices();
+    for (int t = 0; t < mesh.getNumTriangles(); ++t) {
+      const MeshTriangle& c = mesh.getTriangles()[t];
+      const Vector n = kxLinear::normalized(kxLinear::cross(p[c[1]].asPoint() - p[c[0]].asPoint(),
+                                                            p[c[2]].asPoint() - p[c[0]].asPoint()));
+      out[t].set(float(n.x), float(n.y), float(n.z));
+    }
+  }
+
+  /// Lines and line strips follow the vertex map; triangle strips and fans
+  /// described the old triangles and go.
+  static void renumberOtherElements(CompactMesh& mesh, const Remap& vertexMap,
+                                    MeshModification& mod) {
+    if (mesh.getNumLines() > 0) {
+      vertexMap(reinterpret_cast<int*>(mesh.getLines()), 2 * mesh.getNumLines());
+      mod.linesModified();
+    }
+    if (mesh.getNumLineStrips() > 0) {
+      vertexMap(mesh.getLineStripPoints(), mesh.getNumLineStripPoints());
+      mod.lineStripsModified();
+    }
+    if (mesh.getNumTriStrips() > 0 || mesh.getNumTriFans() > 0) {
+      mesh.resizeTriStripArrays(0, 0);
+      mesh.resizeTriFanArrays(0, 0);
+      mod.stripsAndFansModified();
+    }
+  }
+
+  const MeshReduceOptions& options_;
+  const int numVertices_, numTriangles_;
+  std::vector<MeshTriangle> corners_;  // corner 0 is -1 once a triangle is gone
+  std::vector<MeshVertex> positions_;
+  std::vector<MeshNormal> normals_;
+  std::vector<MeshUV> uvs_;
+  const double cosMaxChange_;
+  std::vector<Quadric> quadrics_;
+  std::vector<unsigned char> flags_;
+  std::vector<int> lastChange_;  // time of the last change; INT_MAX once merged away
+  std::vector<int> mergedInto_;  // -1 while the vertex survives
+  // Per vertex, a slice of `incidence_` listing its triangles; a collapse
+  // appends the survivor's merged list, so slices only ever move forward.
+  std::vector<int> incidence_, listBegin_, listCount_;
+  std::vector<unsigned> marks_;
+  unsigned stamp_ = 0;
+  std::vector<int> ring_;
+  EdgeHeap heap_;
+  int time_ = 0;
+  int liveTriangles_ = 0;
+};
+
+bool optionsValid(const MeshReduceOptions& o) {
+  return o.targetTriangles >= 0 && o.targetFraction >= 0 && o.targetFraction <= 1 &&
+         o.maxError >= 0 && o.boundaryWeight >= 0 && o.maxNormalChange >= 0 &&
+         o.maxNormalChange <= 180;
+}
+
+/// The triangle count at which the count and fraction bounds are both met
+/// first: the larger of the two.
+int targetCount(const MeshReduceOptions& o, int triangles) {
+  const double fraction = std::ceil(o.targetFraction * triangles);
+  return std::max(o.targetTriangles, int(std::min(fraction, double(triangles))));
+}
+
+}  // namespace
+
+MeshReduceResult meshReduce(CompactMesh& mesh, const MeshReduceOptions& options,
+                            kxUtil::Progress& progress, Remap* remap) {
+  kxOS::StopWatch watch;
+  MeshReduceResult result;
+  result.trianglesBefore = result.trianglesAfter = mesh.getNumTriangles();
+  result.verticesBefore = result.verticesAfter = mesh.getNumVertices();
+  Reducer reducer(mesh, options);
+  if (!optionsValid(options) || !reducer.cornersValid()) {
+    result.status = MeshReduceStatus::Invalid;
+  } else {
+    reducer.prepare(mesh.getSelectedVertices(), kxUtil::ThreadPool::get());
+    const int target = targetCount(options, mesh.getNumTriangles());
+    if (!reducer.collapse(target, progress, result)) {
+      result.status = MeshReduceStatus::Cancelled;
+    } else if (result.collapses == 0) {
+      result.status = MeshReduceStatus::Unchanged;
+      if (remap) {
+        remap->resize(mesh.getNumVertices(), mesh.getNumVertices());
+        remap->setSequential();
+      }
+    } else {
+      Remap local;
+      Remap& vertexMap = remap ? *remap : local;
+      result.status = MeshReduceStatus::Reduced;
+      result.verticesAfter = reducer.writeBack(mesh, vertexMap);
+      result.trianglesAfter = reducer.liveTriangles();
+      progress.set(1.0);
+    }
+  }
+  debugChannel().print(
+      "meshReduce: %d -> %d triangles, %d -> %d vertices, %d collapses, max error %g, status %d: "
+      "%f s\n",
+      result.trianglesBefore, result.trianglesAfter, result.verticesBefore, result.verticesAfter,
+      result.collapses, result.maxError, int(result.status), watch.stop());
+  return result;
+}
+
+}  // namespace kxGeom
