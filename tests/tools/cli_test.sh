@@ -170,6 +170,20 @@ done
 check "render json" run 0 render "$work/square.obj" -o "$work/j.png" --size 32x32 --json
 check "render json pixels" json_ok '0 < d["hit_pixels"] < 32 * 32'
 
+check "reduce" run 0 reduce "$work/demo/welded.obj" "$work/reduced.ply" --ratio 0.25 --json
+check "reduce json" json_ok 'd["triangles"] <= 0.25 * d["triangles_before"] + 1 and d["stop"] == "target reached" and 0 < d["hausdorff_from_input"] < 0.01'
+check "reduce needs a bound" run 2 reduce "$work/demo/welded.obj" "$work/r2.ply"
+check "no output without a bound" [ ! -e "$work/r2.ply" ]
+check "measure" run 0 measure "$work/demo/welded.obj" --json
+check "measure json" json_ok 'd["closed"] and d["genus"] == 0 and d["components"] == 1 and 4.0 < d["volume"] < 4.4'
+check "measure open mesh" run 0 measure "$work/square.obj" --json
+check "measure open json" json_ok 'not d["closed"] and d["boundary_loops"] == 1 and abs(d["area"] - 1) < 1e-12'
+check "compare" run 0 compare "$work/demo/welded.obj" "$work/reduced.ply" --json --image "$work/cmp.png" --size 64x48
+check "compare json" json_ok 'd["hausdorff"] == max(d["a_to_b"]["maximum"], d["b_to_a"]["maximum"]) > 0'
+check "compare image" [ -s "$work/cmp.png" ]
+check "compare with itself" run 0 compare "$work/square.obj" "$work/square.mesh" --json
+check "identical meshes are 0 apart" json_ok 'd["hausdorff"] == 0'
+
 # A symlink target is written through; a FIFO is written in place.
 printf 'old' >"$work/real.obj"
 ln -s real.obj "$work/link.obj"

@@ -61,6 +61,28 @@ struct FlattenOptions {
   MeshOutput output;
   bool cut = false, compact = false, json = false;
 };
+struct ReduceOptions {
+  std::string input;
+  MeshOutput output;
+  int triangles = 0;
+  double ratio = 0;
+  double error = 0;  // 0: no error bound
+  bool endpoint = false;
+  bool weightedBoundary = false;
+  double maxNormalChange = 60;
+  bool json = false;
+};
+struct MeasureOptions {
+  std::string input;
+  bool json = false;
+};
+struct CompareOptions {
+  std::string a, b;
+  double spacing = 0;  // sample spacing on the triangles; 0: vertices only
+  std::string image;   // optional PNG of A coloured by distance
+  int width = 800, height = 800;
+  bool json = false;
+};
 struct DemoOptions {
   std::string output = "kxgeom-demo";
   int width = 800, height = 800;
@@ -78,6 +100,9 @@ int runCheck(const CheckOptions& o);
 int runRepair(const RepairOptions& o);
 int runFill(const FillOptions& o);
 int runFlatten(const FlattenOptions& o);
+int runReduce(const ReduceOptions& o);
+int runMeasure(const MeasureOptions& o);
+int runCompare(const CompareOptions& o);
 int runDemo(const DemoOptions& o);
 
 }  // namespace kxtool

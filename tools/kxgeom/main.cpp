@@ -67,6 +67,9 @@ struct AllOptions {
   kxtool::RepairOptions repair;
   kxtool::FillOptions fill;
   kxtool::FlattenOptions flatten;
+  kxtool::ReduceOptions reduce;
+  kxtool::MeasureOptions measure;
+  kxtool::CompareOptions compare;
   kxtool::DemoOptions demo;
 };
 
@@ -211,6 +214,60 @@ void addEditCommands(CLI::App& app, Runner& runner, AllOptions& o) {
   addSizeOption(demo, o.demo.width, o.demo.height);
 }
 
+void addMeasureCommands(CLI::App& app, Runner& runner, AllOptions& o) {
+  kxtool::ReduceOptions& r = o.reduce;
+  CLI::App* reduce = command(app, runner, "reduce",
+                             "Reduces the triangle count by quadric-error edge collapse, stopping "
+                             "at the first bound reached; reports how far the input lies from "
+                             "the result",
+                             r, kxtool::runReduce);
+  addInput(reduce, r.input);
+  addOutput(reduce, r.output);
+  CLI::Option* triangles = reduce->add_option("--triangles", r.triangles, "Stop at N triangles")
+                               ->check(CLI::PositiveNumber);
+  CLI::Option* ratio = reduce->add_option("--ratio", r.ratio, "Stop at this fraction of the input")
+                           ->check(CLI::Range(0.0, 1.0));
+  CLI::Option* error =
+      reduce->add_option("--error", r.error, "Stop before a collapse of larger error (model units)")
+          ->check(CLI::PositiveNumber);
+  reduce->add_flag("--endpoint", r.endpoint, "Keep every vertex at an input position");
+  reduce->add_flag("--weighted-boundary", r.weightedBoundary,
+                   "Let boundary edges collapse, held near their course (default: kept exactly)");
+  reduce
+      ->add_option("--max-normal-change", r.maxNormalChange,
+                   "Refuse collapses that turn a triangle's normal by more (degrees)")
+      ->check(CLI::Range(0.0, 180.0))
+      ->capture_default_str();
+  addJson(reduce, r.json);
+  reduce->callback([&runner, &r, triangles, ratio, error] {
+    if (!*triangles && !*ratio && !*error)
+      throw CLI::RequiredError("--triangles, --ratio or --error");
+    runner = [&r] { return kxtool::runReduce(r); };
+  });
+
+  CLI::App* measure = command(app, runner, "measure",
+                              "Area, volume, centroid and inertia of the enclosed solid, "
+                              "components, boundary loops and genus",
+                              o.measure, kxtool::runMeasure);
+  addInput(measure, o.measure.input, "FILE");
+  addJson(measure, o.measure.json);
+
+  kxtool::CompareOptions& c = o.compare;
+  CLI::App* compare = command(app, runner, "compare",
+                              "Distances between two meshes both ways: Hausdorff, mean, RMS", c,
+                              kxtool::runCompare);
+  addInput(compare, c.a, "A");
+  addInput(compare, c.b, "B");
+  compare
+      ->add_option("--spacing", c.spacing,
+                   "Also sample the triangles at this spacing (model units; default: "
+                   "vertices only)")
+      ->check(CLI::NonNegativeNumber);
+  compare->add_option("--image", c.image, "Also render A coloured by its distance to B (PNG)");
+  addSizeOption(compare, c.width, c.height);
+  addJson(compare, c.json);
+}
+
 // Runs the chosen command, turning its failures into exit statuses.
 int runCommand(const std::string& name, const Runner& runner) {
   try {
@@ -246,6 +303,7 @@ int main(int argc, char** argv) {
   AllOptions options;
   addMeshCommands(app, runner, options);
   addEditCommands(app, runner, options);
+  addMeasureCommands(app, runner, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

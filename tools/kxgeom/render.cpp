@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -111,34 +112,60 @@ Vector pixelNormal(const Camera& cam, const std::vector<float>& depth, int x, in
   return kxLinear::dot(n, cam.forward) > 0 ? -n : n;
 }
 
-// The checkerboard factor of a surface point: dark or light by the UV cell
-// of its closest mesh point (1 where there is no UV to read).
-class Checker {
+// What the surface looks like where a pixel's ray hit it: a checkerboard
+// of its UVs and a colour by per-vertex values, both read at the closest
+// mesh point of the hit.
+class SurfacePaint {
  public:
-  Checker(const kxGeom::CompactMesh& mesh, const kxGeom::Octree& octree,
-          const kxGeom::OctreeTris& tris, int cells)
-      : mesh_(mesh), closest_(mesh, octree, tris), cells_(cells) {}
-  double at(const Vector& p) {
+  SurfacePaint(const kxGeom::CompactMesh& mesh, const kxGeom::Octree& octree,
+               const kxGeom::OctreeTris& tris, const RenderOptions& options)
+      : mesh_(mesh), closest_(mesh, octree, tris), options_(options) {}
+
+  // Multiplies `rgb` by the pattern at p.
+  void paint(const Vector& p, double rgb[3]) {
     kxGeom::MeshCoord c;
     closest_.compute(kxLinear::Point(p.x, p.y, p.z), &c);
-    if (!c.isValid()) return 1.0;
-    double u = 0, v = 0;
-    for (int k = 0; k < 3; ++k) {
-      const kxGeom::MeshUV& uv = mesh_.getUVs()[mesh_.getTriangles()[c.triangle][k]];
-      u += c.w[k] * uv.u;
-      v += c.w[k] * uv.v;
+    if (!c.isValid()) return;
+    const kxGeom::MeshTriangle& t = mesh_.getTriangles()[c.triangle];
+    if (options_.vertexValues) {
+      double value = 0;
+      for (int k = 0; k < 3; ++k) value += c.w[k] * (*options_.vertexValues)[std::size_t(t[k])];
+      const double span = options_.valueRange[1] - options_.valueRange[0];
+      colourScale(span > 0 ? (value - options_.valueRange[0]) / span : 0.5, rgb);
     }
-    const long long cell = (long long)std::floor(u * cells_) + (long long)std::floor(v * cells_);
-    return cell % 2 == 0 ? 1.0 : 0.45;
+    if (options_.checkerCells > 0 && mesh_.getUVs()) {
+      double u = 0, v = 0;
+      for (int k = 0; k < 3; ++k) {
+        u += c.w[k] * mesh_.getUVs()[t[k]].u;
+        v += c.w[k] * mesh_.getUVs()[t[k]].v;
+      }
+      const long long cell = (long long)std::floor(u * options_.checkerCells) +
+                             (long long)std::floor(v * options_.checkerCells);
+      if (cell % 2 != 0) {
+        for (int k = 0; k < 3; ++k) rgb[k] *= 0.45;
+      }
+    }
+  }
+
+  // Blue, cyan, green, yellow, red as f goes from 0 to 1 (clamped; NaN grey).
+  static void colourScale(double f, double rgb[3]) {
+    if (!(f == f)) {
+      rgb[0] = rgb[1] = rgb[2] = 0.6;
+      return;
+    }
+    f = std::min(1.0, std::max(0.0, f));
+    rgb[0] = std::min(1.0, std::max(0.0, 2.0 * f - 0.5) * 1.5);
+    rgb[1] = 1.0 - std::fabs(2.0 * f - 1.0) * 0.85;
+    rgb[2] = std::min(1.0, std::max(0.0, 1.5 - 2.0 * f) * 1.5);
   }
 
  private:
   const kxGeom::CompactMesh& mesh_;
   kxGeom::MeshClosestPoint closest_;
-  int cells_;
+  const RenderOptions& options_;
 };
 
-void shade(const Camera& cam, const std::vector<float>& depth, Checker* checker, Image& image,
+void shade(const Camera& cam, const std::vector<float>& depth, SurfacePaint* paint, Image& image,
            RenderStats& stats) {
   const Vector light = kxLinear::normalized(Vector(0.4, 0.3, 1.0) - cam.forward);
   for (int y = 0; y < cam.height; ++y) {
@@ -154,15 +181,79 @@ void shade(const Camera& cam, const std::vector<float>& depth, Checker* checker,
       ++stats.hitPixels;
       const Vector n = pixelNormal(cam, depth, x, y, p);
       const double diffuse = std::max(0.0, kxLinear::dot(n, light));
-      const double v = (0.18 + 0.8 * diffuse) * (checker ? checker->at(p) : 1.0);
-      px[0] = std::uint8_t(std::min(255.0, 255 * v * 0.85));
-      px[1] = std::uint8_t(std::min(255.0, 255 * v * 0.62));
-      px[2] = std::uint8_t(std::min(255.0, 255 * v * 0.38));
+      double rgb[3] = {0.85, 0.62, 0.38};
+      if (paint) paint->paint(p, rgb);
+      for (int k = 0; k < 3; ++k) {
+        px[k] = std::uint8_t(std::min(255.0, 255 * (0.18 + 0.8 * diffuse) * rgb[k]));
+      }
     }
   }
 }
 
+// Glyphs of 3 x 5 pixels for the legend's numbers, one bit per pixel, rows
+// top down, three bits per row (high bit left).
+int glyphBits(char c) {
+  static const char* const kChars = "0123456789.-e+";
+  static const int kBits[] = {0x7B6F, 0x2C97, 0x73E7, 0x72CF, 0x5BC9, 0x79CF, 0x79EF,
+                              0x7292, 0x7BEF, 0x7BCF, 0x0002, 0x01C0, 0x0F73, 0x05D0};
+  for (int i = 0; kChars[i]; ++i) {
+    if (kChars[i] == c) return kBits[i];
+  }
+  return 0;
+}
+
+// Writes `text` at (x, y), each glyph pixel a 2 x 2 block.
+void drawText(Image& image, int x, int y, const char* text) {
+  for (; *text; ++text, x += 8) {
+    const int bits = glyphBits(*text);
+    for (int row = 0; row < 5; ++row) {
+      for (int col = 0; col < 3; ++col) {
+        if (!((bits >> (14 - 3 * row - col)) & 1)) continue;
+        for (int d = 0; d < 4; ++d) {
+          const int px = x + 2 * col + d % 2, py = y + 2 * row + d / 2;
+          if (px >= 0 && py >= 0 && px < image.width && py < image.height) {
+            std::uint8_t* p = image.pixel(px, py);
+            p[0] = p[1] = p[2] = 20;
+          }
+        }
+      }
+    }
+  }
+}
+
+// A vertical colour bar on the right with the range's ends written beside it.
+void drawLegend(Image& image, const double range[2]) {
+  const int barWidth = std::max(4, image.width / 40), top = image.height / 5;
+  const int bottom = image.height - top, x0 = image.width - 2 * barWidth;
+  for (int y = top; y < bottom; ++y) {
+    double rgb[3];
+    SurfacePaint::colourScale(double(bottom - 1 - y) / std::max(1, bottom - top - 1), rgb);
+    for (int x = x0; x < x0 + barWidth && x >= 0; ++x) {
+      std::uint8_t* p = image.pixel(x, y);
+      for (int k = 0; k < 3; ++k) p[k] = std::uint8_t(255 * rgb[k]);
+    }
+  }
+  char text[32];
+  for (int end = 0; end < 2; ++end) {
+    const int n = std::snprintf(text, sizeof text, "%.3g", range[end]);
+    drawText(image, x0 + barWidth - 8 * n, end ? top - 14 : bottom + 4, text);
+  }
+}
+
 }  // namespace
+
+void colourRange(const std::vector<double>& values, bool whole, double range[2]) {
+  std::vector<double> finite;
+  for (double v : values) {
+    if (std::isfinite(v)) finite.push_back(v);
+  }
+  range[0] = range[1] = 0;
+  if (finite.empty()) return;
+  std::sort(finite.begin(), finite.end());
+  const std::size_t last = finite.size() - 1;
+  range[0] = finite[whole ? 0 : last * 2 / 100];
+  range[1] = finite[whole ? last : last * 98 / 100];
+}
 
 Image renderMesh(const kxGeom::CompactMesh& model, const RenderOptions& options,
                  kxUtil::Progress& progress, RenderStats& stats) {
@@ -193,11 +284,12 @@ Image renderMesh(const kxGeom::CompactMesh& model, const RenderOptions& options,
     stats.traceSeconds = watch.stop();
     stats.rays = (long long)((options.width + 1) / 2) * ((options.height + 1) / 2) * 4;
   }
-  std::unique_ptr<Checker> checker;
-  if (octree && options.checkerCells > 0 && mesh.getUVs()) {
-    checker.reset(new Checker(mesh, *octree, tris, options.checkerCells));
+  std::unique_ptr<SurfacePaint> paint;
+  if (octree && ((options.checkerCells > 0 && mesh.getUVs()) || options.vertexValues)) {
+    paint.reset(new SurfacePaint(mesh, *octree, tris, options));
   }
-  shade(cam, depth, checker.get(), image, stats);
+  shade(cam, depth, paint.get(), image, stats);
+  if (options.vertexValues) drawLegend(image, options.valueRange);
   return image;
 }
 

@@ -20,7 +20,17 @@ struct RenderOptions {
   double fovDegrees = 35.0;
   /// Checkerboard the surface by its UVs (cells per unit), when it has them.
   int checkerCells = 0;
+  /// When not null, one value per vertex: the surface is coloured by the
+  /// value interpolated at each pixel, from blue at `valueRange[0]` to red
+  /// at `valueRange[1]`, and a legend with both ends is drawn on the right.
+  const std::vector<double>* vertexValues = nullptr;
+  double valueRange[2] = {0, 1};
 };
+
+/// The range a colour scale should span for `values`: from the 2nd to the
+/// 98th percentile of the finite ones (so a few outliers do not wash the
+/// rest out), or the full range with `whole`.
+void colourRange(const std::vector<double>& values, bool whole, double range[2]);
 
 struct RenderStats {
   double traceSeconds = 0;  // wall time of the tracing
