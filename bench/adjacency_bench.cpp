@@ -5,8 +5,10 @@
 // of the ratios is printed after the Google Benchmark table.
 #include <benchmark/benchmark.h>
 
+#include <array>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,11 @@
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <OpenMesh/Core/Mesh/TriMesh_ArrayKernelT.hh>
+#endif
+#ifdef KXGEOM_BENCH_CGAL
+#include <CGAL/Polygon_mesh_processing/polygon_soup_to_polygon_mesh.h>
+#include <CGAL/Simple_cartesian.h>
+#include <CGAL/Surface_mesh.h>
 #endif
 
 namespace {
@@ -94,6 +101,60 @@ void BM_OpenMeshBuild(benchmark::State& state) {
 BENCHMARK(BM_OpenMeshBuild)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 #endif
 
+// The three tables a caller asking for full adjacency builds.
+void BM_AllThreeTables(benchmark::State& state) {
+  for (auto _ : state) {
+    MeshAdjTris adj;
+    meshAdjTris(sphere(), adj);
+    MeshAdjVertices adjV;
+    meshAdjVertices(sphere(), adj, adjV);
+    MeshTriAdjTris triAdj;
+    meshTriAdjTris(sphere(), triAdj);
+    benchmark::DoNotOptimize(triAdj.triIndices(0));
+  }
+}
+
+// The textbook vertex-to-triangles build: count, prefix sum, fill.
+void BM_CountingSortBaseline(benchmark::State& state) {
+  const int n = sphere().getNumVertices(), m = sphere().getNumTriangles();
+  const int* corners = sphere().getTrianglesRaw();
+  for (auto _ : state) {
+    std::unique_ptr<int[]> start(new int[std::size_t(n) + 1]());
+    std::unique_ptr<int[]> members(new int[3 * std::size_t(m)]);
+    for (int c = 0; c < 3 * m; ++c) ++start[corners[c] + 1];
+    for (int v = 0; v < n; ++v) start[v + 1] += start[v];
+    for (int c = 0; c < 3 * m; ++c) members[start[corners[c]]++] = c / 3;
+    benchmark::DoNotOptimize(members.get());
+  }
+}
+
+#ifdef KXGEOM_BENCH_CGAL
+// CGAL's polygon soup to a half-edge Surface_mesh: its way to all three kinds
+// of adjacency at once.
+void BM_CgalSoupToSurfaceMesh(benchmark::State& state) {
+  using CgalPoint = CGAL::Simple_cartesian<double>::Point_3;
+  const CompactMesh& mesh = sphere();
+  std::vector<CgalPoint> points;
+  for (int v = 0; v < mesh.getNumVertices(); ++v) {
+    const MeshVertex& p = mesh.getVertices()[v];
+    points.emplace_back(p.x, p.y, p.z);
+  }
+  std::vector<std::array<int, 3>> polygons;
+  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
+    const MeshTriangle& tri = mesh.getTriangles()[t];
+    polygons.push_back({tri[0], tri[1], tri[2]});
+  }
+  for (auto _ : state) {
+    CGAL::Surface_mesh<CgalPoint> out;
+    CGAL::Polygon_mesh_processing::polygon_soup_to_polygon_mesh(points, polygons, out);
+    benchmark::DoNotOptimize(out.number_of_faces());
+  }
+}
+BENCHMARK(BM_CgalSoupToSurfaceMesh)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+#endif
+
+BENCHMARK(BM_AllThreeTables)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+BENCHMARK(BM_CountingSortBaseline)->Unit(benchmark::kMillisecond)->MinTime(0.5);
 BENCHMARK(BM_CopyTriangles)->Unit(benchmark::kMillisecond)->MinTime(0.5);
 BENCHMARK(BM_MeshAdjTris)->Unit(benchmark::kMillisecond)->MinTime(0.5);
 BENCHMARK(BM_MeshAdjVertices)->Unit(benchmark::kMillisecond)->MinTime(0.5);
@@ -118,6 +179,14 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> seconds;
 };
 
+// Prints peer time / our time for one pair, when both ran.
+void printRatio(const std::map<std::string, double>& seconds, const char* label, const char* theirs,
+                const char* ours) {
+  const auto a = seconds.find(theirs), b = seconds.find(ours);
+  if (a == seconds.end() || b == seconds.end()) return;
+  std::printf("  %-44s %.2f\n", label, a->second / b->second);
+}
+
 void printSummary(const std::map<std::string, double>& seconds) {
   const auto find = [&](const char* name) {
     const auto it = seconds.find(name);
@@ -128,7 +197,8 @@ void printSummary(const std::map<std::string, double>& seconds) {
   std::printf("\nSummary on %d vertices, %d triangles (CPU time ratios; below 1 is faster):\n",
               sphere().getNumVertices(), sphere().getNumTriangles());
   std::printf("  %-16s %16s %22s\n", "build", "x triangle copy", "x OpenMesh TriMesh build");
-  for (const char* name : {"BM_MeshAdjTris", "BM_MeshAdjVertices", "BM_MeshTriAdjTris"}) {
+  for (const char* name :
+       {"BM_MeshAdjTris", "BM_MeshAdjVertices", "BM_MeshTriAdjTris", "BM_AllThreeTables"}) {
     const double t = find(name);
     if (t <= 0.0) continue;
     std::printf("  %-16s", name + 3);
@@ -154,6 +224,11 @@ int main(int argc, char** argv) {
   SummaryReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   printSummary(reporter.seconds);
+  std::printf("\nPeer or baseline time / kxgeom time (above 1: kxgeom faster):\n");
+  printRatio(reporter.seconds, "counting sort / meshAdjTris", "BM_CountingSortBaseline",
+             "BM_MeshAdjTris");
+  printRatio(reporter.seconds, "CGAL soup to Surface_mesh / all three tables",
+             "BM_CgalSoupToSurfaceMesh", "BM_AllThreeTables");
   benchmark::Shutdown();
   return 0;
 }

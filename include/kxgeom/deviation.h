@@ -5,10 +5,9 @@
 //
 // Points of mesh A are measured in a fixed order: its vertices by index, then
 // the samples of its triangles (see MeshDeviationOptions) triangle by
-// triangle. Every distance is an exact closest-point query over B's octree
-// (`MeshClosestPoint`), run in fixed blocks on the shared pool, and the
-// statistics are folded block by block in that order, so every result is the
-// same for every thread count.
+// triangle. Every distance is an exact closest-point query over B's octree,
+// run in fixed blocks on the shared pool, and the statistics are folded block
+// by block in that order, so every result is the same for every thread count.
 //
 // Indices are not validated: every triangle corner must lie in [0, number of
 // vertices) of its mesh.
@@ -16,7 +15,6 @@
 
 #include <cstdint>
 
-#include <kxgeom/platform/arrayofsets.h>
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/export.h>
 #include <kxgeom/platform/linear.h>
@@ -58,8 +56,10 @@ struct MeshDeviation {
 ///                  coordinate, and samples of triangles with such a corner,
 ///                  are left out.
 /// [in]  b          the reference mesh.
-/// [in]  bOctree    an octree whose box holds b (built over b's vertices).
-/// [in]  bTris      `computeOctreeTris` of b over bOctree.
+/// [in]  bOctree    an octree built over b's vertices (point i is vertex i),
+///                  such as `MeshCache::getOctree`; b's triangles are grouped
+///                  by the leaf of their first corner and bounded node by
+///                  node for the searches (box-triangle lists are not needed).
 /// [in]  options    which points of a are measured.
 /// [out] result     the statistics; written only on success.
 /// [in,out] progress  polled for cancellation (also from the pool's
@@ -68,19 +68,21 @@ struct MeshDeviation {
 ///                  filled with each vertex's distance (model units; NaN for
 ///                  a vertex left out); written only on success.
 /// Returns false, writing nothing, when cancelled, when a has no finite
-/// vertex, or when b gives no closest point (no triangles, none finite).
-/// Logs one line. Cost O(points x log T_b) typical, on the shared pool; each
-/// pool thread that takes part builds its own `MeshClosestPoint` over b
-/// (about 40 bytes per listed triangle of b). Thread safety: re-entrant; the
-/// meshes and octree are only read and must not change during the call.
+/// vertex, when b gives no closest point (no triangles, none finite) or when
+/// bOctree does not hold one point per vertex of b.
+/// Logs one line. Cost O(V_b + T_b) to group and bound b's triangles (28
+/// bytes per triangle), then O(log T_b) typical per measured point, on the
+/// shared pool; consecutive points near each other (as in a mesh whose
+/// vertex and triangle order is spatially coherent) start their search from
+/// the previous answer and cost least. Thread safety: re-entrant; the meshes
+/// and octree are only read and must not change during the call.
 KXGEOM_API bool meshDeviation(const CompactMesh& a, const CompactMesh& b, const Octree& bOctree,
-                              const OctreeTris& bTris, const MeshDeviationOptions& options,
-                              MeshDeviation& result, kxUtil::Progress& progress,
+                              const MeshDeviationOptions& options, MeshDeviation& result,
+                              kxUtil::Progress& progress,
                               kx::vector<double>* vertexDistances = nullptr);
 
 /// As above, building b's octree over its finite vertices (leaves of 16
-/// points) and its triangle lists first. Cost adds O(V_b log V_b + T_b log
-/// V_b) and their memory.
+/// points) first. Cost adds O(V_b log V_b) and the octree's memory.
 KXGEOM_API bool meshDeviation(const CompactMesh& a, const CompactMesh& b,
                               const MeshDeviationOptions& options, MeshDeviation& result,
                               kxUtil::Progress& progress,

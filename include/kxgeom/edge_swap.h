@@ -1,12 +1,14 @@
-// Edge swapping on a topological mesh: replacing the shared edge of two
-// triangles by the other diagonal of their quadrilateral, under a rule that
-// may veto each swap.
+// Edge swapping: replacing the shared edge of two triangles by the other
+// diagonal of their quadrilateral, under a rule that may veto each swap, on a
+// topological mesh; and the Delaunay-style improvement of a triangle mesh's
+// shape built on it.
 #pragma once
 
 #include <functional>
 
 #include <kxgeom/platform/containers.h>
 #include <kxgeom/platform/export.h>
+#include <kxgeom/platform/mesh.h>
 #include <kxgeom/platform/topomesh.h>
 
 namespace kxGeom {
@@ -63,5 +65,43 @@ class KXGEOM_API MeshEdgeSwapper {
 KXGEOM_API int meshSwapEdgesRepeatedly(
     MeshEdgeSwapper& swapper, kx::vector<TopoMeshHalfEdge>& edges, int maxPasses = 100,
     const std::function<void(const MeshEdgeSwapper::Swap&)>& onSwap = nullptr);
+
+/// Which edges `meshSwapEdges` may flip.
+struct MeshSwapEdgesOptions {
+  /// Largest angle, in degrees, between the normals of the two triangles
+  /// beside an edge, both before a flip (sharper creases keep their edge) and
+  /// after it (no flip folds the surface more). Triangles of zero area have
+  /// no normal and pass the first test.
+  double maxFoldDegrees = 10;
+  /// When true only edges whose two triangles are both set in the mesh's
+  /// triangle selection are flipped; the rest of the mesh is locked.
+  bool selectedOnly = false;
+  /// Passes over the edges, at most; each pass offers every edge once.
+  int maxPasses = 100;
+};
+
+/// Improves the shape of a mesh's triangles by Delaunay flips: an interior
+/// manifold edge (two consistently wound triangles (a, b, c) and (b, a, d)
+/// sharing it) is replaced by the diagonal c-d when the two angles opposite
+/// it sum to more than pi, the flip lowers that sum, both new triangles face
+/// the side the old pair faces, the fold limits of `options` hold, c-d is
+/// not already an edge and neither triangle repeats a corner. Passes repeat
+/// until one flips nothing (or `maxPasses`). On a planar triangulation the
+/// result is a Delaunay triangulation of the same points.
+/// [in,out] mesh     its triangles change in place: the two triangles of a
+///                   flip keep their slots (as (a, d, c) and (b, c, d)), so
+///                   the triangle count, the winding, per-triangle data and
+///                   the selection stay; stored triangle normals are
+///                   recomputed for the changed triangles. One notice of type
+///                   1 (no remap; triangle normals marked modified when the
+///                   mesh has them) when anything flipped, none otherwise.
+/// [in]     options  the limits above.
+/// Returns the number of flips (0 when none was made), or -1, with the mesh
+/// untouched, when a triangle corner lies outside [0, vertex count).
+/// Logs one line. Cost O(V + T log T) for the half-edge copy plus O(passes
+/// x E) for the passes, E the interior edges. Thread safety: needs
+/// exclusive access to the mesh.
+KXGEOM_API int meshSwapEdges(CompactMesh& mesh,
+                             const MeshSwapEdgesOptions& options = MeshSwapEdgesOptions());
 
 }  // namespace kxGeom

@@ -1,9 +1,9 @@
 // Measures of triangle meshes: surface area, enclosed volume, the mass
 // properties of the enclosed solid and discrete curvature at the vertices.
 //
-// Sums are taken in double precision over fixed blocks of 4096 triangles on
-// the shared pool and folded in block order, so every result is the same for
-// every thread count. Positions are read as they are: a corner with a NaN or
+// Area, volume and mass sums are taken in double precision over fixed blocks
+// of 4096 triangles on the shared pool and folded in block order, so every
+// result is the same for every thread count. Positions are read as they are: a corner with a NaN or
 // infinite coordinate makes every sum it enters NaN or infinite.
 //
 // None of these functions validates indices: every triangle corner must lie
@@ -91,5 +91,60 @@ struct MeshMassProperties {
 /// Logs one line. Cost O(V + T) time, on the shared pool, and the
 /// vertex-to-triangle table (3T + V ints) for the closedness test.
 KXGEOM_API bool meshMassProperties(const CompactMesh& mesh, MeshMassProperties& result);
+
+/// Discrete curvature at one vertex. Curvatures are in 1 / model units,
+/// Gaussian curvature in 1 / model units squared, and positive where the
+/// surface bends away from the side its normal points to (a sphere wound
+/// counter-clockwise seen from outside: mean curvature 1 / r).
+struct MeshVertexCurvature {
+  /// Mean curvature H. Interior vertices: (1 / 4A) times the dot product of
+  /// the normal with the sum over neighbours j of (cot alpha_ij + cot
+  /// beta_ij)(x_i - x_j), alpha and beta the angles opposite the edge ij.
+  double mean = 0;
+  /// Gaussian curvature K. Interior vertices: the angle defect
+  /// (2 pi - sum of the corner angles at the vertex) / A.
+  double gaussian = 0;
+  /// Principal curvatures, k1 >= k2. Interior vertices: H +- sqrt(H^2 - K),
+  /// the root taken as 0 where H^2 < K.
+  double k1 = 0, k2 = 0;
+  /// Unit tangent directions of k1 and k2 (direction2 = normal x
+  /// direction1), the eigenvectors of the fitted curvature tensor; at an
+  /// umbilic (a sphere) the tensor has no preferred direction and they are
+  /// an arbitrary tangent pair. Zero when the vertex has no estimate.
+  kxLinear::Vector direction1, direction2;
+  /// Unit normal: the corner-angle weighted mean of the normals of the
+  /// vertex's triangles.
+  kxLinear::Vector normal;
+  /// A: the mixed Voronoi area of the vertex (model units squared): the
+  /// Voronoi region within each non-obtuse triangle, half of an obtuse
+  /// triangle at an obtuse corner, a quarter at the others.
+  double area = 0;
+  /// True when an edge at the vertex is not shared by exactly two of its
+  /// triangles (a border, or a non-manifold fan). The angle defect and the
+  /// cotangent sum need the whole ring, so here k1 and k2 are the
+  /// eigenvalues of the fitted tensor, H their mean and K their product:
+  /// rough values, since the normal of a one-sided fan leans toward its
+  /// triangles. They are exact on a cylinder's rim but, where the surface
+  /// also bends across the border, biased at every resolution (on a
+  /// hemisphere's rim H comes out a quarter low and K half).
+  bool boundary = false;
+};
+
+/// Estimates the curvature at every vertex of `mesh`. The tensor that gives
+/// the principal directions is fitted per triangle to the change of the
+/// vertex normals along its edges (a 2 x 2 second fundamental form in the
+/// triangle's plane, by least squares), turned into each corner's tangent
+/// plane by the smallest rotation between the two normals, and averaged
+/// with the corner's mixed area as weight. Triangles that repeat a corner
+/// are left out; triangles too thin for a cotangent count only with their
+/// corner angle. A vertex without usable triangles keeps zeros everywhere
+/// (area 0).
+/// [in]  mesh  the surface; its own normals are not read.
+/// [out] out   resized to the vertex count and filled, or emptied on failure.
+/// Returns false (out empty) when the mesh has no triangles.
+/// Logs one line. Cost O(V + T) time, each triangle's tensor fitted once per
+/// corner, in two passes over the vertices on the shared pool (identical for
+/// every thread count), plus the vertex-to-triangle table (3T + V ints).
+KXGEOM_API bool meshCurvature(const CompactMesh& mesh, kx::vector<MeshVertexCurvature>& out);
 
 }  // namespace kxGeom

@@ -3,6 +3,9 @@
 #include <cmath>
 #include <unordered_map>
 
+#include <kxgeom/platform/os.h>
+#include <kxgeom/predicates.h>
+
 #include "mesh/corner_angles.h"
 
 namespace kxGeom {
@@ -16,6 +19,22 @@ bool isTriangle(const TopoMesh& mesh, TopoMeshHalfEdge h) {
 kxLinear::Vector normalOf(const kxLinear::Point& a, const kxLinear::Point& b,
                           const kxLinear::Point& c) {
   return kxLinear::cross(b - a, c - a);
+}
+
+// The corners around the edge of half-edge h: the triangles (a, b, c) and
+// (b, a, d) before a swap, (a, d, c) and (b, c, d) after it.
+struct Quad {
+  kxLinear::Point a, b, c, d;
+
+  // The two angles opposite the edge before and after the swap.
+  double beforeAngles() const { return corner::angleAt(a, c, b) + corner::angleAt(b, d, a); }
+  double afterAngles() const { return corner::angleAt(d, a, c) + corner::angleAt(c, b, d); }
+};
+
+Quad quadAround(const TopoMesh& mesh, TopoMeshHalfEdge h) {
+  const TopoMeshHalfEdge g = mesh.twin(h);
+  return {mesh.getPoint(mesh.origin(h)), mesh.getPoint(mesh.target(h)),
+          mesh.getPoint(mesh.origin(mesh.prev(h))), mesh.getPoint(mesh.origin(mesh.prev(g)))};
 }
 
 // Whether the faces around `from` hold an edge between `from` and `to`,
@@ -47,20 +66,98 @@ TopoMeshHalfEdge halfEdgeFrom(const TopoMesh& mesh, TopoMeshFace f, TopoMeshVert
   return h;
 }
 
+// Whether the angle between the normals u and v is at most the angle whose
+// cosine is `cosLimit`; a zero normal passes.
+bool withinFold(const kxLinear::Vector& u, const kxLinear::Vector& v, double cosLimit) {
+  const double lengths = std::sqrt(u.length2() * v.length2());
+  return !(lengths > 0) || kxLinear::dot(u, v) >= cosLimit * lengths;
+}
+
+// The rule of meshSwapEdges as a swapper's veto (true forbids the swap).
+// Faces are mapped to the mesh triangle whose slot they hold, for the lock.
+class FlipRule {
+ public:
+  FlipRule(const MeshSwapEdgesOptions& options, const BitVector& selection,
+           const kx::vector<int>& slotOf)
+      : cosLimit_(std::cos(options.maxFoldDegrees * 3.14159265358979323846 / 180)),
+        selectedOnly_(options.selectedOnly),
+        selection_(selection),
+        slotOf_(slotOf) {}
+
+  bool operator()(const TopoMesh& mesh, TopoMeshHalfEdge h) const {
+    if (locked(mesh, h) || repeatsCorner(mesh, h)) return true;
+    const Quad q = quadAround(mesh, h);
+    if (!(q.beforeAngles() > 3.14159265358979323846 + 1e-12)) return true;
+    if (MeshEdgeSwapper::minimizeOppositeAngleSum(mesh, h)) return true;
+    return !withinFold(normalOf(q.a, q.b, q.c), normalOf(q.b, q.a, q.d), cosLimit_) ||
+           !withinFold(normalOf(q.a, q.d, q.c), normalOf(q.b, q.c, q.d), cosLimit_);
+  }
+
+ private:
+  bool selected(TopoMeshFace f) const {
+    const int slot = slotOf_[std::size_t(f.index)];
+    return slot < selection_.size() && selection_.isBitSet(slot);
+  }
+  bool locked(const TopoMesh& mesh, TopoMeshHalfEdge h) const {
+    return selectedOnly_ && !(selected(mesh.face(h)) && selected(mesh.face(mesh.twin(h))));
+  }
+  static bool repeatsCorner(const TopoMesh& mesh, TopoMeshHalfEdge h) {
+    const TopoMeshVertex a = mesh.origin(h), b = mesh.target(h);
+    const TopoMeshVertex c = mesh.origin(mesh.prev(h)), d = mesh.origin(mesh.prev(mesh.twin(h)));
+    return a == b || c == a || c == b || d == a || d == b;
+  }
+
+  double cosLimit_;
+  bool selectedOnly_;
+  const BitVector& selection_;
+  const kx::vector<int>& slotOf_;
+};
+
+bool indicesValid(const CompactMesh& mesh) {
+  const unsigned n = unsigned(mesh.getNumVertices());
+  const int* corners = mesh.getTrianglesRaw();
+  for (std::size_t i = 0, end = 3 * std::size_t(mesh.getNumTriangles()); i < end; ++i) {
+    if (unsigned(corners[i]) >= n) return false;
+  }
+  return true;
+}
+
+kx::vector<TopoMeshHalfEdge> interiorEdges(const TopoMesh& mesh) {
+  kx::vector<TopoMeshHalfEdge> edges;
+  for (int h = 0; h < mesh.halfEdgeSlots(); ++h) {
+    const TopoMeshHalfEdge e(h);
+    if (mesh.isLive(e) && mesh.twin(e).isValid() && h < mesh.twin(e).index) edges.push_back(e);
+  }
+  return edges;
+}
+
+// Writes the faces added by swaps (those past the first `numTriangles`) to
+// the triangle slots they hold, with their normals when the mesh keeps them.
+void writeSwappedFaces(const TopoMesh& topo, const kx::vector<int>& slotOf, int numTriangles,
+                       CompactMesh& mesh) {
+  MeshNormal* normals = mesh.getTriangleNormals();
+  for (int f = numTriangles; f < topo.faceSlots(); ++f) {
+    if (!topo.isLive(TopoMeshFace(f))) continue;
+    const int slot = slotOf[std::size_t(f)];
+    MeshTriangle& tri = mesh.getTriangles()[slot];
+    TopoMeshHalfEdge h = topo.getHalfEdge(TopoMeshFace(f));
+    for (int k = 0; k < 3; ++k, h = topo.next(h)) tri[k] = topo.origin(h).index;
+    if (normals) {
+      const kxLinear::Vector n = meshTriNormal(mesh.getVerticesRaw(), tri.v).vector();
+      normals[slot].set(float(n.x), float(n.y), float(n.z));
+    }
+  }
+}
+
 }  // namespace
 
 bool MeshEdgeSwapper::minimizeOppositeAngleSum(const TopoMesh& mesh, TopoMeshHalfEdge h) {
-  const TopoMeshHalfEdge g = mesh.twin(h);
-  const kxLinear::Point& a = mesh.getPoint(mesh.origin(h));
-  const kxLinear::Point& b = mesh.getPoint(mesh.target(h));
-  const kxLinear::Point& c = mesh.getPoint(mesh.origin(mesh.prev(h)));
-  const kxLinear::Point& d = mesh.getPoint(mesh.origin(mesh.prev(g)));
-  const double before = corner::angleAt(a, c, b) + corner::angleAt(b, d, a);
-  const double after = corner::angleAt(d, a, c) + corner::angleAt(c, b, d);
-  if (!(after < before - 1e-12)) return true;
+  const Quad q = quadAround(mesh, h);
+  if (!(q.afterAngles() < q.beforeAngles() - 1e-12)) return true;
   // The new triangles must face the way the old ones did.
-  const kxLinear::Vector n = normalOf(a, b, c) + normalOf(b, a, d);
-  return !(kxLinear::dot(normalOf(a, d, c), n) > 0 && kxLinear::dot(normalOf(b, c, d), n) > 0);
+  const kxLinear::Vector n = normalOf(q.a, q.b, q.c) + normalOf(q.b, q.a, q.d);
+  return !(kxLinear::dot(normalOf(q.a, q.d, q.c), n) > 0 &&
+           kxLinear::dot(normalOf(q.b, q.c, q.d), n) > 0);
 }
 
 bool MeshEdgeSwapper::swap(TopoMeshHalfEdge h, Swap* done) {
@@ -128,6 +225,40 @@ int meshSwapEdgesRepeatedly(MeshEdgeSwapper& swapper, kx::vector<TopoMeshHalfEdg
     if (swapped == 0) break;
   }
   return total;
+}
+
+int meshSwapEdges(CompactMesh& mesh, const MeshSwapEdgesOptions& options) {
+  kxOS::StopWatch watch;
+  const int m = mesh.getNumTriangles();
+  if (!indicesValid(mesh)) {
+    debugChannel().print("meshSwapEdges: %d triangles, a corner out of range\n", m);
+    return -1;
+  }
+  TopoMesh topo;
+  topo.assign(mesh);
+  // Face f holds triangle slot slotOf[f]; a swap's new faces take over the
+  // slots of the faces they replace.
+  kx::vector<int> slotOf;
+  for (int t = 0; t < m; ++t) slotOf.push_back(t);
+  MeshEdgeSwapper swapper(topo);
+  swapper.setVeto(FlipRule(options, mesh.getSelectedTriangles(), slotOf));
+  kx::vector<TopoMeshHalfEdge> edges = interiorEdges(topo);
+  const int flips = meshSwapEdgesRepeatedly(
+      swapper, edges, options.maxPasses, [&](const MeshEdgeSwapper::Swap& s) {
+        slotOf.resize(std::size_t(topo.faceSlots()), -1);
+        for (int k = 0; k < 2; ++k) {
+          slotOf[std::size_t(s.added[k].index)] = slotOf[std::size_t(s.removed[k].index)];
+        }
+      });
+  if (flips > 0) {
+    writeSwappedFaces(topo, slotOf, m, mesh);
+    MeshModification mod(&mesh, MeshModification::TopologyChanged, nullptr);
+    if (mesh.getTriangleNormals()) mod.triangleNormalsModified();
+    mesh.modified(mod);
+  }
+  debugChannel().print("meshSwapEdges: %d triangles, %d interior edges, %d flips %f s\n", m,
+                       int(edges.size()), flips, watch.stop());
+  return flips;
 }
 
 }  // namespace kxGeom

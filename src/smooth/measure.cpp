@@ -8,6 +8,8 @@
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/threads.h>
 
+#include "mesh/corner_angles.h"
+
 namespace kxGeom {
 
 namespace {
@@ -141,6 +143,229 @@ void inertiaAboutCentroid(const Moments& m, const Vector& centroid, double inert
   }
 }
 
+// ---- curvature ----------------------------------------------------------------
+
+constexpr double kTwoPi = 6.283185307179586476925286766559;
+
+// A unit normal and two unit tangents completing a right-handed frame.
+struct Frame {
+  Vector n, u, w;
+};
+
+// A symmetric 2 x 2 form [e f; f g] in the tangents of some frame.
+struct Form {
+  double e = 0, f = 0, g = 0;
+};
+
+// The corners of a triangle of v's fan, rotated so that v comes first.
+struct FanCorners {
+  Point p, q, r;  // v, then the next two corners in winding order
+  int iq, ir;     // the vertex indices of q and r
+};
+
+FanCorners fanCorners(const CompactMesh& mesh, const MeshTriangle& tri, int v) {
+  const int k = tri[0] == v ? 0 : (tri[1] == v ? 1 : 2);
+  const MeshVertex* vertices = mesh.getVertices();
+  const int iq = tri[(k + 1) % 3], ir = tri[(k + 2) % 3];
+  return {vertices[v].asPoint(), vertices[iq].asPoint(), vertices[ir].asPoint(), iq, ir};
+}
+
+bool repeatsCorner(const MeshTriangle& t) { return t[0] == t[1] || t[1] == t[2] || t[2] == t[0]; }
+
+// x turned by the smallest rotation that takes unit a to unit b (Rodrigues'
+// formula with v = a x b, whose length is the sine); a and b not opposite.
+Vector rotateBetween(const Vector& x, const Vector& a, const Vector& b) {
+  const Vector v = kxLinear::cross(a, b);
+  const double c = kxLinear::dot(a, b);
+  return x * c + kxLinear::cross(v, x) + v * (kxLinear::dot(v, x) / (1 + c));
+}
+
+// The tangent frame at a point with unit normal n, its first tangent along
+// the projection of `toward` (false when that projection vanishes).
+bool tangentFrame(const Vector& n, const Vector& toward, Frame& frame) {
+  const Vector u = toward - n * kxLinear::dot(n, toward);
+  if (!(u.length2() > 0)) return false;
+  frame.n = n;
+  frame.u = kxLinear::normalized(u);
+  frame.w = kxLinear::cross(n, frame.u);
+  return true;
+}
+
+// Least-squares fit of the second fundamental form of triangle (p0, p1, p2)
+// in its own frame: along each edge e, from corner i to corner j, the form
+// maps e to the change n_j - n_i of the vertex normals. Writes the
+// triangle's frame and the form; false for a degenerate triangle.
+bool fitTriangleForm(const Point p[3], const Vector n[3], Frame& frame, Form& form) {
+  const Vector normal = kxLinear::cross(p[1] - p[0], p[2] - p[0]);
+  if (!(normal.length2() > 0) || !tangentFrame(kxLinear::normalized(normal), p[1] - p[0], frame)) {
+    return false;
+  }
+  // Normal equations of: e eu + f ew = du, f eu + g ew = dw over the edges.
+  double m00 = 0, m01 = 0, m11 = 0, m12 = 0, m22 = 0, r0 = 0, r1 = 0, r2 = 0;
+  for (int i = 0; i < 3; ++i) {
+    const int j = (i + 1) % 3;
+    const Vector edge = p[j] - p[i], change = n[j] - n[i];
+    const double eu = kxLinear::dot(edge, frame.u), ew = kxLinear::dot(edge, frame.w);
+    const double du = kxLinear::dot(change, frame.u), dw = kxLinear::dot(change, frame.w);
+    m00 += eu * eu;
+    m01 += eu * ew;
+    m11 += eu * eu + ew * ew;
+    m12 += eu * ew;
+    m22 += ew * ew;
+    r0 += eu * du;
+    r1 += ew * du + eu * dw;
+    r2 += ew * dw;
+  }
+  // Cramer's rule on [[m00, m01, 0], [m01, m11, m12], [0, m12, m22]].
+  const double det = m00 * (m11 * m22 - m12 * m12) - m01 * m01 * m22;
+  if (!(std::fabs(det) > 0)) return false;
+  form.e = (r0 * (m11 * m22 - m12 * m12) - m01 * (r1 * m22 - m12 * r2)) / det;
+  form.f = (m00 * (r1 * m22 - m12 * r2) - r0 * m01 * m22) / det;
+  form.g = (m00 * (m11 * r2 - r1 * m12) - m01 * m01 * r2 + r0 * m01 * m12) / det;
+  return true;
+}
+
+// `form`, given in the frame `from`, expressed in the frame `to` after
+// turning `to` so that its normal matches from's; false when the normals
+// are opposite.
+bool reexpress(const Form& form, const Frame& from, const Frame& to, Form& out) {
+  if (!(kxLinear::dot(from.n, to.n) > -1 + 1e-12)) return false;
+  const Vector u = rotateBetween(to.u, to.n, from.n), w = rotateBetween(to.w, to.n, from.n);
+  const double uu = kxLinear::dot(u, from.u), uw = kxLinear::dot(u, from.w);
+  const double wu = kxLinear::dot(w, from.u), ww = kxLinear::dot(w, from.w);
+  out.e = form.e * uu * uu + 2 * form.f * uu * uw + form.g * uw * uw;
+  out.f = form.e * uu * wu + form.f * (uu * ww + uw * wu) + form.g * uw * ww;
+  out.g = form.e * wu * wu + 2 * form.f * wu * ww + form.g * ww * ww;
+  return true;
+}
+
+// The mixed Voronoi area of corner p of triangle (p, q, r), given the
+// cotangents at q and r.
+double mixedArea(const FanCorners& c, double cotQ, double cotR) {
+  const Vector pq = c.q - c.p, pr = c.r - c.p;
+  const double area = 0.5 * kxLinear::cross(pq, pr).length();
+  if (kxLinear::dot(pq, pr) < 0) return area / 2;
+  if (cotQ < 0 || cotR < 0) return area / 4;
+  return (pr.length2() * cotQ + pq.length2() * cotR) / 8;
+}
+
+// The corner-angle weighted unit normal of vertex v.
+Vector angleWeightedNormal(const CompactMesh& mesh, const MeshAdjTris& adjacency, int v) {
+  Vector sum;
+  const int* around = adjacency.triIndices(v);
+  for (int i = 0, n = adjacency.numTris(v); i < n; ++i) {
+    const MeshTriangle& tri = mesh.getTriangles()[around[i]];
+    if (repeatsCorner(tri)) continue;
+    const FanCorners c = fanCorners(mesh, tri, v);
+    const Vector normal = kxLinear::cross(c.q - c.p, c.r - c.p);
+    if (normal.length2() > 0) {
+      sum += kxLinear::normalized(normal) * corner::angleAt(c.q, c.p, c.r);
+    }
+  }
+  return kxLinear::normalized(sum);
+}
+
+// Whether an edge at v is not shared by exactly two of v's triangles: every
+// neighbour must be named by exactly two of them. `ring` is scratch.
+bool onBoundary(const CompactMesh& mesh, const MeshAdjTris& adjacency, int v,
+                kx::vector<int>& ring) {
+  ring.clear();
+  const int* around = adjacency.triIndices(v);
+  for (int i = 0, n = adjacency.numTris(v); i < n; ++i) {
+    const MeshTriangle& tri = mesh.getTriangles()[around[i]];
+    for (int k = 0; k < 3; ++k) {
+      if (tri[k] != v) ring.push_back(tri[k]);
+    }
+  }
+  std::sort(ring.begin(), ring.end());
+  for (std::size_t i = 0; i < ring.size(); i += 2) {
+    const bool pair = i + 1 < ring.size() && ring[i] == ring[i + 1];
+    if (!pair || (i + 2 < ring.size() && ring[i + 2] == ring[i])) return true;
+  }
+  return false;
+}
+
+// Sums over the fan of one vertex.
+struct FanSums {
+  double area = 0, angles = 0, formWeight = 0;
+  Vector laplacian;  // sum of (cot alpha + cot beta)(x_i - x_j)
+  Form form;         // area-weighted, in the vertex frame
+};
+
+// Adds triangle `tri` of v's fan to the sums.
+void addFanTriangle(const CompactMesh& mesh, const kx::vector<MeshVertexCurvature>& vertices,
+                    const Frame& frame, const MeshTriangle& tri, int v, FanSums& sums) {
+  const FanCorners c = fanCorners(mesh, tri, v);
+  sums.angles += corner::angleAt(c.q, c.p, c.r);
+  double cotQ, cotR;
+  if (!corner::cotangentAt(c.p, c.q, c.r, cotQ) || !corner::cotangentAt(c.p, c.r, c.q, cotR)) {
+    return;
+  }
+  const double area = mixedArea(c, cotQ, cotR);
+  sums.area += area;
+  sums.laplacian += (c.p - c.q) * cotR + (c.p - c.r) * cotQ;
+  const Point p[3] = {c.p, c.q, c.r};
+  const Vector n[3] = {frame.n, vertices[std::size_t(c.iq)].normal,
+                       vertices[std::size_t(c.ir)].normal};
+  Frame face;
+  Form form, local;
+  if (!fitTriangleForm(p, n, face, form) || !reexpress(form, face, frame, local)) return;
+  sums.form.e += area * local.e;
+  sums.form.f += area * local.f;
+  sums.form.g += area * local.g;
+  sums.formWeight += area;
+}
+
+// Principal curvatures and directions of the averaged form: the larger
+// eigenvalue's eigenvector lies at half the angle atan2(2f, e - g).
+void principal(const Form& form, const Frame& frame, MeshVertexCurvature& out) {
+  const double theta = 0.5 * std::atan2(2 * form.f, form.e - form.g);
+  const double c = std::cos(theta), s = std::sin(theta);
+  out.direction1 = frame.u * c + frame.w * s;
+  out.direction2 = kxLinear::cross(frame.n, out.direction1);
+  out.k1 = form.e * c * c + 2 * form.f * c * s + form.g * s * s;
+  out.k2 = form.e + form.g - out.k1;
+}
+
+// Curvature of vertex v from its fan; the normals of all vertices are set.
+void vertexCurvature(const CompactMesh& mesh, const MeshAdjTris& adjacency,
+                     kx::vector<MeshVertexCurvature>& vertices, int v, kx::vector<int>& ring) {
+  MeshVertexCurvature& out = vertices[std::size_t(v)];
+  if (!(out.normal.length2() > 0)) return;
+  const int* around = adjacency.triIndices(v);
+  const int count = adjacency.numTris(v);
+  Frame frame;
+  const Point centre = mesh.getVertices()[v].asPoint();
+  for (int i = 0; i < count && !(frame.u.length2() > 0); ++i) {
+    const MeshTriangle& tri = mesh.getTriangles()[around[i]];
+    if (!repeatsCorner(tri)) tangentFrame(out.normal, fanCorners(mesh, tri, v).q - centre, frame);
+  }
+  if (!(frame.u.length2() > 0)) return;
+  FanSums sums;
+  for (int i = 0; i < count; ++i) {
+    const MeshTriangle& tri = mesh.getTriangles()[around[i]];
+    if (!repeatsCorner(tri)) addFanTriangle(mesh, vertices, frame, tri, v, sums);
+  }
+  if (!(sums.area > 0)) return;
+  out.area = sums.area;
+  out.boundary = onBoundary(mesh, adjacency, v, ring);
+  if (sums.formWeight > 0) {
+    const Form mean = {sums.form.e / sums.formWeight, sums.form.f / sums.formWeight,
+                       sums.form.g / sums.formWeight};
+    principal(mean, frame, out);
+  }
+  if (out.boundary) {
+    out.mean = 0.5 * (out.k1 + out.k2);
+    out.gaussian = out.k1 * out.k2;
+    return;
+  }
+  out.mean = kxLinear::dot(sums.laplacian, out.normal) / (4 * sums.area);
+  out.gaussian = (kTwoPi - sums.angles) / sums.area;
+  const double root = std::sqrt(std::max(0.0, out.mean * out.mean - out.gaussian));
+  out.k1 = out.mean + root;
+  out.k2 = out.mean - root;
+}
+
 }  // namespace
 
 double meshArea(const CompactMesh& mesh) {
@@ -193,6 +418,31 @@ bool meshMassProperties(const CompactMesh& mesh, MeshMassProperties& result) {
   debugChannel().print("meshMassProperties: %d triangles, volume %g, %d unmatched edges %f s\n",
                        mesh.getNumTriangles(), m.volume, m.unmatched, watch.stop());
   return solid;
+}
+
+bool meshCurvature(const CompactMesh& mesh, kx::vector<MeshVertexCurvature>& out) {
+  kxOS::StopWatch watch;
+  out.clear();
+  if (mesh.getNumTriangles() == 0) return false;
+  MeshAdjTris adjacency;
+  meshAdjTris(mesh, adjacency);
+  const int n = mesh.getNumVertices();
+  out.assign(std::size_t(n), MeshVertexCurvature());
+  kxUtil::ThreadPool& pool = kxUtil::ThreadPool::get();
+  // Every vertex's fit reads its neighbours' normals: all of them first.
+  kxUtil::forEachRange(pool, n, [&](int, int begin, int end) {
+    for (int v = begin; v < end; ++v)
+      out[std::size_t(v)].normal = angleWeightedNormal(mesh, adjacency, v);
+  });
+  kxUtil::forEachRange(pool, n, [&](int, int begin, int end) {
+    kx::vector<int> ring;
+    for (int v = begin; v < end; ++v) vertexCurvature(mesh, adjacency, out, v, ring);
+  });
+  int boundary = 0;
+  for (const MeshVertexCurvature& c : out) boundary += c.boundary;
+  debugChannel().print("meshCurvature: %d vertices %d triangles, %d on a boundary %f s\n", n,
+                       mesh.getNumTriangles(), boundary, watch.stop());
+  return true;
 }
 
 }  // namespace kxGeom

@@ -4,13 +4,13 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
-#include <memory>
 #include <vector>
 
 #include <kxgeom/closest_point.h>
 #include <kxgeom/mesh_cache.h>
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/threads.h>
+#include <kxgeom/predicates.h>
 
 namespace kxGeom {
 
@@ -90,14 +90,207 @@ void forEachSample(const Point c[3], int n, Visit&& visit) {
   }
 }
 
+// Squared distance from p to a box of six floats (minimum, then maximum), in
+// double precision, so that pruning by it is as exact as the triangle
+// distances it is compared with.
+double boxDistance2(const float* box, const Point& p) {
+  double d2 = 0;
+  for (int k = 0; k < 3; ++k) {
+    const double gap = std::max(double(box[k]) - p[k], p[k] - double(box[k + 3]));
+    if (gap > 0) d2 += gap * gap;
+  }
+  return d2;
+}
+
+// True when a lower bound shows that nothing nearer than `best2` lies behind
+// it. The margin, far above rounding, keeps every triangle whose computed
+// distance could still win, so the answer is the least computed distance
+// whatever the order of the walk.
+bool beyond(double bound2, double best2) { return bound2 > best2 * (1 + 1e-12); }
+
+bool isFinite(const BoundingBox& box) {
+  for (int k = 0; k < 6; ++k) {
+    if (!std::isfinite(box[k])) return false;
+  }
+  return true;
+}
+
+// b's triangles grouped by the octree leaf that holds their first corner,
+// with the box of every triangle and of every octree node over the triangles
+// grouped below it: a bounding-volume hierarchy on the octree's cells. It
+// needs no exact box-triangle tests (as per-leaf triangle lists do), only
+// O(V + T) work; each triangle is met in one leaf, and the node boxes bound
+// what lies below them, so a search pruned by them stays exact. Triangles
+// with a non-finite corner are left out.
+class TriangleGroups {
+ public:
+  TriangleGroups(const CompactMesh& b, const Octree& octree)
+      : nodes_(octree.getRoot().getNode()),
+        nodeBoxes_(std::size_t(octree.getNumNodes())),
+        starts_(std::size_t(octree.numLeaves) + 1, 0) {
+    const kx::vector<int> leafOf = leafOfVertex(octree, b.getNumVertices());
+    group(b, leafOf);
+    boundNodes();
+  }
+
+  const OctreeNode& node(int i) const { return nodes_[i]; }
+  const BoundingBox& nodeBox(int i) const { return nodeBoxes_[std::size_t(i)]; }
+  bool empty() const { return nodeBoxes_.empty() || !isFinite(nodeBoxes_[0]); }
+  // Entries [begin(voxel), begin(voxel + 1)) are the triangles of a leaf.
+  int begin(int voxel) const { return starts_[std::size_t(voxel)]; }
+  int triangle(int entry) const { return triangles_[std::size_t(entry)]; }
+  const BoundingBox& box(int entry) const { return boxes_[std::size_t(entry)]; }
+
+ private:
+  static kx::vector<int> leafOfVertex(const Octree& octree, int numVertices) {
+    kx::vector<int> leafOf(std::size_t(numVertices), -1);
+    const OctreeNode* nodes = octree.getRoot().getNode();
+    const int* points = octree.getPointIndices();
+    for (int i = 0; i < octree.getNumNodes(); ++i) {
+      if (!nodes[i].leaf) continue;
+      for (int k = nodes[i].first; k < nodes[i].end; ++k)
+        leafOf[std::size_t(points[k])] = nodes[i].voxel;
+    }
+    return leafOf;
+  }
+
+  // Counting sort of the finite triangles by leaf, ascending within a leaf.
+  void group(const CompactMesh& b, const kx::vector<int>& leafOf) {
+    const std::size_t m = std::size_t(b.getNumTriangles());
+    const float* vertices = b.getVerticesRaw();
+    const int* corners = b.getTrianglesRaw();
+    kx::vector<BoundingBox> boxes(m);
+    kx::vector<int> leaf(m);
+    for (std::size_t t = 0; t < m; ++t) {
+      const int* tri = corners + 3 * t;
+      meshTriBoundingBox(vertices + 3 * std::size_t(tri[0]), vertices + 3 * std::size_t(tri[1]),
+                         vertices + 3 * std::size_t(tri[2]), boxes[t]);
+      leaf[t] = isFinite(boxes[t]) ? leafOf[std::size_t(tri[0])] : -1;
+      if (leaf[t] >= 0) ++starts_[std::size_t(leaf[t]) + 1];
+    }
+    for (std::size_t v = 1; v < starts_.size(); ++v) starts_[v] += starts_[v - 1];
+    triangles_.resize(std::size_t(starts_.back()));
+    boxes_.resize(triangles_.size());
+    kx::vector<int> next(starts_.begin(), starts_.end() - 1);
+    for (std::size_t t = 0; t < m; ++t) {
+      if (leaf[t] < 0) continue;
+      const std::size_t entry = std::size_t(next[std::size_t(leaf[t])]++);
+      triangles_[entry] = int(t);
+      boxes_[entry] = boxes[t];
+    }
+  }
+
+  // Children follow their parent in the node array, so one backward sweep
+  // bounds every node after its children. A node without triangles gets an
+  // infinitely far box, so the search drops it without a test of its own.
+  void boundNodes() {
+    for (int i = int(nodeBoxes_.size()) - 1; i >= 0; --i) {
+      BoundingBox& box = nodeBoxes_[std::size_t(i)];
+      box.setInvalid();
+      const OctreeNode& n = nodes_[i];
+      if (n.leaf) {
+        for (int e = begin(n.voxel); e < begin(n.voxel + 1); ++e)
+          box.extend(boxes_[std::size_t(e)]);
+      } else {
+        for (int k = 0; k < 8; ++k) box.extend(nodeBoxes_[std::size_t(i + n.children + k)]);
+      }
+    }
+    const float far = std::numeric_limits<float>::infinity();
+    for (BoundingBox& box : nodeBoxes_) {
+      if (!box.isValid()) box = BoundingBox(far, far, far, far, far, far);
+    }
+  }
+
+  const OctreeNode* nodes_;
+  kx::vector<BoundingBox> nodeBoxes_;
+  kx::vector<int> starts_;
+  kx::vector<int> triangles_;
+  kx::vector<BoundingBox> boxes_;
+};
+
+// Nearest triangle of b to a run of points that lie close to one another, as
+// a's vertices and samples do in measuring order. The node boxes are walked
+// depth first, nearer ones first, pruned by the best distance so far; the
+// walk starts from the distance to the previous point's nearest triangle,
+// which for nearby points is already close to the answer, so only the nodes
+// around the point are opened.
+class NearestTriangle {
+ public:
+  NearestTriangle(const CompactMesh& b, const TriangleGroups& groups) : b_(b), groups_(groups) {}
+
+  // Distance from p (finite) to b; noAnswer() when b offers no triangle.
+  double distance(const Point& p) {
+    double best2 = std::numeric_limits<double>::infinity();
+    if (previous_ >= 0) best2 = triangleDistance2(previous_, p);
+    if (!groups_.empty()) stack_.push_back({boxDistance2(groups_.nodeBox(0).data(), p), 0});
+    while (!stack_.empty()) {
+      const Cell cell = stack_.back();
+      stack_.pop_back();
+      if (beyond(cell.distance2, best2)) continue;
+      const OctreeNode& node = groups_.node(cell.node);
+      if (node.leaf) {
+        scanLeaf(node.voxel, p, best2);
+      } else {
+        pushChildren(cell.node + node.children, p, best2);
+      }
+    }
+    return best2 < std::numeric_limits<double>::infinity() ? std::sqrt(best2) : noAnswer();
+  }
+
+ private:
+  struct Cell {
+    double distance2;
+    int node;
+  };
+
+  // Pushes the eight children from `first` that may hold something nearer,
+  // the nearest last so that it is opened first.
+  void pushChildren(int first, const Point& p, double best2) {
+    double d2[8];
+    for (int k = 0; k < 8; ++k) d2[k] = boxDistance2(groups_.nodeBox(first + k).data(), p);
+    const std::size_t bottom = stack_.size();
+    for (int k = 0; k < 8; ++k) {
+      if (beyond(d2[k], best2)) continue;
+      stack_.push_back({d2[k], first + k});
+      for (std::size_t i = stack_.size() - 1; i > bottom && stack_[i - 1].distance2 < d2[k]; --i) {
+        std::swap(stack_[i], stack_[i - 1]);
+      }
+    }
+  }
+
+  void scanLeaf(int voxel, const Point& p, double& best2) {
+    for (int e = groups_.begin(voxel), end = groups_.begin(voxel + 1); e < end; ++e) {
+      if (beyond(boxDistance2(groups_.box(e).data(), p), best2)) continue;
+      const int t = groups_.triangle(e);
+      const double d2 = triangleDistance2(t, p);
+      if (d2 < best2) {
+        best2 = d2;
+        previous_ = t;
+      }
+    }
+  }
+
+  double triangleDistance2(int t, const Point& p) const {
+    const MeshCoord coord = meshTriClosestPt(b_.getVerticesRaw(), b_.getTrianglesRaw(), t, p);
+    if (!coord.isValid()) return std::numeric_limits<double>::infinity();
+    return (coord.evaluate(b_.getVertices(), b_.getTriangles()) - p).length2();
+  }
+
+  const CompactMesh& b_;
+  const TriangleGroups& groups_;
+  kx::vector<Cell> stack_;
+  int previous_ = -1;
+};
+
 // One measurement of a against b: the per-thread searches, the staged vertex
 // distances and the running totals.
 class Measurement {
  public:
-  Measurement(const CompactMesh& a, const CompactMesh& b, const Octree& octree,
-              const OctreeTris& tris, double spacing, bool keepDistances)
-      : a_(a), b_(b), octree_(octree), tris_(tris), spacing_(spacing) {
-    finders_.resize(std::size_t(kxUtil::ThreadPool::get().numThreads()));
+  Measurement(const CompactMesh& a, const CompactMesh& b, const Octree& octree, double spacing,
+              bool keepDistances)
+      : a_(a), spacing_(spacing), groups_(b, octree) {
+    const int threads = kxUtil::ThreadPool::get().numThreads();
+    for (int t = 0; t < threads; ++t) searches_.emplace_back(b, groups_);
     if (keepDistances) distances_.assign(std::size_t(a.getNumVertices()), 0.0);
   }
 
@@ -106,43 +299,34 @@ class Measurement {
   Tally& total() { return total_; }
 
   void measureVertices(int thread, int begin, int end, Tally& tally) {
-    MeshClosestPoint& finder = finderOf(thread);
+    NearestTriangle& search = searches_[std::size_t(thread)];
     const MeshVertex* vertices = a_.getVertices();
     for (int v = begin; v < end; ++v) {
       const Point p = vertices[v].asPoint();
-      const double d = isFinite(p) ? finder.compute(p, nullptr) : kNaN;
+      const double d = isFinite(p) ? search.distance(p) : kNaN;
       if (!distances_.empty()) distances_[std::size_t(v)] = d < noAnswer() ? d : kNaN;
       if (isFinite(p)) tally.add(d, p);
     }
   }
 
   void measureSamples(int thread, int begin, int end, Tally& tally) {
-    MeshClosestPoint& finder = finderOf(thread);
+    NearestTriangle& search = searches_[std::size_t(thread)];
     for (int t = begin; t < end; ++t) {
       Point c[3];
       for (int k = 0; k < 3; ++k) c[k] = a_.getVertices()[a_.getTriangles()[t][k]].asPoint();
       if (!isFinite(c[0]) || !isFinite(c[1]) || !isFinite(c[2])) continue;
       forEachSample(c, splitsOf(c, spacing_),
-                    [&](const Point& p) { tally.add(finder.compute(p, nullptr), p); });
+                    [&](const Point& p) { tally.add(search.distance(p), p); });
     }
   }
 
  private:
   static constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-  // Each pool thread builds its search on first use; none is shared.
-  MeshClosestPoint& finderOf(int thread) {
-    std::unique_ptr<MeshClosestPoint>& finder = finders_[std::size_t(thread)];
-    if (!finder) finder.reset(new MeshClosestPoint(b_, octree_, tris_));
-    return *finder;
-  }
-
   const CompactMesh& a_;
-  const CompactMesh& b_;
-  const Octree& octree_;
-  const OctreeTris& tris_;
   double spacing_;
-  std::vector<std::unique_ptr<MeshClosestPoint>> finders_;
+  TriangleGroups groups_;
+  std::vector<NearestTriangle> searches_;
   kx::vector<double> distances_;
   Tally total_;
 };
@@ -194,12 +378,11 @@ bool runSlices(Measurement& measurement, bool samples, int count, int& done, int
 }  // namespace
 
 bool meshDeviation(const CompactMesh& a, const CompactMesh& b, const Octree& bOctree,
-                   const OctreeTris& bTris, const MeshDeviationOptions& options,
-                   MeshDeviation& result, kxUtil::Progress& progress,
-                   kx::vector<double>* vertexDistances) {
+                   const MeshDeviationOptions& options, MeshDeviation& result,
+                   kxUtil::Progress& progress, kx::vector<double>* vertexDistances) {
   kxOS::StopWatch watch;
-  if (b.getNumTriangles() == 0) return false;
-  Measurement measurement(a, b, bOctree, bTris, options.sampleSpacing, vertexDistances != nullptr);
+  if (b.getNumTriangles() == 0 || bOctree.getNumPoints() != b.getNumVertices()) return false;
+  Measurement measurement(a, b, bOctree, options.sampleSpacing, vertexDistances != nullptr);
   const int numVertices = a.getNumVertices();
   const int numTriangles = measurement.sampling() ? a.getNumTriangles() : 0;
   int done = 0;
@@ -227,8 +410,7 @@ bool meshDeviation(const CompactMesh& a, const CompactMesh& b, const MeshDeviati
                    MeshDeviation& result, kxUtil::Progress& progress,
                    kx::vector<double>* vertexDistances) {
   SimpleMeshCache cache(b);
-  return meshDeviation(a, b, cache.getOctree(), cache.getOctreeTris(), options, result, progress,
-                       vertexDistances);
+  return meshDeviation(a, b, cache.getOctree(), options, result, progress, vertexDistances);
 }
 
 bool meshSymmetricDeviation(const CompactMesh& a, const CompactMesh& b,

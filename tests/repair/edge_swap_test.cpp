@@ -1,12 +1,18 @@
 // Edge swapping on a topological mesh: after relaxing a jittered grid with
 // random diagonals every interior edge meets the empty-circle angle test,
-// the twins stay consistent, and vetoes and boundaries stop swaps.
+// the twins stay consistent, and vetoes and boundaries stop swaps. The same
+// for meshSwapEdges on a triangle mesh, which also keeps winding, manifold
+// edges and slots, and respects folds, locks and bad indices.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 #include <random>
 
 #include <kxgeom/edge_swap.h>
+#include <kxgeom/measure.h>
+
+#include "support/test_meshes.h"
 
 namespace {
 
@@ -93,6 +99,93 @@ TEST(EdgeSwap, VetoesBoundariesAndExistingDiagonalsStopSwaps) {
   const bool restored = (mesh.origin(second.edge) == a && mesh.target(second.edge) == b) ||
                         (mesh.origin(second.edge) == b && mesh.target(second.edge) == a);
   EXPECT_TRUE(restored);
+}
+
+CompactMesh kite(float lift) {
+  const MeshVertex v[4] = {{-1, 0, 0}, {1, 0, 0}, {0, 0.3f, lift}, {0, -0.3f, lift}};
+  const int t[6] = {0, 1, 2, 1, 0, 3};
+  CompactMesh m(4, v, nullptr, nullptr, nullptr);
+  m.copyTriangles(2, t);
+  return m;
+}
+
+TEST(MeshSwapEdges, KiteTakesTheShortDiagonalUnlessFoldedLockedOrInvalid) {
+  CompactMesh flat = kite(0);
+  flat.allocTriangleNormalArray()[0] = {0, 0, -1};
+  const int notices = flat.getModificationCount();
+  EXPECT_EQ(meshSwapEdges(flat), 1);
+  EXPECT_EQ(flat.getModificationCount(), notices + 1);
+  const int after[6] = {0, 3, 2, 1, 2, 3};
+  for (int k = 0; k < 6; ++k) EXPECT_EQ(flat.getTrianglesRaw()[k], after[k]);
+  EXPECT_EQ(flat.getTriangleNormals()[0].z, 1.0f);
+  EXPECT_EQ(meshSwapEdges(flat), 0);  // already Delaunay
+  CompactMesh folded = kite(0.5f);
+  EXPECT_EQ(meshSwapEdges(folded), 0);
+  EXPECT_EQ(meshSwapEdges(folded, {120, false, 100}), 1);  // a 118 degree crease
+  CompactMesh locked = kite(0);
+  locked.getSelectedTriangles().resize(2);
+  locked.getSelectedTriangles().setBit(0);
+  EXPECT_EQ(meshSwapEdges(locked, {10, true, 100}), 0);
+  EXPECT_EQ(locked.getModificationCount(), 0);
+  locked.getTriangles()[1][2] = 4;
+  EXPECT_EQ(meshSwapEdges(locked), -1);
+}
+
+// Every directed edge once, and per undirected interior edge the sum of the
+// angles opposite it.
+std::map<std::pair<int, int>, double> oppositeAngleSums(const CompactMesh& m) {
+  std::map<std::pair<int, int>, double> sums;
+  std::map<std::pair<int, int>, int> directed;
+  for (int t = 0; t < m.getNumTriangles(); ++t) {
+    for (int k = 0; k < 3; ++k) {
+      const int a = m.getTriangles()[t][k], b = m.getTriangles()[t][(k + 1) % 3];
+      const int c = m.getTriangles()[t][(k + 2) % 3];
+      EXPECT_EQ(++directed[std::make_pair(a, b)], 1);
+      const auto p = [&](int v) { return m.getVertices()[v].asPoint(); };
+      sums[{std::min(a, b), std::max(a, b)}] += angleAt(p(a), p(c), p(b));
+    }
+  }
+  return sums;
+}
+
+TEST(MeshSwapEdges, RandomPlanarTriangulationBecomesDelaunay) {
+  CompactMesh grid = kxtest::makeGrid(14, 14);
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<float> jitter(-0.3f, 0.3f);
+  for (int v = 0; v < grid.getNumVertices(); ++v) {
+    grid.getVertices()[v].x += jitter(rng);
+    grid.getVertices()[v].y += 0.5f * jitter(rng);
+  }
+  for (int t = 0; t < grid.getNumTriangles(); t += 2) {
+    // Quad (a, b, d, c) split along a-d or, at random, b-c.
+    MeshTriangle* q = grid.getTriangles() + t;
+    const int a = q[0][0], b = q[0][1], d = q[0][2], c = q[1][2];
+    if (rng() % 2) q[0] = {{a, b, c}}, q[1] = {{b, d, c}};
+  }
+  const std::size_t edges = oppositeAngleSums(grid).size();
+  EXPECT_GT(meshSwapEdges(grid), 20);
+  const auto sums = oppositeAngleSums(grid);
+  EXPECT_EQ(sums.size(), edges);
+  for (const auto& edge : sums) EXPECT_LE(edge.second, 3.14159265358979 + 1e-9);
+  for (int t = 0; t < grid.getNumTriangles(); ++t) {
+    const auto p = [&](int k) { return grid.getVertices()[grid.getTriangles()[t][k]].asPoint(); };
+    EXPECT_GT(kxLinear::cross(p(1) - p(0), p(2) - p(0)).z, 0);
+  }
+}
+
+TEST(MeshSwapEdges, RoughSphereStaysClosedAndOriented) {
+  CompactMesh sphere = kxtest::makeOctaSphere(3);
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<float> jitter(-0.04f, 0.04f);
+  for (int v = 0; v < sphere.getNumVertices(); ++v) {
+    MeshVertex& p = sphere.getVertices()[v];
+    p.set(p.x + jitter(rng), p.y + jitter(rng), p.z + jitter(rng));
+  }
+  EXPECT_GT(meshSwapEdges(sphere, {30, false, 100}), 10);
+  MeshMassProperties r;
+  ASSERT_TRUE(meshMassProperties(sphere, r));
+  EXPECT_TRUE(r.closed);
+  EXPECT_NEAR(r.volume, 4.18879, 0.2);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // Area, volume and mass properties against closed forms (a box, refined
 // spheres) and a Monte Carlo integration of a rough closed mesh; closedness
-// of open and misoriented meshes; identical sums for every thread count.
+// of open and misoriented meshes. Curvature of spheres, a cylinder and a
+// saddle against their analytic values as the meshes refine. Identical
+// results for every thread count.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -199,6 +201,126 @@ TEST(MeshArea, SelectionsListsAndThreadCountsAgree) {
     EXPECT_EQ(r.centroid, first.centroid);
     EXPECT_EQ(r.inertia[0][1], first.inertia[0][1]);
   });
+}
+
+using kxGeom::MeshVertexCurvature;
+
+kx::vector<MeshVertexCurvature> curvature(const CompactMesh& mesh) {
+  kx::vector<MeshVertexCurvature> c;
+  EXPECT_TRUE(kxGeom::meshCurvature(mesh, c));
+  return c;
+}
+
+TEST(MeshCurvature, SpheresConvergeToOneOverRadius) {
+  const double r = 2;
+  double lastH = 1e9, lastK = 1e9;
+  for (int levels = 2; levels <= 5; ++levels) {
+    const CompactMesh sphere = kxtest::makeOctaSphere(levels, r);
+    double errorH = 0, errorK = 0, area = 0;
+    for (const MeshVertexCurvature& c : curvature(sphere)) {
+      ASSERT_FALSE(c.boundary);
+      errorH = std::max(errorH, std::fabs(c.mean * r - 1));
+      errorK = std::max(errorK, std::fabs(c.gaussian * r * r - 1));
+      EXPECT_NEAR(c.k1, c.k2, 1e-12);
+      EXPECT_NEAR(std::fabs(kxLinear::dot(c.direction1, c.normal)), 0, 1e-12);
+      area += c.area;
+    }
+    // The mixed areas tile the surface.
+    EXPECT_NEAR(area, kxGeom::meshArea(sphere), 1e-9 * area);
+    EXPECT_LT(errorH, 0.5 * lastH);
+    EXPECT_LT(errorK, 0.5 * lastK);
+    lastH = errorH, lastK = errorK;
+  }
+  EXPECT_LT(lastH, 1e-4);
+  EXPECT_LT(lastK, 2e-3);
+}
+
+// An open cylinder of radius r around the z axis, wound outward.
+CompactMesh makeCylinder(int segments, int rows, double r) {
+  std::vector<kxGeom::MeshVertex> v;
+  std::vector<int> t;
+  for (int j = 0; j <= rows; ++j) {
+    for (int i = 0; i < segments; ++i) {
+      const double a = 2 * kPi * i / segments;
+      v.push_back({float(r * std::cos(a)), float(r * std::sin(a)), float(2.0 * j / rows)});
+    }
+  }
+  for (int j = 0; j < rows; ++j) {
+    for (int i = 0; i < segments; ++i) {
+      const int a = j * segments + i, b = j * segments + (i + 1) % segments;
+      t.insert(t.end(), {a, b, b + segments, a, b + segments, a + segments});
+    }
+  }
+  CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  m.copyTriangles(int(t.size() / 3), t.data());
+  return m;
+}
+
+TEST(MeshCurvature, CylinderBendsAroundItsAxisOnly) {
+  const double r = 1.5;
+  int rim = 0;
+  for (const MeshVertexCurvature& c : curvature(makeCylinder(32, 16, r))) {
+    rim += c.boundary;
+    // The rim's one-sided estimate is exact here too.
+    EXPECT_NEAR(c.k1, 1 / r, 1e-5);
+    EXPECT_NEAR(c.k2, 0, 1e-5);
+    EXPECT_NEAR(std::fabs(c.direction1.z), 0, 1e-6);
+    EXPECT_NEAR(std::fabs(c.direction2.z), 1, 1e-6);
+    if (c.boundary) continue;
+    EXPECT_NEAR(c.mean, 0.5 / r, 1e-5);
+    EXPECT_NEAR(c.gaussian, 0, 1e-5);
+  }
+  EXPECT_EQ(rim, 2 * 32);
+}
+
+TEST(MeshCurvature, SaddleAtTheOriginConverges) {
+  // z = x^2 - y^2 wound to face +z: at the origin H = 0, K = -4, and the
+  // surface bends toward its normal along x (-2) and away along y (+2).
+  double lastK = 1e9;
+  for (int n : {4, 8, 16, 32}) {
+    CompactMesh saddle = kxtest::makeGrid(2 * n, 2 * n);
+    const double h = 0.4 / n;
+    for (int v = 0; v < saddle.getNumVertices(); ++v) {
+      kxGeom::MeshVertex& p = saddle.getVertices()[v];
+      const double x = (p.x - n) * h, y = (p.y - n) * h;
+      p.set(float(x), float(y), float(x * x - y * y));
+    }
+    const kx::vector<MeshVertexCurvature> all = curvature(saddle);
+    const MeshVertexCurvature& c = all[n * (2 * n + 1) + n];
+    EXPECT_TRUE(all[0].boundary);
+    EXPECT_FALSE(c.boundary);
+    EXPECT_NEAR(c.mean, 0, 1e-6);
+    EXPECT_LT(std::fabs(c.gaussian + 4), 0.3 * lastK);
+    lastK = std::fabs(c.gaussian + 4);
+    EXPECT_NEAR(c.k1, 2, 2 * lastK);
+    EXPECT_NEAR(std::fabs(c.direction1.y), 1, 1e-9);
+    EXPECT_NEAR(std::fabs(c.direction2.x), 1, 1e-9);
+  }
+  EXPECT_LT(lastK, 0.01);
+}
+
+TEST(MeshCurvature, SameForEveryThreadCountAndEmptyFails) {
+  CompactMesh rough = kxtest::makeOctaSphere(4);
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> jitter(0.97f, 1.03f);
+  for (int v = 0; v < rough.getNumVertices(); ++v) {
+    kxGeom::MeshVertex& p = rough.getVertices()[v];
+    const float s = jitter(rng);
+    p.set(p.x * s, p.y * s, p.z * s);
+  }
+  kx::vector<MeshVertexCurvature> first;
+  kxtest::forEachThreadCount([&](int threads) {
+    const kx::vector<MeshVertexCurvature> c = curvature(rough);
+    if (threads == 1) first = c;
+    for (std::size_t v = 0; v < c.size(); ++v) {
+      ASSERT_EQ(c[v].mean, first[v].mean);
+      ASSERT_EQ(c[v].k2, first[v].k2);
+      ASSERT_EQ(c[v].direction1, first[v].direction1);
+    }
+  });
+  kx::vector<MeshVertexCurvature> none(3);
+  EXPECT_FALSE(kxGeom::meshCurvature(CompactMesh(), none));
+  EXPECT_TRUE(none.empty());
 }
 
 }  // namespace
