@@ -184,6 +184,12 @@ check "compare image" [ -s "$work/cmp.png" ]
 check "compare with itself" run 0 compare "$work/square.obj" "$work/square.mesh" --json
 check "identical meshes are 0 apart" json_ok 'd["hausdorff"] == 0'
 
+check "render by curvature" run 0 render "$work/demo/welded.obj" -o "$work/curv.png" --size 48x48 --color curvature --json
+check "curvature range" json_ok 'd["color"] == "curvature" and d["range"][0] < 0 < 1 < d["range"][1] < 3'
+check "render by distance" run 0 render "$work/demo/welded.obj" -o "$work/dist.png" --size 48x48 --color=distance --to "$work/demo/smoothed.obj" --json
+check "distance range" json_ok 'd["range"][0] == 0 < d["range"][1]'
+check "distance needs --to" run 2 render "$work/demo/welded.obj" -o "$work/d2.png" --color distance
+
 # A symlink target is written through; a FIFO is written in place.
 printf 'old' >"$work/real.obj"
 ln -s real.obj "$work/link.obj"

@@ -195,10 +195,16 @@ int runClosest(const ClosestOptions& o) {
 
 int runRender(const RenderCommandOptions& o) {
   const kxGeom::CompactMesh mesh = readMesh(o.input);
+  RenderOptions options = o.render;
+  std::vector<double> values;
+  if (!o.colour.empty()) {
+    colourValues(o, mesh, values, options.valueRange);
+    options.vertexValues = &values;
+  }
   TerminalProgress progress;
   progress.setCaption("Tracing");
   RenderStats stats;
-  const Image image = renderMesh(mesh, o.render, progress, stats);
+  const Image image = renderMesh(mesh, options, progress, stats);
   throwIfInterrupted();
   writeOutput(o.output, [&](const std::string& file) { return writePng(image, file); });
   kxGeom::debugChannel().print("render: %lld rays in %f s (%.0f rays/s)\n", stats.rays,
@@ -207,7 +213,13 @@ int runRender(const RenderCommandOptions& o) {
   if (o.json) {
     Json j;
     j.set("output", o.output).set("width", image.width).set("height", image.height);
-    j.set("hit_pixels", stats.hitPixels).set("rays", stats.rays).print();
+    j.set("hit_pixels", stats.hitPixels).set("rays", stats.rays);
+    if (!o.colour.empty()) {
+      Json range;
+      range.push(options.valueRange[0]).push(options.valueRange[1]);
+      j.set("color", o.colour).set("range", range);
+    }
+    j.print();
   } else {
     std::printf("wrote %s (%dx%d, %d pixels on the mesh)\n", o.output.c_str(), image.width,
                 image.height, stats.hitPixels);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "render.h"
 
@@ -34,6 +35,8 @@ struct ClosestOptions {
 struct RenderCommandOptions {
   std::string input, output;
   RenderOptions render;
+  std::string colour;     // "", "curvature" (mean curvature) or "distance"
+  std::string reference;  // the mesh distances are measured to
   bool json = false;
 };
 struct CheckOptions {
@@ -96,6 +99,11 @@ int runWeld(const ConvertOptions& o);
 int runNormals(const ConvertOptions& o);
 int runClosest(const ClosestOptions& o);
 int runRender(const RenderCommandOptions& o);
+/// The per-vertex values `render --color` paints, and the range of its
+/// legend: mean curvature (2nd to 98th percentile) or the distance to the
+/// reference mesh (0 to the largest).
+void colourValues(const RenderCommandOptions& o, const kxGeom::CompactMesh& mesh,
+                  std::vector<double>& values, double range[2]);
 int runCheck(const CheckOptions& o);
 int runRepair(const RepairOptions& o);
 int runFill(const FillOptions& o);

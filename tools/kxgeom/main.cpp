@@ -147,6 +147,18 @@ void addMeshCommands(CLI::App& app, Runner& runner, AllOptions& o) {
       ->check(CLI::IsMember({'x', 'y', 'z'}));
   render->add_option("--checker", r.checkerCells, "Checkerboard of N cells per UV unit")
       ->check(CLI::Range(1, 100000));
+  render
+      ->add_option("--color", o.render.colour,
+                   "Colour by mean curvature or by distance to --to, with a legend")
+      ->check(CLI::IsMember({"curvature", "distance"}));
+  CLI::Option* to =
+      render->add_option("--to", o.render.reference, "The mesh --color distance measures to");
+  render->callback([&runner, &o, to] {
+    if ((o.render.colour == "distance") != bool(*to)) {
+      throw CLI::ValidationError("--to", "goes with --color distance, and it needs --to");
+    }
+    runner = [&o] { return kxtool::runRender(o.render); };
+  });
   addJson(render, o.render.json);
 }
 

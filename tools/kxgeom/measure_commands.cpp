@@ -135,6 +135,21 @@ int runMeasure(const MeasureOptions& o) {
   return 0;
 }
 
+void colourValues(const RenderCommandOptions& o, const kxGeom::CompactMesh& mesh,
+                  std::vector<double>& values, double range[2]) {
+  if (o.colour == "distance") {
+    const kxGeom::MeshDeviation d = deviation(mesh, readMesh(o.reference), 0, o.input, &values);
+    range[0] = 0;
+    range[1] = d.maximum;
+    return;
+  }
+  kx::vector<kxGeom::MeshVertexCurvature> curvature;
+  if (!kxGeom::meshCurvature(mesh, curvature)) throw Failure(o.input + ": no triangles");
+  values.resize(curvature.size());
+  for (std::size_t i = 0; i < curvature.size(); ++i) values[i] = curvature[i].mean;
+  colourRange(values, false, range);
+}
+
 int runCompare(const CompareOptions& o) {
   if (!o.image.empty() && o.image.size() < 4) throw UsageError(o.image + ": name a .png file");
   const kxGeom::CompactMesh a = readMesh(o.a);
