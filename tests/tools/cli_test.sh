@@ -154,6 +154,8 @@ check "demo report mentions repair" grep -q "repair: .* clean" "$work/demo/repor
 check "demo fills its holes" grep -q "holes: 3 cut .* 3 filled" "$work/demo/report.txt"
 check "demo flattens a cap" grep -q "flatten: .* laid flat, 0 flipped" "$work/demo/report.txt"
 check "demo renders the layout" [ -s "$work/demo/flattened.png" ]
+check "demo reduces" grep -q "reduce: 16128 -> 3226 triangles" "$work/demo/report.txt"
+check "demo measures" grep -q "measure: volume .* genus 0 -> 0, still closed" "$work/demo/report.txt"
 
 # Every reporting command prints one JSON document with --json.
 json_ok() {  # json_ok PYTHON_CONDITION: $out parses and d satisfies the condition
