@@ -24,6 +24,7 @@
 // Mesh services.
 #include <kxgeom/adjacency.h>
 #include <kxgeom/bounds.h>
+#include <kxgeom/mesh_file.h>
 #include <kxgeom/mesh_io.h>
 #include <kxgeom/normals.h>
 #include <kxgeom/primitives.h>

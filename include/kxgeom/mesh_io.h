@@ -87,7 +87,8 @@ KXGEOM_API void meshWrite(const TopoMesh& mesh, const kxOS::Filename& filename);
 /// A polygon of n >= 3 corners becomes n - 2 triangles fanned from its first
 /// corner; a face line with fewer than three corners adds nothing. Lines may
 /// end in LF or CRLF, and the last line needs no line end. A trailing
-/// backslash does not continue a line.
+/// backslash does not continue a line. A UTF-8 byte order mark at the start
+/// is skipped.
 ///
 /// One index serves position, UV and normal in the result: position i keeps
 /// index i, and every corner whose (vt, vn) pair differs from the first pair
@@ -101,7 +102,8 @@ KXGEOM_API void meshWrite(const TopoMesh& mesh, const kxOS::Filename& filename);
 /// [in] filename: the file to read.
 /// Returns true on success. Returns false, leaving the mesh untouched and
 /// printing one debug-channel line, when the file cannot be opened or read
-/// ("meshReadObj: cannot open %s\n"), a number cannot be parsed
+/// ("meshReadObj: cannot open %s\n", or "meshReadObj: %s: cannot read the
+/// file\n" on a read error after opening), a number cannot be parsed
 /// ("meshReadObj: %s line %d: cannot parse a number\n") or a face refers to
 /// an element that does not exist ("meshReadObj: %s line %d: face refers to
 /// missing %s %d\n", naming vertex, texture coordinate or normal and the

@@ -14,9 +14,19 @@
 
 #include <kxgeom/platform/os.h>
 
+#include "file_stream.h"
+#include "mesh_file_formats.h"
+#include "text_numbers.h"
+
 namespace kxGeom {
 
 namespace {
+
+using fileio::isBlank;
+using fileio::isSpace;
+using fileio::parseFloat;
+using fileio::parseInt;
+using fileio::parseReal;
 
 // ---- Whole-file input -----------------------------------------------------
 
@@ -27,15 +37,6 @@ struct FileBuffer {
   const char* begin() const { return bytes.get(); }
   const char* end() const { return bytes.get() + size; }
 };
-
-// The size of an open file in bytes, 0 when it cannot be told (a pipe); the
-// position is left at the start.
-std::size_t fileSize(std::FILE* f) {
-  if (std::fseek(f, 0, SEEK_END) != 0) return 0;
-  const long size = std::ftell(f);
-  std::fseek(f, 0, SEEK_SET);
-  return size > 0 ? std::size_t(size) : 0;
-}
 
 // Reads the whole file. False when it cannot be opened or read.
 bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
@@ -80,70 +81,9 @@ bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
   return true;
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-bool isSpace(char c) { return isBlank(c) || c == '\n' || c == '\v' || c == '\f'; }
-
-// Decimal integers as the C library scans them (optional sign, digits);
-// null on no digits or overflow. Inline because face lines are mostly
-// integers and the library call dominates otherwise.
-const char* parseInt(const char* p, const char* end, int& value) {
-  bool negative = false;
-  if (p != end && (*p == '+' || *p == '-')) negative = *p++ == '-';
-  const char* digits = p;
-  long long v = 0;
-  while (p != end && unsigned(*p - '0') < 10u && v <= 2147483648ll) v = 10 * v + (*p++ - '0');
-  if (p == digits || v > 2147483648ll || (!negative && v > 2147483647ll)) return nullptr;
-  value = static_cast<int>(negative ? -v : v);
-  return p;
-}
-
-// from_chars for floats as the C library scans them: an optional '+' is
-// accepted, and a value beyond the type's range falls back to double
-// precision (rounding to infinity or zero) instead of failing.
-template <class T>
-const char* parseReal(const char* p, const char* end, T& value) {
-  if (p != end && *p == '+' && end - p > 1 && p[1] != '-') ++p;
-  std::from_chars_result r = std::from_chars(p, end, value);
-  if constexpr (std::is_same<T, float>::value) {
-    if (r.ec == std::errc::result_out_of_range) {
-      double wide = 0;
-      r = std::from_chars(p, end, wide);
-      value = static_cast<float>(wide);
-    }
-  }
-  return r.ec == std::errc() ? r.ptr : nullptr;
-}
-
 const char* parseNumber(const char* p, const char* end, int& value) {
   return parseInt(p, end, value);
 }
-// Short plain decimals such as "-12.375", the form writers emit, are exact
-// in one float division when their digits fit 24 bits and the power of ten
-// is exact in float (Clinger's fast path); anything else goes to from_chars.
-// Both round correctly, so the result is the same either way.
-const char* parseFloat(const char* p, const char* end, float& value) {
-  static const float kPow10[11] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f,
-                                   1e6f, 1e7f, 1e8f, 1e9f, 1e10f};
-  const char* q = p;
-  const bool negative = q != end && *q == '-';
-  if (q != end && (*q == '-' || *q == '+')) ++q;
-  std::uint32_t mantissa = 0;
-  int digits = 0, fraction = 0;
-  for (; q != end && unsigned(*q - '0') < 10u && digits < 8; ++digits) {
-    mantissa = 10 * mantissa + unsigned(*q++ - '0');
-  }
-  if (q != end && *q == '.') {
-    for (++q; q != end && unsigned(*q - '0') < 10u && digits < 8; ++digits, ++fraction) {
-      mantissa = 10 * mantissa + unsigned(*q++ - '0');
-    }
-  }
-  const bool plain = digits > 0 && mantissa <= (1u << 24) && (q == end || isSpace(*q));
-  if (!plain) return parseReal(p, end, value);
-  const float magnitude = float(mantissa) / kPow10[fraction];
-  value = negative ? -magnitude : magnitude;
-  return q;
-}
-
 const char* parseNumber(const char* p, const char* end, float& value) {
   return parseFloat(p, end, value);
 }
@@ -227,63 +167,6 @@ FILE* openForWriting(const kxOS::Filename& filename) {
 
 // ---- OBJ reading ------------------------------------------------------------
 
-// Hands out the lines of a file through a window that is refilled as
-// parsing advances, so a large file is never held in memory at once and the
-// bytes being parsed stay in cache. The window grows only for a line longer
-// than itself.
-class LineReader {
- public:
-  explicit LineReader(std::FILE* f) : f_(f), window_(new char[kWindow]), capacity_(kWindow) {}
-
-  // The next line, without its '\n'; false after the last one.
-  bool next(const char*& line, const char*& eol) {
-    for (;;) {
-      const char* p = window_.get() + pos_;
-      const char* end = window_.get() + end_;
-      if (const void* nl = std::memchr(p, '\n', std::size_t(end - p))) {
-        line = p;
-        eol = static_cast<const char*>(nl);
-        pos_ = std::size_t(eol - window_.get()) + 1;
-        return true;
-      }
-      if (eof_) {
-        if (p == end) return false;
-        line = p;
-        eol = end;
-        pos_ = end_;
-        return true;
-      }
-      refill();
-    }
-  }
-
- private:
-  static constexpr std::size_t kWindow = 1 << 20;
-
-  void refill() {
-    const std::size_t rest = end_ - pos_;
-    if (rest == capacity_) {
-      std::unique_ptr<char[]> bigger(new char[2 * capacity_]);
-      std::memcpy(bigger.get(), window_.get() + pos_, rest);
-      window_.swap(bigger);
-      capacity_ *= 2;
-    } else {
-      std::memmove(window_.get(), window_.get() + pos_, rest);
-    }
-    pos_ = 0;
-    end_ = rest;
-    const std::size_t n = std::fread(window_.get() + end_, 1, capacity_ - end_, f_);
-    end_ += n;
-    eof_ = n == 0;
-  }
-
-  std::FILE* f_;
-  std::unique_ptr<char[]> window_;
-  std::size_t capacity_;
-  std::size_t pos_ = 0, end_ = 0;
-  bool eof_ = false;
-};
-
 // One corner's indices, 0-based after resolution; -1 for none.
 struct ObjCorner {
   int v = -1, vt = -1, vn = -1;
@@ -306,11 +189,11 @@ class ObjParser {
   ObjParser(ObjContent& out, std::size_t fileBytes) : out_(out), fileBytes_(fileBytes) {}
 
   // Parses every line; on failure `line()` and `badIndex()` tell where.
-  ObjError parse(LineReader& lines) {
+  ObjError parse(fileio::TextCursor& lines) {
     line_ = 0;
     const char* p;
     const char* eol;
-    while (lines.next(p, eol)) {
+    while (lines.nextLine(p, eol)) {
       ++line_;
       const ObjError e = parseLine(p, eol);
       if (e != ObjError::None) return e;
@@ -690,45 +573,44 @@ void meshWrite(const TopoMesh& mesh, const kxOS::Filename& filename) {
   std::fclose(f);
 }
 
+bool fileio::readObj(FileWindow& in, ReadError& error, CompactMesh& mesh) {
+  in.skipByteOrderMark();
+  ObjContent content;
+  ObjParser parser(content, in.size());
+  ObjError e = ObjError::None;
+  try {
+    TextCursor lines(in);
+    e = parser.parse(lines);
+  } catch (const std::bad_alloc&) {
+    return error.atLine(parser.line(), "out of memory");
+  }
+  if (e == ObjError::Number) return error.atLine(parser.line(), "cannot parse a number");
+  if (e != ObjError::None) {
+    return error.atLine(parser.line(), "face refers to missing %s %d", missingKind(e),
+                        parser.badIndex());
+  }
+  ObjAssembler(content).build(mesh);
+  return true;
+}
+
 bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename) {
   kxOS::StopWatch watch;
   const kxString::CString name = filename.asMultibyte();
-  std::FILE* file = std::fopen(name.c_str(), "rb");
-  if (!file) {
+  fileio::FileWindow in;
+  if (!in.open(name.c_str())) {
     debugChannel().print("meshReadObj: cannot open %s\n", name.c_str());
     return false;
   }
-  ObjContent content;
-  ObjParser parser(content, fileSize(file));
-  ObjError e = ObjError::None;
+  fileio::ReadError error(name.c_str());
+  bool read = false;
   try {
-    LineReader lines(file);
-    e = parser.parse(lines);
+    read = fileio::readObj(in, error, mesh);
   } catch (const std::bad_alloc&) {
-    std::fclose(file);
-    debugChannel().print("meshReadObj: %s line %d: out of memory\n", name.c_str(), parser.line());
-    return false;
+    read = error.inFile("out of memory");
   }
-  const bool unreadable = std::ferror(file) != 0;  // e.g. a directory
-  std::fclose(file);
-  if (unreadable) {
-    debugChannel().print("meshReadObj: cannot open %s\n", name.c_str());
-    return false;
-  }
-  if (e == ObjError::Number) {
-    debugChannel().print("meshReadObj: %s line %d: cannot parse a number\n", name.c_str(),
-                         parser.line());
-    return false;
-  }
-  if (e != ObjError::None) {
-    debugChannel().print("meshReadObj: %s line %d: face refers to missing %s %d\n", name.c_str(),
-                         parser.line(), missingKind(e), parser.badIndex());
-    return false;
-  }
-  try {
-    ObjAssembler(content).build(mesh);
-  } catch (const std::bad_alloc&) {
-    debugChannel().print("meshReadObj: %s: out of memory\n", name.c_str());
+  if (read && in.readFailed()) read = error.inFile("cannot read the file");
+  if (!read) {
+    debugChannel().print("meshReadObj: %s\n", error.message().c_str());
     return false;
   }
   debugChannel().print("meshReadObj: %d vertices, %d triangles %f s\n", mesh.getNumVertices(),

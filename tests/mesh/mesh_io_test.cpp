@@ -12,13 +12,12 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <kxgeom/mesh_io.h>
 #include <kxgeom/primitives.h>
 
+#include "support/memory_budget.h"
 #include "support/test_meshes.h"
 
 namespace {
@@ -435,24 +434,6 @@ TEST_F(MeshIoTest, MutatedFilesNeverYieldOutOfRangeIndices) {
   }
 }
 
-// Runs `read` in a child whose address space may grow by `budget` bytes at
-// most; true when the child finished and `read` returned true.
-template <class Read>
-bool readsWithin(std::size_t budget, Read read) {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t pages = 0;
-  statm >> pages;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    const rlimit limit{pages * std::size_t(::sysconf(_SC_PAGESIZE)) + budget, RLIM_INFINITY};
-    ::setrlimit(RLIMIT_AS, &limit);
-    ::_exit(read() ? 0 : 1);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(MeshIoTest, ReadersNeedMemoryInProportionToTheFile) {
   // Two million vertices (16 MB of text) and one face: the mesh needs about
@@ -460,18 +441,18 @@ TEST_F(MeshIoTest, ReadersNeedMemoryInProportionToTheFile) {
   std::string text;
   for (int i = 0; i < 2000000; ++i) text += "v 0 0 0\n";
   const std::string obj = write("many.obj", text + "f 1 2 3\n");
-  EXPECT_TRUE(readsWithin(96u << 20, [&] {
+  EXPECT_TRUE(kxtest::readsWithin(96u << 20, [&] {
     CompactMesh m;
     return kxGeom::meshReadObj(m, obj) && m.getNumVertices() == 2000000;
   }));
   // With far too little memory the readers fail cleanly instead of throwing.
-  EXPECT_TRUE(readsWithin(8u << 20, [&] {
+  EXPECT_TRUE(kxtest::readsWithin(8u << 20, [&] {
     CompactMesh m = kxtest::makeGrid(1, 1);
     kxtest::LogCapture log;
     return !kxGeom::meshReadObj(m, obj) && m.getNumTriangles() == 2 && log.lines().size() == 1;
   }));
   const std::string indexed = write("many.mesh", "2000000 1\n" + std::string(text.size(), '0'));
-  EXPECT_TRUE(readsWithin(4u << 20, [&] {
+  EXPECT_TRUE(kxtest::readsWithin(4u << 20, [&] {
     CompactMesh m = kxtest::makeGrid(1, 1);
     kxGeom::meshRead(m, indexed);
     return m.getNumTriangles() == 2;
