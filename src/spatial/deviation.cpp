@@ -34,17 +34,15 @@ bool isFinite(const Point& p) {
   return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
 }
 
-// What `MeshClosestPoint::compute` returns when b offers no point.
-double noAnswer() { return std::sqrt(std::numeric_limits<double>::max()); }
-
 // Running statistics of one block.
 struct Tally {
   double sum = 0, sum2 = 0, maximum = -1;
   std::int64_t points = 0, unanswered = 0;
   Point farthest;
 
+  // An infinite distance: b offered no triangle.
   void add(double d, const Point& p) {
-    if (!(d < noAnswer())) {
+    if (!std::isfinite(d)) {
       ++unanswered;
       return;
     }
@@ -223,7 +221,7 @@ class NearestTriangle {
  public:
   NearestTriangle(const CompactMesh& b, const TriangleGroups& groups) : b_(b), groups_(groups) {}
 
-  // Distance from p (finite) to b; noAnswer() when b offers no triangle.
+  // Distance from p (finite) to b; infinite when b offers no triangle.
   double distance(const Point& p) {
     double best2 = std::numeric_limits<double>::infinity();
     if (previous_ >= 0) best2 = triangleDistance2(previous_, p);
@@ -239,7 +237,7 @@ class NearestTriangle {
         pushChildren(cell.node, p, best2);
       }
     }
-    return best2 < std::numeric_limits<double>::infinity() ? std::sqrt(best2) : noAnswer();
+    return std::sqrt(best2);
   }
 
  private:
@@ -248,8 +246,8 @@ class NearestTriangle {
     int node;
   };
 
-  // Pushes the eight children from `first` that may hold something nearer,
-  // the nearest last so that it is opened first.
+  // Pushes the children of `parent` that hold triangles and may hold one
+  // nearer than `best2`, the nearest last so that it is opened first.
   void pushChildren(int parent, const Point& p, double best2) {
     const int first = parent + groups_.node(parent).children;
     const std::size_t bottom = stack_.size();
@@ -316,7 +314,7 @@ class Measurement {
     for (int v = begin; v < end; ++v) {
       const Point p = vertices[v].asPoint();
       const double d = isFinite(p) ? search.distance(p) : kNaN;
-      if (!distances_.empty()) distances_[std::size_t(v)] = d < noAnswer() ? d : kNaN;
+      if (!distances_.empty()) distances_[std::size_t(v)] = std::isfinite(d) ? d : kNaN;
       if (isFinite(p)) tally.add(d, p);
     }
   }
