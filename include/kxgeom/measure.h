@@ -24,15 +24,15 @@ namespace kxGeom {
 /// Surface area of every triangle: the sum of |(b - a) x (c - a)| / 2.
 /// [in] mesh.
 /// Returns the area in model units squared; 0 without triangles. Never
-/// fails. Cost O(T), on the shared pool.
+/// fails. Logs one line. Cost O(T), on the shared pool.
 KXGEOM_API double meshArea(const CompactMesh& mesh);
 
 /// Surface area of the triangles whose bit is set, as `meshArea`.
 /// [in] mesh.
 /// [in] selection  one bit per triangle, such as mesh.getSelectedTriangles();
 ///                 bits past its size count as clear.
-/// Returns the area in model units squared; 0 when no bit is set.
-/// Cost O(T), on the shared pool.
+/// Returns the area in model units squared; 0 when no bit is set. Logs one
+/// line. Cost O(T), on the shared pool.
 KXGEOM_API double meshArea(const CompactMesh& mesh, const BitVector& selection);
 
 /// Surface area of the listed triangles, as `meshArea`; a triangle listed
@@ -40,7 +40,8 @@ KXGEOM_API double meshArea(const CompactMesh& mesh, const BitVector& selection);
 /// [in] mesh.
 /// [in] triangles  `count` triangle indices in [0, T) (not validated).
 /// [in] count      number of indices; 0 or less gives 0.
-/// Returns the area in model units squared. Cost O(count), on the shared pool.
+/// Returns the area in model units squared. Logs one line. Cost O(count), on
+/// the shared pool.
 KXGEOM_API double meshArea(const CompactMesh& mesh, const int* triangles, int count);
 
 /// Signed volume enclosed by the triangles: the sum over triangles (a, b, c)
@@ -51,7 +52,7 @@ KXGEOM_API double meshArea(const CompactMesh& mesh, const int* triangles, int co
 /// depends on r and measures no solid.
 /// [in] mesh.
 /// Returns the volume in model units cubed; 0 without triangles. Never
-/// fails. Cost O(T), on the shared pool.
+/// fails. Logs one line. Cost O(T), on the shared pool.
 KXGEOM_API double meshVolume(const CompactMesh& mesh);
 
 /// Mass properties of the solid a triangle mesh encloses, at unit density.

@@ -66,6 +66,8 @@ TopoMeshHalfEdge halfEdgeFrom(const TopoMesh& mesh, TopoMeshFace f, TopoMeshVert
   return h;
 }
 
+constexpr double kPi = 3.14159265358979323846;
+
 // Whether the angle between the normals u and v is at most the angle whose
 // cosine is `cosLimit`; a zero normal passes.
 bool withinFold(const kxLinear::Vector& u, const kxLinear::Vector& v, double cosLimit) {
@@ -79,7 +81,7 @@ class FlipRule {
  public:
   FlipRule(const MeshSwapEdgesOptions& options, const BitVector& selection,
            const kx::vector<int>& slotOf)
-      : cosLimit_(std::cos(options.maxFoldDegrees * 3.14159265358979323846 / 180)),
+      : cosLimit_(std::cos(options.maxFoldDegrees * kPi / 180)),
         selectedOnly_(options.selectedOnly),
         selection_(selection),
         slotOf_(slotOf) {}
@@ -87,7 +89,7 @@ class FlipRule {
   bool operator()(const TopoMesh& mesh, TopoMeshHalfEdge h) const {
     if (locked(mesh, h) || repeatsCorner(mesh, h)) return true;
     const Quad q = quadAround(mesh, h);
-    if (!(q.beforeAngles() > 3.14159265358979323846 + 1e-12)) return true;
+    if (!(q.beforeAngles() > kPi + 1e-12)) return true;
     if (MeshEdgeSwapper::minimizeOppositeAngleSum(mesh, h)) return true;
     return !withinFold(normalOf(q.a, q.b, q.c), normalOf(q.b, q.a, q.d), cosLimit_) ||
            !withinFold(normalOf(q.a, q.d, q.c), normalOf(q.b, q.c, q.d), cosLimit_);

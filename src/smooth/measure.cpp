@@ -47,6 +47,12 @@ Sum sumBlocks(int n, const AddItem& add) {
   return total;
 }
 
+// Logs one measure over `count` triangles and returns it.
+double logged(const char* what, int count, double value) {
+  debugChannel().print("%s: %d triangles: %g\n", what, count, value);
+  return value;
+}
+
 // The corners of triangle t, widened to double.
 struct Corners {
   Point p[3];
@@ -369,28 +375,32 @@ void vertexCurvature(const CompactMesh& mesh, const MeshAdjTris& adjacency,
 }  // namespace
 
 double meshArea(const CompactMesh& mesh) {
-  return sumBlocks<double>(mesh.getNumTriangles(),
-                           [&](int t, double& sum) { sum += Corners(mesh, t).area(); });
+  return logged("meshArea", mesh.getNumTriangles(),
+                sumBlocks<double>(mesh.getNumTriangles(),
+                                  [&](int t, double& sum) { sum += Corners(mesh, t).area(); }));
 }
 
 double meshArea(const CompactMesh& mesh, const BitVector& selection) {
   const int n = std::min(mesh.getNumTriangles(), selection.size());
-  return sumBlocks<double>(n, [&](int t, double& sum) {
-    if (selection.isBitSet(t)) sum += Corners(mesh, t).area();
-  });
+  return logged("meshArea of a selection", n, sumBlocks<double>(n, [&](int t, double& sum) {
+                  if (selection.isBitSet(t)) sum += Corners(mesh, t).area();
+                }));
 }
 
 double meshArea(const CompactMesh& mesh, const int* triangles, int count) {
-  return sumBlocks<double>(std::max(0, count),
-                           [&](int i, double& sum) { sum += Corners(mesh, triangles[i]).area(); });
+  const int n = std::max(0, count);
+  return logged("meshArea of a list", n, sumBlocks<double>(n, [&](int i, double& sum) {
+                  sum += Corners(mesh, triangles[i]).area();
+                }));
 }
 
 double meshVolume(const CompactMesh& mesh) {
   const Point apex = coneApex(mesh);
-  return sumBlocks<double>(mesh.getNumTriangles(), [&](int t, double& sum) {
-    const Corners c(mesh, t);
-    sum += sixVolume(c.p[0] - apex, c.p[1] - apex, c.p[2] - apex) / 6;
-  });
+  return logged("meshVolume", mesh.getNumTriangles(),
+                sumBlocks<double>(mesh.getNumTriangles(), [&](int t, double& sum) {
+                  const Corners c(mesh, t);
+                  sum += sixVolume(c.p[0] - apex, c.p[1] - apex, c.p[2] - apex) / 6;
+                }));
 }
 
 bool meshMassProperties(const CompactMesh& mesh, MeshMassProperties& result) {

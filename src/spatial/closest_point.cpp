@@ -14,6 +14,8 @@
 #include <kxgeom/platform/progress.h>
 #include <kxgeom/predicates.h>
 
+#include "spatial/triangle_closest.h"
+
 namespace kxGeom {
 
 namespace {
@@ -38,49 +40,6 @@ bool isFinite(const kxLinear::Point& p) {
   return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
 }
 
-// Parameter in [0, 1] of the point of segment from + t * edge nearest to p.
-double segmentParameter(const kxLinear::Point& p, const kxLinear::Point& from,
-                        const kxLinear::Vector& edge) {
-  const double len2 = edge.length2();
-  if (!(len2 > 0)) return 0;
-  return std::clamp(kxLinear::dot(p - from, edge) / len2, 0.0, 1.0);
-}
-
-// Closest point of triangle abc to p as weights of a, b, c. The interior is
-// tried when the triangle has a usable area; otherwise, or when p projects
-// outside, the nearest of the three edges wins (edges cover degenerate
-// triangles exactly).
-void triangleClosestWeights(const kxLinear::Point& p, const kxLinear::Point tri[3], double w[3]) {
-  const kxLinear::Vector e0 = tri[1] - tri[0], e1 = tri[2] - tri[0], ap = p - tri[0];
-  const double d00 = kxLinear::dot(e0, e0), d01 = kxLinear::dot(e0, e1);
-  const double d11 = kxLinear::dot(e1, e1);
-  const double denom = d00 * d11 - d01 * d01;
-  if (denom > 1e-12 * d00 * d11) {
-    const double d20 = kxLinear::dot(ap, e0), d21 = kxLinear::dot(ap, e1);
-    const double v = (d11 * d20 - d01 * d21) / denom;
-    const double u = (d00 * d21 - d01 * d20) / denom;
-    if (v >= 0 && u >= 0 && v + u <= 1) {
-      w[0] = 1 - v - u;
-      w[1] = v;
-      w[2] = u;
-      return;
-    }
-  }
-  double best = std::numeric_limits<double>::infinity();
-  for (int e = 0; e < 3; ++e) {
-    const int i = e, j = (e + 1) % 3;
-    const kxLinear::Vector edge = tri[j] - tri[i];
-    const double t = segmentParameter(p, tri[i], edge);
-    const double d2 = (tri[i] + edge * t - p).length2();
-    if (d2 < best || e == 0) {
-      best = d2;
-      w[0] = w[1] = w[2] = 0;
-      w[i] = 1 - t;
-      w[j] = t;
-    }
-  }
-}
-
 // Squared distance from p to the closest point of triangle t, written to
 // `coord`; false when the triangle has no closest point.
 bool triangleClosest(const CompactMesh& mesh, int t, const kxLinear::Point& p, MeshCoord& coord,
@@ -103,7 +62,7 @@ MeshCoord cornersClosest(const float* a, const float* b, const float* c, int t,
   }
   MeshCoord coord;
   coord.triangle = t;
-  triangleClosestWeights(p, corners, coord.w);
+  closest::triangleClosestWeights(p, corners, coord.w);
   return coord;
 }
 

@@ -3,14 +3,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <vector>
 
-#include <kxgeom/closest_point.h>
 #include <kxgeom/mesh_cache.h>
 #include <kxgeom/platform/os.h>
 #include <kxgeom/platform/threads.h>
 #include <kxgeom/predicates.h>
+
+#include "spatial/triangle_closest.h"
 
 namespace kxGeom {
 
@@ -32,17 +34,15 @@ bool isFinite(const Point& p) {
   return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
 }
 
-// What `MeshClosestPoint::compute` returns when b offers no point.
-double noAnswer() { return std::sqrt(std::numeric_limits<double>::max()); }
-
 // Running statistics of one block.
 struct Tally {
   double sum = 0, sum2 = 0, maximum = -1;
   std::int64_t points = 0, unanswered = 0;
   Point farthest;
 
+  // An infinite distance: b offered no triangle.
   void add(double d, const Point& p) {
-    if (!(d < noAnswer())) {
+    if (!std::isfinite(d)) {
       ++unanswered;
       return;
     }
@@ -127,6 +127,7 @@ class TriangleGroups {
   TriangleGroups(const CompactMesh& b, const Octree& octree)
       : nodes_(octree.getRoot().getNode()),
         nodeBoxes_(std::size_t(octree.getNumNodes())),
+        occupied_(std::size_t(octree.getNumNodes()), 0),
         starts_(std::size_t(octree.numLeaves) + 1, 0) {
     const kx::vector<int> leafOf = leafOfVertex(octree, b.getNumVertices());
     group(b, leafOf);
@@ -135,7 +136,9 @@ class TriangleGroups {
 
   const OctreeNode& node(int i) const { return nodes_[i]; }
   const BoundingBox& nodeBox(int i) const { return nodeBoxes_[std::size_t(i)]; }
-  bool empty() const { return nodeBoxes_.empty() || !isFinite(nodeBoxes_[0]); }
+  // Bit k set when child k of inner node i holds triangles.
+  unsigned occupied(int i) const { return occupied_[std::size_t(i)]; }
+  bool empty() const { return nodeBoxes_.empty() || !nodeBoxes_[0].isValid(); }
   // Entries [begin(voxel), begin(voxel + 1)) are the triangles of a leaf.
   int begin(int voxel) const { return starts_[std::size_t(voxel)]; }
   int triangle(int entry) const { return triangles_[std::size_t(entry)]; }
@@ -181,8 +184,7 @@ class TriangleGroups {
   }
 
   // Children follow their parent in the node array, so one backward sweep
-  // bounds every node after its children. A node without triangles gets an
-  // infinitely far box, so the search drops it without a test of its own.
+  // bounds every node after its children and notes which hold triangles.
   void boundNodes() {
     for (int i = int(nodeBoxes_.size()) - 1; i >= 0; --i) {
       BoundingBox& box = nodeBoxes_[std::size_t(i)];
@@ -192,17 +194,18 @@ class TriangleGroups {
         for (int e = begin(n.voxel); e < begin(n.voxel + 1); ++e)
           box.extend(boxes_[std::size_t(e)]);
       } else {
-        for (int k = 0; k < 8; ++k) box.extend(nodeBoxes_[std::size_t(i + n.children + k)]);
+        for (int k = 0; k < 8; ++k) {
+          const BoundingBox& child = nodeBoxes_[std::size_t(i + n.children + k)];
+          box.extend(child);
+          if (child.isValid()) occupied_[std::size_t(i)] |= 1u << k;
+        }
       }
-    }
-    const float far = std::numeric_limits<float>::infinity();
-    for (BoundingBox& box : nodeBoxes_) {
-      if (!box.isValid()) box = BoundingBox(far, far, far, far, far, far);
     }
   }
 
   const OctreeNode* nodes_;
   kx::vector<BoundingBox> nodeBoxes_;
+  kx::vector<std::uint8_t> occupied_;
   kx::vector<int> starts_;
   kx::vector<int> triangles_;
   kx::vector<BoundingBox> boxes_;
@@ -218,7 +221,7 @@ class NearestTriangle {
  public:
   NearestTriangle(const CompactMesh& b, const TriangleGroups& groups) : b_(b), groups_(groups) {}
 
-  // Distance from p (finite) to b; noAnswer() when b offers no triangle.
+  // Distance from p (finite) to b; infinite when b offers no triangle.
   double distance(const Point& p) {
     double best2 = std::numeric_limits<double>::infinity();
     if (previous_ >= 0) best2 = triangleDistance2(previous_, p);
@@ -231,10 +234,10 @@ class NearestTriangle {
       if (node.leaf) {
         scanLeaf(node.voxel, p, best2);
       } else {
-        pushChildren(cell.node + node.children, p, best2);
+        pushChildren(cell.node, p, best2);
       }
     }
-    return best2 < std::numeric_limits<double>::infinity() ? std::sqrt(best2) : noAnswer();
+    return std::sqrt(best2);
   }
 
  private:
@@ -243,16 +246,17 @@ class NearestTriangle {
     int node;
   };
 
-  // Pushes the eight children from `first` that may hold something nearer,
-  // the nearest last so that it is opened first.
-  void pushChildren(int first, const Point& p, double best2) {
-    double d2[8];
-    for (int k = 0; k < 8; ++k) d2[k] = boxDistance2(groups_.nodeBox(first + k).data(), p);
+  // Pushes the children of `parent` that hold triangles and may hold one
+  // nearer than `best2`, the nearest last so that it is opened first.
+  void pushChildren(int parent, const Point& p, double best2) {
+    const int first = parent + groups_.node(parent).children;
     const std::size_t bottom = stack_.size();
-    for (int k = 0; k < 8; ++k) {
-      if (beyond(d2[k], best2)) continue;
-      stack_.push_back({d2[k], first + k});
-      for (std::size_t i = stack_.size() - 1; i > bottom && stack_[i - 1].distance2 < d2[k]; --i) {
+    for (unsigned mask = groups_.occupied(parent); mask != 0; mask &= mask - 1) {
+      const int child = first + __builtin_ctz(mask);
+      const double d2 = boxDistance2(groups_.nodeBox(child).data(), p);
+      if (beyond(d2, best2)) continue;
+      stack_.push_back({d2, child});
+      for (std::size_t i = stack_.size() - 1; i > bottom && stack_[i - 1].distance2 < d2; --i) {
         std::swap(stack_[i], stack_[i - 1]);
       }
     }
@@ -270,10 +274,16 @@ class NearestTriangle {
     }
   }
 
+  // Squared distance from p to grouped (so finite) triangle t.
   double triangleDistance2(int t, const Point& p) const {
-    const MeshCoord coord = meshTriClosestPt(b_.getVerticesRaw(), b_.getTrianglesRaw(), t, p);
-    if (!coord.isValid()) return std::numeric_limits<double>::infinity();
-    return (coord.evaluate(b_.getVertices(), b_.getTriangles()) - p).length2();
+    const float* vertices = b_.getVerticesRaw();
+    const int* tri = b_.getTrianglesRaw() + 3 * std::size_t(t);
+    const Point c[3] = {Point::from(vertices + 3 * std::size_t(tri[0])),
+                        Point::from(vertices + 3 * std::size_t(tri[1])),
+                        Point::from(vertices + 3 * std::size_t(tri[2]))};
+    double w[3];
+    closest::triangleClosestWeights(p, c, w);
+    return (kxLinear::combine(c[0], w[0], c[1], w[1], c[2], w[2]) - p).length2();
   }
 
   const CompactMesh& b_;
@@ -304,7 +314,7 @@ class Measurement {
     for (int v = begin; v < end; ++v) {
       const Point p = vertices[v].asPoint();
       const double d = isFinite(p) ? search.distance(p) : kNaN;
-      if (!distances_.empty()) distances_[std::size_t(v)] = d < noAnswer() ? d : kNaN;
+      if (!distances_.empty()) distances_[std::size_t(v)] = std::isfinite(d) ? d : kNaN;
       if (isFinite(p)) tally.add(d, p);
     }
   }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include <kxgeom/deviation.h>
@@ -25,36 +26,27 @@ Point corner(const CompactMesh& m, int t, int k) {
   return m.getVertices()[m.getTriangles()[t][k]].asPoint();
 }
 
-double segmentDistance(const Point& p, const Point& a, const Point& b) {
-  const Vector e = b - a;
-  const double s =
-      e.length2() > 0 ? std::clamp(kxLinear::dot(p - a, e) / e.length2(), 0.0, 1.0) : 0;
-  return (a + e * s - p).length();
-}
-
-// Distance from p to the triangle: to its plane when p projects inside it,
-// else to the nearest edge.
-double triangleDistance(const Point& p, const Point& a, const Point& b, const Point& c) {
-  const Vector n = kxLinear::cross(b - a, c - a);
-  if (n.length2() > 1e-20) {
-    const bool inside = kxLinear::dot(kxLinear::cross(b - a, p - a), n) >= 0 &&
-                        kxLinear::dot(kxLinear::cross(c - b, p - b), n) >= 0 &&
-                        kxLinear::dot(kxLinear::cross(a - c, p - c), n) >= 0;
-    if (inside) return std::fabs(kxLinear::dot(p - a, n)) / n.length();
-  }
-  return std::min({segmentDistance(p, a, b), segmentDistance(p, b, c), segmentDistance(p, c, a)});
-}
-
-double bruteDistance(const Point& p, const CompactMesh& b) {
+// Distance from p to triangle t: to its plane when p projects inside it,
+// else to the nearest edge. A triangle with a NaN corner is never nearest.
+double triangleDistance(const Point& p, const CompactMesh& m, int t) {
+  const Point c[3] = {corner(m, t, 0), corner(m, t, 1), corner(m, t, 2)};
+  const Vector n = kxLinear::cross(c[1] - c[0], c[2] - c[0]);
+  if (std::isnan(n.x)) return 1e300;
   double best = 1e300;
-  for (int t = 0; t < b.getNumTriangles(); ++t) {
-    best = std::min(best, triangleDistance(p, corner(b, t, 0), corner(b, t, 1), corner(b, t, 2)));
+  bool inside = n.length2() > 1e-20;
+  for (int k = 0; k < 3; ++k) {
+    const Vector e = c[(k + 1) % 3] - c[k];
+    inside = inside && kxLinear::dot(kxLinear::cross(e, p - c[k]), n) >= 0;
+    const double s =
+        e.length2() > 0 ? std::clamp(kxLinear::dot(p - c[k], e) / e.length2(), 0.0, 1.0) : 0;
+    best = std::min(best, (c[k] + e * s - p).length());
   }
-  return best;
+  return inside ? std::fabs(kxLinear::dot(p - c[0], n)) / n.length() : best;
 }
 
-// The points the options document: the vertices, then per triangle the
-// centroids of its n^2 small triangles, n = ceil(longest edge / spacing).
+// The points the options document, finite ones only: the vertices, then per
+// triangle the centroids of its n^2 small triangles, n = ceil(longest edge /
+// spacing).
 std::vector<Point> documentedPoints(const CompactMesh& a, double spacing) {
   std::vector<Point> points;
   for (int v = 0; v < a.getNumVertices(); ++v) points.push_back(a.getVertices()[v].asPoint());
@@ -71,22 +63,29 @@ std::vector<Point> documentedPoints(const CompactMesh& a, double spacing) {
       }
     }
   }
+  points.erase(
+      std::remove_if(points.begin(), points.end(), [](const Point& p) { return std::isnan(p.x); }),
+      points.end());
   return points;
 }
 
 TEST(MeshDeviation, MatchesBruteForceOnRandomMeshesForEveryThreadCount) {
   for (unsigned seed = 1; seed <= 2; ++seed) {
-    const CompactMesh a = kxtest::makeRandomMesh(1500, 300, seed);  // several blocks
-    const CompactMesh b = kxtest::makeRandomMesh(40, 60, seed + 100);
+    CompactMesh a = kxtest::makeRandomMesh(1500, 300, seed);  // several blocks
+    CompactMesh b = kxtest::makeRandomMesh(40, 60, seed + 100);
+    // A NaN vertex is left out of a, and its triangles out of b.
+    a.getVertices()[seed].x = b.getVertices()[seed].y = std::nanf("");
     for (double spacing : {0.0, 0.3}) {
       const std::vector<Point> points = documentedPoints(a, spacing);
       double maximum = 0, sum = 0, sum2 = 0;
       std::vector<double> oracle;
       for (const Point& p : points) {
-        oracle.push_back(bruteDistance(p, b));
-        maximum = std::max(maximum, oracle.back());
-        sum += oracle.back();
-        sum2 += oracle.back() * oracle.back();
+        double d = 1e300;
+        for (int t = 0; t < b.getNumTriangles(); ++t) d = std::min(d, triangleDistance(p, b, t));
+        oracle.push_back(d);
+        maximum = std::max(maximum, d);
+        sum += d;
+        sum2 += d * d;
       }
       MeshDeviation first;
       kx::vector<double> firstDistances;
@@ -99,13 +98,18 @@ TEST(MeshDeviation, MatchesBruteForceOnRandomMeshesForEveryThreadCount) {
         EXPECT_NEAR(r.maximum, maximum, 1e-9);
         EXPECT_NEAR(r.mean, sum / points.size(), 1e-9);
         EXPECT_NEAR(r.rms, std::sqrt(sum2 / points.size()), 1e-9);
-        for (int v = 0; v < a.getNumVertices(); ++v) EXPECT_NEAR(distances[v], oracle[v], 1e-9);
+        EXPECT_TRUE(std::isnan(distances[seed]));
+        for (int v = 0, i = 0; v < a.getNumVertices(); ++v) {
+          if (v != int(seed)) {
+            EXPECT_NEAR(distances[v], oracle[i++], 1e-9);
+          }
+        }
         if (threads == 1) first = r, firstDistances = distances;
         EXPECT_EQ(r.maximum, first.maximum);
         EXPECT_EQ(r.mean, first.mean);
         EXPECT_EQ(r.rms, first.rms);
         EXPECT_EQ(r.farthest, first.farthest);
-        EXPECT_TRUE(distances == firstDistances);
+        EXPECT_EQ(std::memcmp(distances.data(), firstDistances.data(), 8 * distances.size()), 0);
       });
       double hausdorff = 0;
       MeshDeviation forward, backward;

@@ -199,7 +199,7 @@ check "convert through a symlink" run 0 convert "$work/square.mesh" "$work/link.
 check "symlink kept" [ -L "$work/link.obj" ]
 check "symlink target written" grep -q '^f ' "$work/real.obj"
 mkfifo "$work/pipe.obj"
-cat "$work/pipe.obj" >"$work/from-pipe.obj" &
+timeout 60 cat "$work/pipe.obj" >"$work/from-pipe.obj" &
 check "convert into a FIFO" run 0 convert "$work/square.mesh" "$work/pipe.obj"
 wait
 check "FIFO kept" [ -p "$work/pipe.obj" ]
