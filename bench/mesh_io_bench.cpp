@@ -1,13 +1,15 @@
 // OBJ reading speed on a dense sphere of about 830k triangles, written once
 // to temporary files (positions only, and with "i/i/i" normals and UVs).
 // With KXGEOM_BENCH_PEERS the same files are read by tinyobjloader in the
-// same run and the ratio of the best CPU times is printed at the end.
+// same run and the ratio of the best CPU times is printed at the end; with
+// CGAL, writing the positions-only file is timed against CGAL's OBJ writer.
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <map>
 #include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
@@ -18,6 +20,10 @@
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <tiny_obj_loader.h>
+#endif
+#ifdef KXGEOM_BENCH_CGAL
+#include <CGAL/IO/OBJ.h>
+#include <CGAL/Simple_cartesian.h>
 #endif
 
 namespace {
@@ -106,6 +112,44 @@ void BM_TinyObjLoadObj(benchmark::State& state) {
 BENCHMARK(BM_TinyObjLoadObj)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(0.5);
 #endif
 
+// Writing the positions-only mesh (v/f lines), ours and CGAL's writer.
+void BM_MeshWriteObj(benchmark::State& state) {
+  kxGeom::CompactMesh mesh;
+  kxGeom::meshReadObj(mesh, files().plain);
+  const std::string out = (files().dir / "written.obj").string();
+  for (auto _ : state) {
+    const double start = cpuSeconds();
+    benchmark::DoNotOptimize(kxGeom::meshWriteObj(mesh, out));
+    record("kxgeom write", cpuSeconds() - start);
+  }
+}
+BENCHMARK(BM_MeshWriteObj)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+
+#ifdef KXGEOM_BENCH_CGAL
+void BM_CgalWriteObj(benchmark::State& state) {
+  using Point = CGAL::Simple_cartesian<double>::Point_3;
+  kxGeom::CompactMesh mesh;
+  kxGeom::meshReadObj(mesh, files().plain);
+  std::vector<Point> points;
+  for (int v = 0; v < mesh.getNumVertices(); ++v) {
+    const kxGeom::MeshVertex& p = mesh.getVertices()[v];
+    points.emplace_back(p.x, p.y, p.z);
+  }
+  std::vector<std::vector<std::size_t>> polygons;
+  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
+    const kxGeom::MeshTriangle& tri = mesh.getTriangles()[t];
+    polygons.push_back({std::size_t(tri[0]), std::size_t(tri[1]), std::size_t(tri[2])});
+  }
+  const std::string out = (files().dir / "cgal.obj").string();
+  for (auto _ : state) {
+    const double start = cpuSeconds();
+    benchmark::DoNotOptimize(CGAL::IO::write_OBJ(out, points, polygons));
+    record("CGAL write", cpuSeconds() - start);
+  }
+}
+BENCHMARK(BM_CgalWriteObj)->Unit(benchmark::kMillisecond)->MinTime(0.5);
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -122,6 +166,12 @@ int main(int argc, char** argv) {
         "ms)\n",
         kindName(which), files().triangles, peer->second / ours->second, 1e3 * peer->second,
         1e3 * ours->second);
+  }
+  const auto& t = bestTimes();
+  const auto ours = t.find("kxgeom write"), peer = t.find("CGAL write");
+  if (ours != t.end() && peer != t.end()) {
+    std::printf("OBJ write v/f: CGAL / meshWriteObj = %.2fx (best CPU %.1f ms vs %.1f ms)\n",
+                peer->second / ours->second, 1e3 * peer->second, 1e3 * ours->second);
   }
   benchmark::Shutdown();
   return 0;

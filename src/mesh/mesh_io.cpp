@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <locale>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -403,34 +401,47 @@ const char* missingKind(ObjError e) {
 
 // ---- OBJ writing ----------------------------------------------------------------
 
-void writeObjVertices(std::ostream& os, const CompactMesh& mesh) {
-  const int n = mesh.getNumVertices();
-  const MeshVertex* v = mesh.getVertices();
-  for (int i = 0; i < n; ++i) os << "v " << v[i].x << " " << v[i].y << " " << v[i].z << "\n";
-  if (const MeshNormal* vn = mesh.getNormals()) {
-    for (int i = 0; i < n; ++i) os << "vn " << vn[i].x << " " << vn[i].y << " " << vn[i].z << "\n";
-  }
-  if (const MeshUV* vt = mesh.getUVs()) {
-    for (int i = 0; i < n; ++i) os << "vt " << vt[i].u << " " << vt[i].v << "\n";
+// The stream's default formatting, which the OBJ files of this writer have
+// always had: six significant digits, shortest form.
+constexpr int kObjDigits = 6;
+
+void writeObjValues(fileio::OutputFile& out, const char* keyword, const float* values, int count,
+                    int stride) {
+  for (int i = 0; i < count; ++i, values += stride) {
+    out.text(keyword);
+    for (int k = 0; k < stride; ++k) {
+      out.character(' ');
+      out.number(values[k], kObjDigits);
+    }
+    out.character('\n');
   }
 }
 
-void writeObjFace(std::ostream& os, const MeshTriangle& t, bool normals, bool uvs) {
-  os << "f ";
+void writeObjVertices(fileio::OutputFile& out, const CompactMesh& mesh) {
+  const int n = mesh.getNumVertices();
+  writeObjValues(out, "v", mesh.getVerticesRaw(), n, 3);
+  if (mesh.getNormals()) writeObjValues(out, "vn", mesh.getNormalsRaw(), n, 3);
+  if (mesh.getUVs()) writeObjValues(out, "vt", mesh.getUVsRaw(), n, 2);
+}
+
+void writeObjFace(fileio::OutputFile& out, const MeshTriangle& t, bool normals, bool uvs) {
+  out.text("f ");
   for (int k = 0; k < 3; ++k) {
-    const int i = t[k] + 1;
-    if (normals && uvs) {
-      os << i << "/" << i << "/" << i;
-    } else if (normals) {
-      os << i << "//" << i;
-    } else if (uvs) {
-      os << i << "/" << i;
+    const long long i = t[k] + 1ll;
+    out.number(i);
+    if (normals || uvs) {
+      out.text(normals && !uvs ? "//" : "/");
+      out.number(i);
+      if (normals && uvs) {
+        out.character('/');
+        out.number(i);
+      }
     } else {
-      os << i << " ";
+      out.character(' ');
     }
-    if (k < 2) os << " ";
+    if (k < 2) out.character(' ');
   }
-  os << "\n";
+  out.character('\n');
 }
 
 bool subsetsInRange(const CompactMesh& mesh, const kx::list<kx::Reference<MeshSubset>>& subsets) {
@@ -444,31 +455,22 @@ bool subsetsInRange(const CompactMesh& mesh, const kx::list<kx::Reference<MeshSu
   return true;
 }
 
-// Opens a text stream for the OBJ writers in the classic locale, so an
-// application's global locale cannot change the number format.
-bool openObjStream(const kxOS::Filename& filename, std::ofstream& os) {
-  os.open(filename.asMultibyte().c_str());
-  os.imbue(std::locale::classic());
-  return bool(os);
-}
-
 bool writeMaterialLibrary(const kx::list<kxUtil::Color>& colours, const kxOS::Filename& filename) {
-  std::ofstream os;
-  if (!openObjStream(filename, os)) return false;
+  fileio::OutputFile out;
+  if (!out.open(filename.asMultibyte().c_str())) return false;
   int k = 0;
   for (const kxUtil::Color& c : colours) {
-    os << "newmtl mat" << k++ << "\n"
-       << "Ns 100.0\n"
-       << "d 1.0\n"
-       << "illum 2\n"
-       << "Kd " << c.red() << " " << c.green() << " " << c.blue() << "\n"
-       << "Ka 1.0 1.0 1.0\n"
-       << "Ks 1.0 1.0 1.0\n"
-       << "Ke 0.0 0.0 0.0\n"
-       << "\n";
+    out.text("newmtl mat");
+    out.number(static_cast<long long>(k++));
+    out.text("\nNs 100.0\nd 1.0\nillum 2\nKd ");
+    const float kd[3] = {c.red(), c.green(), c.blue()};
+    for (int i = 0; i < 3; ++i) {
+      if (i) out.character(' ');
+      out.number(kd[i], kObjDigits);
+    }
+    out.text("\nKa 1.0 1.0 1.0\nKs 1.0 1.0 1.0\nKe 0.0 0.0 0.0\n\n");
   }
-  os.flush();
-  return bool(os);
+  return out.close();
 }
 
 }  // namespace
@@ -619,35 +621,37 @@ bool meshReadObj(CompactMesh& mesh, const kxOS::Filename& filename) {
 }
 
 bool meshWriteObj(const CompactMesh& mesh, const kxOS::Filename& filename) {
-  std::ofstream os;
-  if (!openObjStream(filename, os)) return false;
-  writeObjVertices(os, mesh);
+  fileio::OutputFile out;
+  if (!out.open(filename.asMultibyte().c_str())) return false;
+  writeObjVertices(out, mesh);
   const bool normals = mesh.getNormals() != nullptr, uvs = mesh.getUVs() != nullptr;
   const MeshTriangle* t = mesh.getTriangles();
-  for (int i = 0; i < mesh.getNumTriangles(); ++i) writeObjFace(os, t[i], normals, uvs);
-  os.flush();
-  return bool(os);
+  for (int i = 0; i < mesh.getNumTriangles(); ++i) writeObjFace(out, t[i], normals, uvs);
+  return out.close();
 }
 
 bool meshWriteObj(const CompactMesh& mesh, const kx::list<kx::Reference<MeshSubset>>& subsets,
                   const kx::list<kxUtil::Color>& colours, const kxOS::Filename& filename) {
   if (!subsetsInRange(mesh, subsets)) return false;
-  std::ofstream os;
-  if (!openObjStream(filename, os)) return false;
-  os << "mtllib " << filename.baseName().c_str() << ".mtl\n";
-  writeObjVertices(os, mesh);
+  fileio::OutputFile out;
+  if (!out.open(filename.asMultibyte().c_str())) return false;
+  out.text("mtllib ");
+  out.text(filename.baseName().c_str());
+  out.text(".mtl\n");
+  writeObjVertices(out, mesh);
   const bool normals = mesh.getNormals() != nullptr, uvs = mesh.getUVs() != nullptr;
   const MeshTriangle* t = mesh.getTriangles();
   int k = 0;
   for (const kx::Reference<MeshSubset>& s : subsets) {
-    os << "usemtl mat" << k++ << "\n";
+    out.text("usemtl mat");
+    out.number(static_cast<long long>(k++));
+    out.character('\n');
     if (!s) continue;
     for (int i = 0; i < s->getNumTriangles(); ++i) {
-      writeObjFace(os, t[s->getTriangles()[i]], normals, uvs);
+      writeObjFace(out, t[s->getTriangles()[i]], normals, uvs);
     }
   }
-  os.flush();
-  return bool(os) && writeMaterialLibrary(colours, filename.withExtension(".mtl"));
+  return out.close() && writeMaterialLibrary(colours, filename.withExtension(".mtl"));
 }
 
 }  // namespace kxGeom
