@@ -91,28 +91,72 @@ struct HeapEntry {
   int time;
 };
 
-/// A binary min-heap of queued edges.
-class EdgeHeap {
+/// The queued edges in order of error: a binary heap of the entries up to
+/// a limit, small enough to stay in cache, and an unordered overflow list
+/// above it from which the heap is refilled with the cheapest entries when
+/// it runs dry. Every entry in the heap is no costlier than any in the
+/// overflow, so entries leave in the order of one big heap.
+class EdgeQueue {
  public:
   void assign(std::vector<HeapEntry>&& entries) {
-    entries_ = std::move(entries);
-    std::make_heap(entries_.begin(), entries_.end(), later);
+    overflow_ = std::move(entries);
+    heap_.clear();
   }
-  bool empty() const { return entries_.empty(); }
+  bool empty() const { return heap_.empty(); }
+  const HeapEntry& top() const { return heap_[0]; }
   void push(const HeapEntry& e) {
-    entries_.push_back(e);
-    std::push_heap(entries_.begin(), entries_.end(), later);
+    if (!(e.error2 <= limit_)) {
+      overflow_.push_back(e);
+      return;
+    }
+    std::size_t i = heap_.size();
+    heap_.push_back(e);
+    for (; i > 0 && e.error2 < heap_[(i - 1) / 2].error2; i = (i - 1) / 2)
+      heap_[i] = heap_[(i - 1) / 2];
+    heap_[i] = e;
   }
-  HeapEntry pop() {
-    std::pop_heap(entries_.begin(), entries_.end(), later);
-    const HeapEntry e = entries_.back();
-    entries_.pop_back();
-    return e;
+  void pop() {
+    const HeapEntry last = heap_.back();
+    heap_.pop_back();
+    if (!heap_.empty()) siftDown(0, last);
+  }
+  /// Replaces the top by e (the same edge, re-evaluated).
+  void replaceTop(const HeapEntry& e) {
+    if (e.error2 <= limit_) return siftDown(0, e);
+    pop();
+    overflow_.push_back(e);
+  }
+  /// Moves the cheapest overflow entries into the empty heap, first
+  /// dropping those `dead` rejects; the heap stays empty when none are left.
+  template <class Dead>
+  void refill(Dead dead) {
+    overflow_.erase(std::remove_if(overflow_.begin(), overflow_.end(), dead), overflow_.end());
+    if (overflow_.empty()) return;
+    const std::size_t count = std::min(overflow_.size(), std::max(kMinBatch, overflow_.size() / 8));
+    std::nth_element(overflow_.begin(), overflow_.begin() + (count - 1), overflow_.end(),
+                     [](const HeapEntry& p, const HeapEntry& q) { return p.error2 < q.error2; });
+    limit_ = overflow_[count - 1].error2;
+    heap_.assign(overflow_.begin(), overflow_.begin() + count);
+    overflow_.erase(overflow_.begin(), overflow_.begin() + count);
+    for (std::size_t i = heap_.size() / 2; i-- > 0;) siftDown(i, heap_[i]);
   }
 
  private:
-  static bool later(const HeapEntry& p, const HeapEntry& q) { return p.error2 > q.error2; }
-  std::vector<HeapEntry> entries_;
+  static constexpr std::size_t kMinBatch = 1 << 16;
+
+  /// Places e at hole i or below, moving smaller children up.
+  void siftDown(std::size_t i, const HeapEntry e) {
+    const std::size_t n = heap_.size();
+    for (std::size_t child = 2 * i + 1; child < n; i = child, child = 2 * i + 1) {
+      if (child + 1 < n && heap_[child + 1].error2 < heap_[child].error2) ++child;
+      if (!(heap_[child].error2 < e.error2)) break;
+      heap_[i] = heap_[child];
+    }
+    heap_[i] = e;
+  }
+
+  std::vector<HeapEntry> heap_, overflow_;
+  float limit_ = -1;
 };
 
 /// A collapse: `removed` merges into `survivor`, which moves to `position`.
@@ -181,12 +225,22 @@ class Reducer {
     const int before = liveTriangles_;
     result.stop = MeshReduceStop::TargetReached;
     while (liveTriangles_ > target) {
-      if (heap_.empty()) {
+      if (queue_.empty())
+        queue_.refill([this](const HeapEntry& e) { return gone(e.a) || gone(e.b); });
+      if (queue_.empty()) {
         result.stop = MeshReduceStop::Exhausted;
         break;
       }
-      const HeapEntry e = heap_.pop();
-      if (lastChange_[e.a] > e.time || lastChange_[e.b] > e.time) continue;
+      const HeapEntry e = queue_.top();
+      if (gone(e.a) || gone(e.b)) {
+        queue_.pop();
+        continue;
+      }
+      if (stale(e)) {
+        queue_.replaceTop(edgeEntry(e.a, e.b));
+        continue;
+      }
+      queue_.pop();
       const Candidate c = candidate(e.a, e.b);
       const double error = std::sqrt(c.error2);
       if (error > options_.maxError) {
@@ -245,6 +299,10 @@ class Reducer {
   }
 
  private:
+  bool gone(int v) const { return lastChange_[v] == INT_MAX; }
+  bool stale(const HeapEntry& e) const {
+    return lastChange_[e.a] > e.time || lastChange_[e.b] > e.time;
+  }
   bool live(int t) const { return corners_[t][0] >= 0; }
   Point position(int v) const { return positions_[v].asPoint(); }
   bool locked(int v) const { return flags_[v] & kLocked; }
@@ -384,9 +442,9 @@ class Reducer {
       std::vector<Spoke> spokes;
       for (int v = begin; v < end; ++v) {
         gatherSpokes(v, spokes);
-        HeapEntry e;
         for (const Spoke& s : spokes) {
-          if (s.vertex > v && edgeEntry(v, s.vertex, e)) parts[thread].push_back(e);
+          if (s.vertex > v && collapsible(v, s.vertex))
+            parts[thread].push_back(edgeEntry(v, s.vertex));
         }
       }
     });
@@ -395,19 +453,16 @@ class Reducer {
     for (const auto& p : parts) total += p.size();
     all.reserve(total);
     for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-    heap_.assign(std::move(all));
+    queue_.assign(std::move(all));
   }
 
-  /// The queue entry of edge a-b now; false when both ends are locked.
-  bool edgeEntry(int a, int b, HeapEntry& e) const {
-    if (locked(a) && locked(b)) return false;
-    e = {float(candidate(a, b).error2), a, b, time_};
-    return true;
-  }
+  /// The queue entry of edge a-b as it is now.
+  HeapEntry edgeEntry(int a, int b) const { return {float(candidate(a, b).error2), a, b, time_}; }
+  /// Whether edge a-b may collapse at all.
+  bool collapsible(int a, int b) const { return !(locked(a) && locked(b)); }
 
   void queueEdge(int a, int b) {
-    HeapEntry e;
-    if (edgeEntry(a, b, e)) heap_.push(e);
+    if (collapsible(a, b)) queue_.push(edgeEntry(a, b));
   }
 
   /// Where the collapse of a-b puts its vertex, and which end survives.
@@ -483,6 +538,7 @@ class Reducer {
         if (star.shared == 2) return false;
         star.sharedTri[star.shared] = t;
         star.opposite[star.shared++] = x == c.removed ? y : x;
+        marks_[x == c.removed ? y : x] = stamp;
         continue;
       }
       marks_[x] = marks_[y] = stamp;
@@ -552,13 +608,19 @@ class Reducer {
     liveTriangles_ -= star.shared;
     const int s = c.survivor, r = c.removed;
     const int begin = int(incidence_.size());
+    newNeighbours_.clear();
     appendLive(s);
     for (int i = 0; i < triangleCount(r); ++i) {
       const int t = trianglesOf(r)[i];
       if (!live(t)) continue;
       MeshTriangle& corners = corners_[t];
       for (int k = 0; k < 3; ++k) {
-        if (corners[k] == r) corners[k] = s;
+        if (corners[k] == r) {
+          corners[k] = s;
+        } else if (marks_[corners[k]] != stamp_) {
+          marks_[corners[k]] = stamp_;
+          newNeighbours_.push_back(corners[k]);
+        }
       }
       incidence_.push_back(t);
     }
@@ -571,7 +633,8 @@ class Reducer {
     mergedInto_[r] = s;
     lastChange_[r] = INT_MAX;
     lastChange_[s] = ++time_;
-    queueRing(s);
+    for (int x : newNeighbours_) queueEdge(s, x);
+    requeueAround(s);
   }
 
   void appendLive(int v) {
@@ -602,37 +665,37 @@ class Reducer {
     }
   }
 
-  /// Queues the edges of v's neighbours that were refused since they last
-  /// changed, then v's own edges.
-  void queueRing(int v) {
-    const unsigned stamp = nextStamp();
-    ring_.clear();
-    for (int i = 0; i < triangleCount(v); ++i) {
-      int x, y;
-      othersOf(trianglesOf(v)[i], v, x, y);
-      for (int w : {x, y}) {
-        if (marks_[w] != stamp) marks_[w] = stamp, ring_.push_back(w);
-      }
-    }
-    for (int w : ring_) {
-      if (flags_[w] & kBlocked) requeue(w, v);
-    }
-    for (int w : ring_) queueEdge(v, w);
+  /// Queues again the refused edges that the last collapse, at v, may have
+  /// freed: those from v and its neighbours to other blocked vertices.
+  void requeueAround(int v) {
+    blocked_.clear();
+    if (flags_[v] & kBlocked) blocked_.push_back(v);
+    forEachNeighbour(v, [&](int w) {
+      if (flags_[w] & kBlocked) blocked_.push_back(w);
+    });
+    for (int w : blocked_) requeue(w);
   }
 
-  /// Queues every edge of w but the one to `skip` again.
-  void requeue(int w, int skip) {
+  /// Queues the edges from w to blocked neighbours (a refused edge leaves
+  /// both its ends blocked) and unblocks w.
+  void requeue(int w) {
     flags_[w] &= ~kBlocked;
-    lastChange_[w] = time_;
+    forEachNeighbour(w, [&](int x) {
+      if (flags_[x] & kBlocked) queueEdge(w, x);
+    });
+  }
+
+  /// Calls fn once for every vertex that shares a live triangle with v.
+  template <class Fn>
+  void forEachNeighbour(int v, Fn&& fn) {
     const unsigned stamp = nextStamp();
-    marks_[skip] = stamp;
-    for (int i = 0; i < triangleCount(w); ++i) {
-      const int t = trianglesOf(w)[i];
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
       if (!live(t)) continue;
       int x, y;
-      othersOf(t, w, x, y);
-      for (int u : {x, y}) {
-        if (marks_[u] != stamp) marks_[u] = stamp, queueEdge(w, u);
+      othersOf(t, v, x, y);
+      for (int w : {x, y}) {
+        if (marks_[w] != stamp) marks_[w] = stamp, fn(w);
       }
     }
   }
@@ -715,8 +778,8 @@ class Reducer {
   std::vector<int> incidence_, listBegin_, listCount_;
   std::vector<unsigned> marks_;
   unsigned stamp_ = 0;
-  std::vector<int> ring_;
-  EdgeHeap heap_;
+  std::vector<int> newNeighbours_, blocked_;
+  EdgeQueue queue_;
   int time_ = 0;
   int liveTriangles_ = 0;
 };
@@ -766,8 +829,8 @@ MeshReduceResult meshReduce(CompactMesh& mesh, const MeshReduceOptions& options,
     }
   }
   debugChannel().print(
-      "meshReduce: %d -> %d triangles, %d -> %d vertices, %d collapses, max error %g, status %d: "
-      "%f s\n",
+      "meshReduce: %d -> %d triangles, %d -> %d vertices, %d collapses, max error %g, "
+      "status %d: %f s\n",
       result.trianglesBefore, result.trianglesAfter, result.verticesBefore, result.verticesAfter,
       result.collapses, result.maxError, int(result.status), watch.stop());
   return result;
