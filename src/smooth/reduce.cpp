@@ -170,8 +170,8 @@ struct Candidate {
 struct EdgeStar {
   int shared = 0;  // triangles holding both ends (1 on a boundary edge, 2 inside)
   int sharedTri[2] = {-1, -1};
-  int opposite[2] = {-1, -1};  // their third corners
-  int removedValence = 0;
+  int opposite[2] = {-1, -1};      // their third corners
+  bool closesTetrahedron = false;  // the larger fan has a triangle on both
 };
 
 /// One neighbour of a vertex during the setup: how many of the vertex's
@@ -179,6 +179,25 @@ struct EdgeStar {
 /// turns to next.
 struct Spoke {
   int vertex, out, in, next;
+};
+
+/// Everything the collapses read of a vertex, in two cache lines: the
+/// quadric fills the first; the second holds what is also read of the
+/// neighbours (position, stamps, flags, triangle list).
+struct alignas(64) VertexRecord {
+  Quadric quadric;
+  MeshVertex position;
+  int lastChange = 0;  // time of the last change; INT_MAX once merged away
+  // A slice of the incidence array listing the vertex's triangles; a
+  // collapse appends the survivor's merged list, so slices only move forward.
+  int listBegin = 0, listCount = 0;
+  unsigned mark = 0;  // visit stamp
+  unsigned char flags = 0;
+  // Refused edges of the vertex are retried after 1, 2, 4, ... changes
+  // around it, so that a hub whose collapses keep failing (the centre of a
+  // fan of slivers) is not re-examined at every change of its large fan.
+  unsigned char retryShift = 0;
+  unsigned short retryCountdown = 0;
 };
 
 /// The reduction's working copy of the mesh and its queue.
@@ -189,8 +208,9 @@ class Reducer {
         numVertices_(mesh.getNumVertices()),
         numTriangles_(mesh.getNumTriangles()),
         corners_(mesh.getTriangles(), mesh.getTriangles() + numTriangles_),
-        positions_(mesh.getVertices(), mesh.getVertices() + numVertices_),
+        vertices_(numVertices_),
         cosMaxChange_(std::cos(options.maxNormalChange * 3.14159265358979323846 / 180)) {
+    for (int v = 0; v < numVertices_; ++v) vertices_[v].position = mesh.getVertices()[v];
     if (const MeshNormal* n = mesh.getNormals()) normals_.assign(n, n + numVertices_);
     if (const MeshUV* uv = mesh.getUVs()) uvs_.assign(uv, uv + numVertices_);
   }
@@ -206,11 +226,7 @@ class Reducer {
 
   void prepare(const BitVector& selection, kxUtil::ThreadPool& pool) {
     buildIncidence();
-    flags_.assign(numVertices_, 0);
-    quadrics_.assign(numVertices_, Quadric());
-    lastChange_.assign(numVertices_, 0);
     mergedInto_.assign(numVertices_, -1);
-    marks_.assign(numVertices_, 0);
     liveTriangles_ = numTriangles_;
     kxUtil::forEachRange(pool, numVertices_, [&](int, int begin, int end) {
       std::vector<Spoke> spokes;
@@ -225,22 +241,14 @@ class Reducer {
     const int before = liveTriangles_;
     result.stop = MeshReduceStop::TargetReached;
     while (liveTriangles_ > target) {
-      if (queue_.empty())
-        queue_.refill([this](const HeapEntry& e) { return gone(e.a) || gone(e.b); });
+      if (queue_.empty()) queue_.refill([this](const HeapEntry& e) { return stale(e); });
       if (queue_.empty()) {
         result.stop = MeshReduceStop::Exhausted;
         break;
       }
       const HeapEntry e = queue_.top();
-      if (gone(e.a) || gone(e.b)) {
-        queue_.pop();
-        continue;
-      }
-      if (stale(e)) {
-        queue_.replaceTop(edgeEntry(e.a, e.b));
-        continue;
-      }
       queue_.pop();
+      if (stale(e)) continue;
       const Candidate c = candidate(e.a, e.b);
       const double error = std::sqrt(c.error2);
       if (error > options_.maxError) {
@@ -248,8 +256,8 @@ class Reducer {
         break;
       }
       if (!collapseIfValid(c)) {
-        flags_[e.a] |= kBlocked;
-        flags_[e.b] |= kBlocked;
+        vertices_[e.a].flags |= kBlocked;
+        vertices_[e.b].flags |= kBlocked;
         continue;
       }
       result.maxError = std::max(result.maxError, error);
@@ -279,7 +287,10 @@ class Reducer {
     MeshRemap maps(&vertexMap, &triangleMap);
     MeshModification mod(&mesh, MeshModification::TopologyChanged, &maps);
     mesh.resizeVertexArray(kept);
-    writeSurvivors(positions_.data(), mesh.getVertices());
+    MeshVertex* positions = mesh.getVertices();
+    for (int v = 0; v < numVertices_; ++v) {
+      if (mergedInto_[v] < 0) *positions++ = vertices_[v].position;
+    }
     if (!normals_.empty()) {
       writeSurvivors(normals_.data(), mesh.getNormals());
       mod.normalsModified();
@@ -299,32 +310,33 @@ class Reducer {
   }
 
  private:
-  bool gone(int v) const { return lastChange_[v] == INT_MAX; }
+  bool gone(int v) const { return vertices_[v].lastChange == INT_MAX; }
   bool stale(const HeapEntry& e) const {
-    return lastChange_[e.a] > e.time || lastChange_[e.b] > e.time;
+    return vertices_[e.a].lastChange > e.time || vertices_[e.b].lastChange > e.time;
   }
   bool live(int t) const { return corners_[t][0] >= 0; }
-  Point position(int v) const { return positions_[v].asPoint(); }
-  bool locked(int v) const { return flags_[v] & kLocked; }
-  const int* trianglesOf(int v) const { return incidence_.data() + listBegin_[v]; }
-  int triangleCount(int v) const { return listCount_[v]; }
+  Point position(int v) const { return vertices_[v].position.asPoint(); }
+  bool locked(int v) const { return vertices_[v].flags & kLocked; }
+  const int* trianglesOf(int v) const { return incidence_.data() + vertices_[v].listBegin; }
+  int triangleCount(int v) const { return vertices_[v].listCount; }
 
   /// The vertex-to-triangles lists by a counting sort, in triangle order.
   void buildIncidence() {
-    listBegin_.assign(numVertices_ + 1, 0);
-    listCount_.assign(numVertices_, 0);
     for (const MeshTriangle& t : corners_) {
-      for (int k = 0; k < 3; ++k) ++listCount_[t[k]];
+      for (int k = 0; k < 3; ++k) ++vertices_[t[k]].listCount;
     }
-    for (int v = 0; v < numVertices_; ++v) listBegin_[v + 1] = listBegin_[v] + listCount_[v];
+    std::vector<int> fill(numVertices_);
+    int total = 0;
+    for (int v = 0; v < numVertices_; ++v) {
+      fill[v] = vertices_[v].listBegin = total;
+      total += vertices_[v].listCount;
+    }
     // Room for the merged lists the collapses append.
-    incidence_.reserve(std::size_t(listBegin_[numVertices_]) * 2);
-    incidence_.resize(listBegin_[numVertices_]);
-    std::vector<int> fill(listBegin_.begin(), listBegin_.end() - 1);
+    incidence_.reserve(std::size_t(total) * 2);
+    incidence_.resize(total);
     for (int t = 0; t < numTriangles_; ++t) {
       for (int k = 0; k < 3; ++k) incidence_[fill[corners_[t][k]]++] = t;
     }
-    listBegin_.pop_back();
   }
 
   /// The spoke of `w` in `spokes`, added when missing.
@@ -359,7 +371,7 @@ class Reducer {
   }
 
   bool finite(int v) const {
-    const MeshVertex& p = positions_[v];
+    const MeshVertex& p = vertices_[v].position;
     return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
   }
 
@@ -385,7 +397,7 @@ class Reducer {
   /// their corners, so vertices may be classified concurrently).
   void classify(int v, const BitVector& selection, std::vector<Spoke>& spokes) {
     if (triangleCount(v) == 0) {
-      flags_[v] = kLocked;
+      vertices_[v].flags = kLocked;
       return;
     }
     bool open = false;
@@ -395,8 +407,8 @@ class Reducer {
         (options_.lockSelected && v < selection.size() && selection.isBitSet(v))) {
       f |= kLocked;
     }
-    flags_[v] = f;
-    Quadric& q = quadrics_[v];
+    vertices_[v].flags = f;
+    Quadric& q = vertices_[v].quadric;
     for (int i = 0; i < triangleCount(v); ++i) {
       const MeshTriangle& t = corners_[trianglesOf(v)[i]];
       if (finite(t[0]) && finite(t[1]) && finite(t[2]))
@@ -467,8 +479,8 @@ class Reducer {
 
   /// Where the collapse of a-b puts its vertex, and which end survives.
   Candidate candidate(int a, int b) const {
-    Quadric q = quadrics_[a];
-    q.add(quadrics_[b]);
+    Quadric q = vertices_[a].quadric;
+    q.add(vertices_[b].quadric);
     const Point pa = position(a), pb = position(b);
     if (locked(a) || locked(b)) {
       const int s = locked(a) ? a : b;
@@ -497,7 +509,7 @@ class Reducer {
 
   unsigned nextStamp() {
     if (++stamp_ == 0) {
-      std::fill(marks_.begin(), marks_.end(), 0u);
+      for (VertexRecord& r : vertices_) r.mark = 0;
       stamp_ = 1;
     }
     return stamp_;
@@ -523,64 +535,88 @@ class Reducer {
     y = c[(k + 2) % 3];
   }
 
-  /// Walks the survivor's triangles: finds the edge's triangles, marks the
-  /// survivor's other neighbours and checks the triangles that see it move.
-  bool checkSurvivorSide(const Candidate& c, EdgeStar& star) {
-    const unsigned stamp = nextStamp();
-    const Point from = position(c.survivor);
-    const bool moves = from != c.position;
-    for (int i = 0; i < triangleCount(c.survivor); ++i) {
-      const int t = trianglesOf(c.survivor)[i];
-      if (!live(t)) continue;
-      int x, y;
-      othersOf(t, c.survivor, x, y);
-      if (x == c.removed || y == c.removed) {
-        if (star.shared == 2) return false;
-        star.sharedTri[star.shared] = t;
-        star.opposite[star.shared++] = x == c.removed ? y : x;
-        marks_[x == c.removed ? y : x] = stamp;
-        continue;
-      }
-      marks_[x] = marks_[y] = stamp;
-      if (moves && !keepsShape(from, c.position, x, y)) return false;
-    }
-    if (star.shared == 0) return false;
+  /// Whether the collapse keeps the surface a manifold of usable triangles.
+  /// The smaller fan is walked first, so that a refusal is usually found
+  /// there before a hub's large fan is read: it yields the edge's triangles
+  /// and marks its neighbours, against which the larger fan is checked.
+  bool collapseIfValid(const Candidate& c) {
+    EdgeStar star;
+    const bool survivorFirst = triangleCount(c.survivor) <= triangleCount(c.removed);
+    const int first = survivorFirst ? c.survivor : c.removed;
+    const int second = survivorFirst ? c.removed : c.survivor;
+    if (!walkSmallerFan(first, second, c, star) || !walkLargerFan(second, first, c, star))
+      return false;
     // An interior edge between two boundary vertices would pinch the
     // surface into one vertex.
-    return !(star.shared == 2 && (flags_[c.survivor] & kBoundary) &&
-             (flags_[c.removed] & kBoundary));
+    if (star.shared == 2 && boundary(first) && boundary(second)) return false;
+    // Both ends with a triangle on the two opposite corners: the collapse
+    // would leave two triangles on the same three vertices.
+    if (star.closesTetrahedron && hasTriangleOn(first, star.opposite[0], star.opposite[1]))
+      return false;
+    // A lone triangle (all three edges open) does not collapse.
+    if (star.shared == 1 && edgeTriangles(first, star.opposite[0]) == 1 &&
+        edgeTriangles(second, star.opposite[0]) == 1)
+      return false;
+    apply(c, star);
+    return true;
+  }
+
+  bool boundary(int v) const { return vertices_[v].flags & kBoundary; }
+
+  /// Whether v's corners move in the collapse: the removed end always, the
+  /// survivor unless it stays where it is.
+  bool moves(int v, const Candidate& c) const {
+    return v == c.removed || position(v) != c.position;
+  }
+
+  /// Walks v's triangles: finds those on the edge to `other`, marks the
+  /// other corners and checks the shape of the triangles that stay.
+  bool walkSmallerFan(int v, int other, const Candidate& c, EdgeStar& star) {
+    const unsigned stamp = nextStamp();
+    const bool moving = moves(v, c);
+    const Point from = position(v);
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
+      if (!live(t)) continue;
+      int x, y;
+      othersOf(t, v, x, y);
+      if (x == other || y == other) {
+        if (star.shared == 2) return false;
+        star.sharedTri[star.shared] = t;
+        star.opposite[star.shared++] = x == other ? y : x;
+        vertices_[x == other ? y : x].mark = stamp;
+        continue;
+      }
+      vertices_[x].mark = vertices_[y].mark = stamp;
+      if (moving && !keepsShape(from, c.position, x, y)) return false;
+    }
+    return star.shared > 0;
+  }
+
+  /// Walks v's triangles that stay: none may reach a neighbour of the other
+  /// end but the edge's opposite corners (the link condition), and each must
+  /// keep its shape.
+  bool walkLargerFan(int v, int other, const Candidate& c, EdgeStar& star) {
+    const bool moving = moves(v, c);
+    const Point from = position(v);
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
+      if (!live(t)) continue;
+      int x, y;
+      othersOf(t, v, x, y);
+      if (x == other || y == other) continue;
+      if ((vertices_[x].mark == stamp_ && !isOpposite(star, x)) ||
+          (vertices_[y].mark == stamp_ && !isOpposite(star, y)))
+        return false;
+      star.closesTetrahedron = star.closesTetrahedron ||
+                               (star.shared == 2 && isOpposite(star, x) && isOpposite(star, y));
+      if (moving && !keepsShape(from, c.position, x, y)) return false;
+    }
+    return true;
   }
 
   bool isOpposite(const EdgeStar& star, int v) const {
     return v == star.opposite[0] || v == star.opposite[1];
-  }
-
-  /// Walks the removed vertex's triangles: the link condition against the
-  /// survivor's marks, and the shape of every triangle that stays.
-  bool checkRemovedSide(const Candidate& c, EdgeStar& star) {
-    const Point from = position(c.removed);
-    bool closesTetrahedron = false;
-    for (int i = 0; i < triangleCount(c.removed); ++i) {
-      const int t = trianglesOf(c.removed)[i];
-      if (!live(t)) continue;
-      ++star.removedValence;
-      int x, y;
-      othersOf(t, c.removed, x, y);
-      if (x == c.survivor || y == c.survivor) continue;
-      if ((marks_[x] == stamp_ && !isOpposite(star, x)) ||
-          (marks_[y] == stamp_ && !isOpposite(star, y)))
-        return false;
-      closesTetrahedron =
-          closesTetrahedron || (star.shared == 2 && isOpposite(star, x) && isOpposite(star, y));
-      if (!keepsShape(from, c.position, x, y)) return false;
-    }
-    // Both ends with a triangle on the two opposite corners: the collapse
-    // would leave two triangles on the same three vertices.
-    if (closesTetrahedron && hasTriangleOn(c.survivor, star.opposite[0], star.opposite[1]))
-      return false;
-    // A lone triangle (all three edges open) does not collapse.
-    return !(star.shared == 1 && star.removedValence == 1 &&
-             edgeTriangles(c.survivor, star.opposite[0]) == 1);
   }
 
   bool hasTriangleOn(int v, int x, int y) const {
@@ -595,20 +631,12 @@ class Reducer {
     return false;
   }
 
-  bool collapseIfValid(const Candidate& c) {
-    EdgeStar star;
-    if (!checkSurvivorSide(c, star) || !checkRemovedSide(c, star)) return false;
-    apply(c, star);
-    return true;
-  }
-
   /// Performs the collapse and queues the survivor's edges anew.
   void apply(const Candidate& c, const EdgeStar& star) {
     for (int i = 0; i < star.shared; ++i) corners_[star.sharedTri[i]][0] = -1;
     liveTriangles_ -= star.shared;
     const int s = c.survivor, r = c.removed;
     const int begin = int(incidence_.size());
-    newNeighbours_.clear();
     appendLive(s);
     for (int i = 0; i < triangleCount(r); ++i) {
       const int t = trianglesOf(r)[i];
@@ -617,24 +645,20 @@ class Reducer {
       for (int k = 0; k < 3; ++k) {
         if (corners[k] == r) {
           corners[k] = s;
-        } else if (marks_[corners[k]] != stamp_) {
-          marks_[corners[k]] = stamp_;
-          newNeighbours_.push_back(corners[k]);
         }
       }
       incidence_.push_back(t);
     }
-    listBegin_[s] = begin;
-    listCount_[s] = int(incidence_.size()) - begin;
+    vertices_[s].listBegin = begin;
+    vertices_[s].listCount = int(incidence_.size()) - begin;
     carryAttributes(c);
-    positions_[s].set(c.position.data());
-    quadrics_[s].add(quadrics_[r]);
-    flags_[s] |= flags_[r] & kBoundary;
+    vertices_[s].position.set(c.position.data());
+    vertices_[s].quadric.add(vertices_[r].quadric);
+    vertices_[s].flags |= vertices_[r].flags & kBoundary;
     mergedInto_[r] = s;
-    lastChange_[r] = INT_MAX;
-    lastChange_[s] = ++time_;
-    for (int x : newNeighbours_) queueEdge(s, x);
-    requeueAround(s);
+    vertices_[r].lastChange = INT_MAX;
+    vertices_[s].lastChange = ++time_;
+    queueAround(s);
   }
 
   void appendLive(int v) {
@@ -665,23 +689,37 @@ class Reducer {
     }
   }
 
-  /// Queues again the refused edges that the last collapse, at v, may have
-  /// freed: those from v and its neighbours to other blocked vertices.
-  void requeueAround(int v) {
+  /// Queues the survivor's edges anew, and those refused edges of its
+  /// neighbours that are due for a retry.
+  void queueAround(int s) {
+    VertexRecord& survivor = vertices_[s];
+    survivor.flags &= ~kBlocked;
+    survivor.retryShift = 0;
+    survivor.retryCountdown = 0;
     blocked_.clear();
-    if (flags_[v] & kBlocked) blocked_.push_back(v);
-    forEachNeighbour(v, [&](int w) {
-      if (flags_[w] & kBlocked) blocked_.push_back(w);
+    forEachNeighbour(s, [&](int w) {
+      queueEdge(s, w);
+      if ((vertices_[w].flags & kBlocked) && retryDue(vertices_[w])) blocked_.push_back(w);
     });
     for (int w : blocked_) requeue(w);
+  }
+
+  static bool retryDue(VertexRecord& r) {
+    if (r.retryCountdown > 0) {
+      --r.retryCountdown;
+      return false;
+    }
+    r.retryCountdown = (1u << r.retryShift) - 1;
+    if (r.retryShift < 15) ++r.retryShift;
+    return true;
   }
 
   /// Queues the edges from w to blocked neighbours (a refused edge leaves
   /// both its ends blocked) and unblocks w.
   void requeue(int w) {
-    flags_[w] &= ~kBlocked;
+    vertices_[w].flags &= ~kBlocked;
     forEachNeighbour(w, [&](int x) {
-      if (flags_[x] & kBlocked) queueEdge(w, x);
+      if (vertices_[x].flags & kBlocked) queueEdge(w, x);
     });
   }
 
@@ -695,7 +733,7 @@ class Reducer {
       int x, y;
       othersOf(t, v, x, y);
       for (int w : {x, y}) {
-        if (marks_[w] != stamp) marks_[w] = stamp, fn(w);
+        if (vertices_[w].mark != stamp) vertices_[w].mark = stamp, fn(w);
       }
     }
   }
@@ -765,20 +803,14 @@ class Reducer {
   const MeshReduceOptions& options_;
   const int numVertices_, numTriangles_;
   std::vector<MeshTriangle> corners_;  // corner 0 is -1 once a triangle is gone
-  std::vector<MeshVertex> positions_;
+  std::vector<VertexRecord> vertices_;
   std::vector<MeshNormal> normals_;
   std::vector<MeshUV> uvs_;
   const double cosMaxChange_;
-  std::vector<Quadric> quadrics_;
-  std::vector<unsigned char> flags_;
-  std::vector<int> lastChange_;  // time of the last change; INT_MAX once merged away
   std::vector<int> mergedInto_;  // -1 while the vertex survives
-  // Per vertex, a slice of `incidence_` listing its triangles; a collapse
-  // appends the survivor's merged list, so slices only ever move forward.
-  std::vector<int> incidence_, listBegin_, listCount_;
-  std::vector<unsigned> marks_;
+  std::vector<int> incidence_;   // the vertices' triangle lists
   unsigned stamp_ = 0;
-  std::vector<int> newNeighbours_, blocked_;
+  std::vector<int> blocked_;
   EdgeQueue queue_;
   int time_ = 0;
   int liveTriangles_ = 0;
