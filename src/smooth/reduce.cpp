@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <cstdint>
 #include <vector>
 
 #include <kxgeom/platform/os.h>
@@ -119,12 +118,6 @@ class EdgeQueue {
     const HeapEntry last = heap_.back();
     heap_.pop_back();
     if (!heap_.empty()) siftDown(0, last);
-  }
-  /// Replaces the top by e (the same edge, re-evaluated).
-  void replaceTop(const HeapEntry& e) {
-    if (e.error2 <= limit_) return siftDown(0, e);
-    pop();
-    overflow_.push_back(e);
   }
   /// Moves the cheapest overflow entries into the empty heap, first
   /// dropping those `dead` rejects; the heap stays empty when none are left.
@@ -287,16 +280,13 @@ class Reducer {
     MeshRemap maps(&vertexMap, &triangleMap);
     MeshModification mod(&mesh, MeshModification::TopologyChanged, &maps);
     mesh.resizeVertexArray(kept);
-    MeshVertex* positions = mesh.getVertices();
-    for (int v = 0; v < numVertices_; ++v) {
-      if (mergedInto_[v] < 0) *positions++ = vertices_[v].position;
-    }
+    writeSurvivors(mesh.getVertices(), [this](int v) { return vertices_[v].position; });
     if (!normals_.empty()) {
-      writeSurvivors(normals_.data(), mesh.getNormals());
+      writeSurvivors(mesh.getNormals(), [this](int v) { return normals_[v]; });
       mod.normalsModified();
     }
     if (!uvs_.empty()) {
-      writeSurvivors(uvs_.data(), mesh.getUVs());
+      writeSurvivors(mesh.getUVs(), [this](int v) { return uvs_[v]; });
       mod.uvsModified();
     }
     mesh.copyTriangles(liveTriangles_, reinterpret_cast<const int*>(triangles.data()));
@@ -310,7 +300,6 @@ class Reducer {
   }
 
  private:
-  bool gone(int v) const { return vertices_[v].lastChange == INT_MAX; }
   bool stale(const HeapEntry& e) const {
     return vertices_[e.a].lastChange > e.time || vertices_[e.b].lastChange > e.time;
   }
@@ -643,9 +632,7 @@ class Reducer {
       if (!live(t)) continue;
       MeshTriangle& corners = corners_[t];
       for (int k = 0; k < 3; ++k) {
-        if (corners[k] == r) {
-          corners[k] = s;
-        }
+        if (corners[k] == r) corners[k] = s;
       }
       incidence_.push_back(t);
     }
@@ -763,11 +750,11 @@ class Reducer {
     return root;
   }
 
-  /// Copies the surviving vertices' records, in order, to `out`.
-  template <class T>
-  void writeSurvivors(const T* from, T* out) const {
+  /// Writes value(v) of the surviving vertices, in order, to `out`.
+  template <class T, class Value>
+  void writeSurvivors(T* out, Value value) const {
     for (int v = 0; v < numVertices_; ++v) {
-      if (mergedInto_[v] < 0) *out++ = from[v];
+      if (mergedInto_[v] < 0) *out++ = value(v);
     }
   }
 
