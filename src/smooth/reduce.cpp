@@ -174,13 +174,13 @@ struct Spoke {
   int vertex, out, in, next;
 };
 
-/// Everything the collapses read of a vertex, in two cache lines: the
-/// quadric fills the first; the second holds what is also read of the
-/// neighbours (position, stamps, flags, triangle list).
+/// What the collapses read of a vertex, in two cache lines: the quadric
+/// fills the first; the second holds what is also read of the neighbours
+/// (position, stamp, flags, triangle list). The time of its last change
+/// lives apart, densely, since every queued edge that surfaces reads it.
 struct alignas(64) VertexRecord {
   Quadric quadric;
   MeshVertex position;
-  int lastChange = 0;  // time of the last change; INT_MAX once merged away
   // A slice of the incidence array listing the vertex's triangles; a
   // collapse appends the survivor's merged list, so slices only move forward.
   int listBegin = 0, listCount = 0;
@@ -220,6 +220,7 @@ class Reducer {
   void prepare(const BitVector& selection, kxUtil::ThreadPool& pool) {
     buildIncidence();
     mergedInto_.assign(numVertices_, -1);
+    lastChange_.assign(numVertices_, 0);
     liveTriangles_ = numTriangles_;
     kxUtil::forEachRange(pool, numVertices_, [&](int, int begin, int end) {
       std::vector<Spoke> spokes;
@@ -301,7 +302,7 @@ class Reducer {
 
  private:
   bool stale(const HeapEntry& e) const {
-    return vertices_[e.a].lastChange > e.time || vertices_[e.b].lastChange > e.time;
+    return lastChange_[e.a] > e.time || lastChange_[e.b] > e.time;
   }
   bool live(int t) const { return corners_[t][0] >= 0; }
   Point position(int v) const { return vertices_[v].position.asPoint(); }
@@ -645,8 +646,8 @@ class Reducer {
     vertices_[s].quadric.add(vertices_[r].quadric);
     vertices_[s].flags |= vertices_[r].flags & kBoundary;
     mergedInto_[r] = s;
-    vertices_[r].lastChange = INT_MAX;
-    vertices_[s].lastChange = ++time_;
+    lastChange_[r] = INT_MAX;
+    lastChange_[s] = ++time_;
     queueAround(s);
   }
 
@@ -815,7 +816,10 @@ class Reducer {
   std::vector<MeshUV> uvs_;
   const double cosMaxChange_;
   std::vector<int> mergedInto_;  // -1 while the vertex survives
-  std::vector<int> incidence_;   // the vertices' triangle lists
+  // Time of each vertex's last change (INT_MAX once merged away), read for
+  // every queued edge that surfaces: a dense array.
+  std::vector<int> lastChange_;
+  std::vector<int> incidence_;  // the vertices' triangle lists
   unsigned stamp_ = 0;
   std::vector<int> ring_, blocked_;
   EdgeQueue queue_;
