@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -307,7 +308,8 @@ bool identical(const CompactMesh& a, const CompactMesh& b) {
 TEST(MeshReduceTest, CancelledOrInvalidRunsLeaveTheMeshBitIdentical) {
   for (int at : {0, 2}) {
     CompactMesh mesh = kxtest::makeLatLongSphere(60, 120);
-    mesh.allocUVArray();
+    kxGeom::MeshUV* uv = mesh.allocUVArray();
+    for (int v = 0; v < mesh.getNumVertices(); ++v) uv[v] = {mesh.getVertices()[v].x, 0.5f};
     const CompactMesh input = mesh;
     kxGeom::Remap map(3, 3);
     CancellingProgress progress(at);
@@ -331,6 +333,19 @@ TEST(MeshReduceTest, CancelledOrInvalidRunsLeaveTheMeshBitIdentical) {
     EXPECT_TRUE(identical(*c.first, before));
     EXPECT_EQ(c.first->getModificationCount(), before.getModificationCount());
   }
+}
+
+TEST(MeshReduceTest, ProgressIsTheShareOfTheTrianglesToRemove) {
+  CompactMesh mesh = kxtest::makeLatLongSphere(60, 120);
+  const double toRemove = mesh.getNumTriangles() - 1000;
+  kxUtil::Progress progress;
+  std::vector<double> seen;
+  progress.setObserver([&](double overall, const char*) { seen.push_back(overall); });
+  kxGeom::meshReduce(mesh, toCount(1000), progress);
+  ASSERT_GE(seen.size(), 2u);
+  EXPECT_NEAR(seen.front(), 2048 / toRemove, 1e-3);  // after 1024 collapses of two triangles
+  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+  EXPECT_EQ(seen.back(), 1.0);
 }
 
 TEST(MeshReduceTest, SameResultForEveryThreadCount) {
@@ -364,8 +379,10 @@ TEST(MeshReduceTest, DefectsAreKeptAndNotMultiplied) {
     kxGeom::MeshManifoldResult before, after;
     kxGeom::meshManifold(*m, adjacency, before);
     const CompactMesh input = *m;
+    const int notices = m->getModificationCount();
     const MeshReduceResult r = reduce(*m, toCount(0), &map);
-    EXPECT_NE(r.status, MeshReduceStatus::Invalid);
+    EXPECT_EQ(r.status, i == 0 ? MeshReduceStatus::Reduced : MeshReduceStatus::Unchanged);
+    EXPECT_EQ(m->getModificationCount(), notices + (i == 0));
     kxGeom::meshAdjTris(*m, adjacency);
     kxGeom::meshManifold(*m, adjacency, after);
     EXPECT_LE(after.badEdges.size(), before.badEdges.size());
