@@ -327,6 +327,8 @@ TEST(MeshReduceTest, CancelledOrInvalidRunsLeaveTheMeshBitIdentical) {
   CompactMesh sphere = kxtest::makeLatLongSphere(8, 16);
   const std::pair<CompactMesh*, MeshReduceOptions> invalid[] = {{&broken, MeshReduceOptions()},
                                                                 {&sphere, badFraction}};
+  CompactMesh empty;
+  EXPECT_EQ(reduce(empty, MeshReduceOptions()).status, MeshReduceStatus::Unchanged);
   for (const auto& c : invalid) {
     const CompactMesh before = *c.first;
     EXPECT_EQ(reduce(*c.first, c.second).status, MeshReduceStatus::Invalid);
