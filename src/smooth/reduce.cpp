@@ -208,6 +208,7 @@ class Reducer {
     if (const MeshUV* uv = mesh.getUVs()) uvs_.assign(uv, uv + numVertices_);
   }
 
+  /// Whether every triangle corner names a vertex of the mesh.
   bool cornersValid() const {
     for (const MeshTriangle& t : corners_) {
       for (int k = 0; k < 3; ++k) {
@@ -217,6 +218,8 @@ class Reducer {
     return true;
   }
 
+  /// Builds the triangle lists, classifies the vertices, sums their
+  /// quadrics and queues every edge; `selection` locks vertices when asked.
   void prepare(const BitVector& selection, kxUtil::ThreadPool& pool) {
     buildIncidence();
     mergedInto_.assign(numVertices_, -1);
@@ -226,7 +229,7 @@ class Reducer {
       std::vector<Spoke> spokes;
       for (int v = begin; v < end; ++v) classify(v, selection, spokes);
     });
-    seedHeap(pool);
+    seedQueue(pool);
   }
 
   /// Collapses until a bound is met; false when cancelled.
@@ -438,7 +441,7 @@ class Reducer {
   }
 
   /// Queues every edge once, from its lower end, in vertex order.
-  void seedHeap(kxUtil::ThreadPool& pool) {
+  void seedQueue(kxUtil::ThreadPool& pool) {
     std::vector<std::vector<HeapEntry>> parts(std::size_t(pool.numThreads()));
     kxUtil::forEachRange(pool, numVertices_, [&](int thread, int begin, int end) {
       std::vector<Spoke> spokes;
