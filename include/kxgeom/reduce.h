@@ -137,8 +137,9 @@ struct KXGEOM_API MeshReduceResult {
 ///                 Cancelled and Invalid.
 /// \return the result; `status` tells whether the mesh changed.
 /// Cost: O((V + T) log T) time for meshes of bounded valence (a collapse at
-/// a vertex of valence k costs O(k log T)); per vertex 128 bytes (its
-/// quadric of 11 doubles, position, triangle list slice, stamps), per
+/// a vertex of valence k costs O(k log T)); per vertex 136 bytes (a record
+/// of its quadric of 11 doubles, position, triangle list slice, stamp and
+/// flags, the time of its last change, what it merged into), per
 /// triangle 12 bytes plus about 24 bytes of triangle lists that grow as
 /// collapses merge them, and 16 bytes per queued edge: a binary heap holds
 /// the cheapest (at least 65536, so that it stays in cache), an unordered
