@@ -227,6 +227,23 @@ TEST(MeshReduceTest, FlatGridKeepsItsBoundaryAndAttributesAndEndsNearlyMinimal) 
   }
 }
 
+TEST(MeshReduceTest, OtherElementsFollowTheVertices) {
+  CompactMesh mesh = kxtest::makeGrid(12, 12);
+  mesh.resizeLineArray(1);
+  mesh.getLines()[0] = {{14, 15}};
+  mesh.resizeTriStripArrays(1, 3);
+  mesh.allocTriangleNormalArray();
+  kxGeom::Remap map;
+  reduce(mesh, toCount(20), &map);
+  ASSERT_EQ(mesh.getNumLines(), 1);
+  EXPECT_EQ(mesh.getLines()[0][0], map(14));
+  EXPECT_EQ(mesh.getLines()[0][1], map(15));
+  EXPECT_EQ(mesh.getNumTriStrips(), 0);
+  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
+    EXPECT_EQ(mesh.getTriangleNormals()[t].z, 1.0f) << t;
+  }
+}
+
 TEST(MeshReduceTest, LockedVerticesStayPut) {
   CompactMesh mesh = kxtest::makeLatLongSphere(24, 48);
   const int n = mesh.getNumVertices();
