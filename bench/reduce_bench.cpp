@@ -48,6 +48,7 @@ const CompactMesh& input() {
 
 int targetTriangles() { return int(input().getNumTriangles() * kKeep); }
 
+#ifdef KXGEOM_BENCH_PEERS
 /// A mesh from raw positions (three floats each) and triangle corners.
 CompactMesh meshFrom(const std::vector<float>& positions, const std::vector<int>& corners) {
   CompactMesh m(int(positions.size() / 3),
@@ -56,6 +57,7 @@ CompactMesh meshFrom(const std::vector<float>& positions, const std::vector<int>
   m.copyTriangles(int(corners.size() / 3), corners.data());
   return m;
 }
+#endif
 
 /// Largest distance from a vertex of the input to the surface of `result`,
 /// the queries split over the shared pool.

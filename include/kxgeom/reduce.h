@@ -99,7 +99,10 @@ struct KXGEOM_API MeshReduceResult {
 /// would create duplicate or zero-area triangles, or that would turn a
 /// surviving triangle's normal by more than `maxNormalChange`; every
 /// triangle keeps its winding, so a consistently oriented mesh stays so.
-/// A refused edge is reconsidered when its neighbourhood changes.
+/// A refused edge is queued again when the neighbourhood of one of its ends
+/// changes: at once when that end is the survivor of a collapse, otherwise
+/// after 1, 2, 4, ... changes around that end (so that the hub of a fan of
+/// slivers is not re-examined at every change of its fan).
 ///
 /// Vertices that are not manifold (two or more fans, an edge with more than
 /// two triangles or two triangles running it the same way), corners of
@@ -133,11 +136,19 @@ struct KXGEOM_API MeshReduceResult {
 ///                 the identity when the mesh is unchanged; untouched on
 ///                 Cancelled and Invalid.
 /// \return the result; `status` tells whether the mesh changed.
-/// Cost: O((V + T) log T) time; per vertex a quadric of 11 doubles, a
-/// position copy and about 24 bytes of bookkeeping, per triangle 12 bytes
-/// plus about 24 bytes of incidence lists, a heap of 16 bytes per queued
-/// edge. The setup passes run on kxUtil::ThreadPool::get(), the collapses on
-/// the calling thread; results are identical for every thread count.
+/// Cost: O((V + T) log T) time for meshes of bounded valence (a collapse at
+/// a vertex of valence k costs O(k log T)); per vertex 136 bytes (a record
+/// of its quadric of 11 doubles, position, triangle list slice, stamp and
+/// flags, the time of its last change, what it merged into), per
+/// triangle 12 bytes plus about 24 bytes of triangle lists that grow as
+/// collapses merge them, and 16 bytes per queued edge: a binary heap holds
+/// the cheapest (at least 65536, so that it stays in cache), an unordered
+/// overflow list the rest, from which the heap is refilled when it runs dry;
+/// an edge is queued again with its new error whenever an end changes, and
+/// the old entry is dropped when it surfaces. The setup passes (fan
+/// classification, quadrics, the first errors) run on
+/// kxUtil::ThreadPool::get(), the collapses on the calling thread; results
+/// are identical for every thread count.
 /// Thread safety: the mesh and the progress need exclusive access for the
 /// duration of the call.
 KXGEOM_API MeshReduceResult meshReduce(CompactMesh& mesh, const MeshReduceOptions& options,

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <cstdint>
 #include <vector>
 
 #include <kxgeom/platform/os.h>
@@ -91,28 +90,66 @@ struct HeapEntry {
   int time;
 };
 
-/// A binary min-heap of queued edges.
-class EdgeHeap {
+/// The queued edges in order of error: a binary heap of the entries up to
+/// a limit, small enough to stay in cache, and an unordered overflow list
+/// above it from which the heap is refilled with the cheapest entries when
+/// it runs dry. Every entry in the heap is no costlier than any in the
+/// overflow, so entries leave in the order of one big heap.
+class EdgeQueue {
  public:
   void assign(std::vector<HeapEntry>&& entries) {
-    entries_ = std::move(entries);
-    std::make_heap(entries_.begin(), entries_.end(), later);
+    overflow_ = std::move(entries);
+    heap_.clear();
   }
-  bool empty() const { return entries_.empty(); }
+  bool empty() const { return heap_.empty(); }
+  const HeapEntry& top() const { return heap_[0]; }
   void push(const HeapEntry& e) {
-    entries_.push_back(e);
-    std::push_heap(entries_.begin(), entries_.end(), later);
+    if (!(e.error2 <= limit_)) {
+      overflow_.push_back(e);
+      return;
+    }
+    std::size_t i = heap_.size();
+    heap_.push_back(e);
+    for (; i > 0 && e.error2 < heap_[(i - 1) / 2].error2; i = (i - 1) / 2)
+      heap_[i] = heap_[(i - 1) / 2];
+    heap_[i] = e;
   }
-  HeapEntry pop() {
-    std::pop_heap(entries_.begin(), entries_.end(), later);
-    const HeapEntry e = entries_.back();
-    entries_.pop_back();
-    return e;
+  void pop() {
+    const HeapEntry last = heap_.back();
+    heap_.pop_back();
+    if (!heap_.empty()) siftDown(0, last);
+  }
+  /// Moves the cheapest overflow entries into the empty heap, first
+  /// dropping those `dead` rejects; the heap stays empty when none are left.
+  template <class Dead>
+  void refill(Dead dead) {
+    overflow_.erase(std::remove_if(overflow_.begin(), overflow_.end(), dead), overflow_.end());
+    if (overflow_.empty()) return;
+    const std::size_t count = std::min(overflow_.size(), std::max(kMinBatch, overflow_.size() / 8));
+    std::nth_element(overflow_.begin(), overflow_.begin() + (count - 1), overflow_.end(),
+                     [](const HeapEntry& p, const HeapEntry& q) { return p.error2 < q.error2; });
+    limit_ = overflow_[count - 1].error2;
+    heap_.assign(overflow_.begin(), overflow_.begin() + count);
+    overflow_.erase(overflow_.begin(), overflow_.begin() + count);
+    for (std::size_t i = heap_.size() / 2; i-- > 0;) siftDown(i, heap_[i]);
   }
 
  private:
-  static bool later(const HeapEntry& p, const HeapEntry& q) { return p.error2 > q.error2; }
-  std::vector<HeapEntry> entries_;
+  static constexpr std::size_t kMinBatch = 1 << 16;
+
+  /// Places e at hole i or below, moving smaller children up.
+  void siftDown(std::size_t i, const HeapEntry e) {
+    const std::size_t n = heap_.size();
+    for (std::size_t child = 2 * i + 1; child < n; i = child, child = 2 * i + 1) {
+      if (child + 1 < n && heap_[child + 1].error2 < heap_[child].error2) ++child;
+      if (!(heap_[child].error2 < e.error2)) break;
+      heap_[i] = heap_[child];
+    }
+    heap_[i] = e;
+  }
+
+  std::vector<HeapEntry> heap_, overflow_;
+  float limit_ = -1;
 };
 
 /// A collapse: `removed` merges into `survivor`, which moves to `position`.
@@ -126,8 +163,8 @@ struct Candidate {
 struct EdgeStar {
   int shared = 0;  // triangles holding both ends (1 on a boundary edge, 2 inside)
   int sharedTri[2] = {-1, -1};
-  int opposite[2] = {-1, -1};  // their third corners
-  int removedValence = 0;
+  int opposite[2] = {-1, -1};      // their third corners
+  bool closesTetrahedron = false;  // the larger fan has a triangle on both
 };
 
 /// One neighbour of a vertex during the setup: how many of the vertex's
@@ -135,6 +172,25 @@ struct EdgeStar {
 /// turns to next.
 struct Spoke {
   int vertex, out, in, next;
+};
+
+/// What the collapses read of a vertex, in two cache lines: the quadric
+/// fills the first; the second holds what is also read of the neighbours
+/// (position, stamp, flags, triangle list). The time of its last change
+/// lives apart, densely, since every queued edge that surfaces reads it.
+struct alignas(64) VertexRecord {
+  Quadric quadric;
+  MeshVertex position;
+  // A slice of the incidence array listing the vertex's triangles; a
+  // collapse appends the survivor's merged list, so slices only move forward.
+  int listBegin = 0, listCount = 0;
+  unsigned mark = 0;  // visit stamp
+  unsigned char flags = 0;
+  // Refused edges of the vertex are retried after 1, 2, 4, ... changes
+  // around it, so that a hub whose collapses keep failing (the centre of a
+  // fan of slivers) is not re-examined at every change of its large fan.
+  unsigned char retryShift = 0;
+  unsigned short retryCountdown = 0;
 };
 
 /// The reduction's working copy of the mesh and its queue.
@@ -145,12 +201,14 @@ class Reducer {
         numVertices_(mesh.getNumVertices()),
         numTriangles_(mesh.getNumTriangles()),
         corners_(mesh.getTriangles(), mesh.getTriangles() + numTriangles_),
-        positions_(mesh.getVertices(), mesh.getVertices() + numVertices_),
+        vertices_(numVertices_),
         cosMaxChange_(std::cos(options.maxNormalChange * 3.14159265358979323846 / 180)) {
+    for (int v = 0; v < numVertices_; ++v) vertices_[v].position = mesh.getVertices()[v];
     if (const MeshNormal* n = mesh.getNormals()) normals_.assign(n, n + numVertices_);
     if (const MeshUV* uv = mesh.getUVs()) uvs_.assign(uv, uv + numVertices_);
   }
 
+  /// Whether every triangle corner names a vertex of the mesh.
   bool cornersValid() const {
     for (const MeshTriangle& t : corners_) {
       for (int k = 0; k < 3; ++k) {
@@ -160,19 +218,18 @@ class Reducer {
     return true;
   }
 
+  /// Builds the triangle lists, classifies the vertices, sums their
+  /// quadrics and queues every edge; `selection` locks vertices when asked.
   void prepare(const BitVector& selection, kxUtil::ThreadPool& pool) {
     buildIncidence();
-    flags_.assign(numVertices_, 0);
-    quadrics_.assign(numVertices_, Quadric());
-    lastChange_.assign(numVertices_, 0);
     mergedInto_.assign(numVertices_, -1);
-    marks_.assign(numVertices_, 0);
+    lastChange_.assign(numVertices_, 0);
     liveTriangles_ = numTriangles_;
     kxUtil::forEachRange(pool, numVertices_, [&](int, int begin, int end) {
       std::vector<Spoke> spokes;
       for (int v = begin; v < end; ++v) classify(v, selection, spokes);
     });
-    seedHeap(pool);
+    seedQueue(pool);
   }
 
   /// Collapses until a bound is met; false when cancelled.
@@ -181,12 +238,14 @@ class Reducer {
     const int before = liveTriangles_;
     result.stop = MeshReduceStop::TargetReached;
     while (liveTriangles_ > target) {
-      if (heap_.empty()) {
+      if (queue_.empty()) queue_.refill([this](const HeapEntry& e) { return stale(e); });
+      if (queue_.empty()) {
         result.stop = MeshReduceStop::Exhausted;
         break;
       }
-      const HeapEntry e = heap_.pop();
-      if (lastChange_[e.a] > e.time || lastChange_[e.b] > e.time) continue;
+      const HeapEntry e = queue_.top();
+      queue_.pop();
+      if (stale(e)) continue;
       const Candidate c = candidate(e.a, e.b);
       const double error = std::sqrt(c.error2);
       if (error > options_.maxError) {
@@ -194,8 +253,8 @@ class Reducer {
         break;
       }
       if (!collapseIfValid(c)) {
-        flags_[e.a] |= kBlocked;
-        flags_[e.b] |= kBlocked;
+        vertices_[e.a].flags |= kBlocked;
+        vertices_[e.b].flags |= kBlocked;
         continue;
       }
       result.maxError = std::max(result.maxError, error);
@@ -225,13 +284,13 @@ class Reducer {
     MeshRemap maps(&vertexMap, &triangleMap);
     MeshModification mod(&mesh, MeshModification::TopologyChanged, &maps);
     mesh.resizeVertexArray(kept);
-    writeSurvivors(positions_.data(), mesh.getVertices());
+    writeSurvivors(mesh.getVertices(), [this](int v) { return vertices_[v].position; });
     if (!normals_.empty()) {
-      writeSurvivors(normals_.data(), mesh.getNormals());
+      writeSurvivors(mesh.getNormals(), [this](int v) { return normals_[v]; });
       mod.normalsModified();
     }
     if (!uvs_.empty()) {
-      writeSurvivors(uvs_.data(), mesh.getUVs());
+      writeSurvivors(mesh.getUVs(), [this](int v) { return uvs_[v]; });
       mod.uvsModified();
     }
     mesh.copyTriangles(liveTriangles_, reinterpret_cast<const int*>(triangles.data()));
@@ -245,28 +304,32 @@ class Reducer {
   }
 
  private:
+  bool stale(const HeapEntry& e) const {
+    return lastChange_[e.a] > e.time || lastChange_[e.b] > e.time;
+  }
   bool live(int t) const { return corners_[t][0] >= 0; }
-  Point position(int v) const { return positions_[v].asPoint(); }
-  bool locked(int v) const { return flags_[v] & kLocked; }
-  const int* trianglesOf(int v) const { return incidence_.data() + listBegin_[v]; }
-  int triangleCount(int v) const { return listCount_[v]; }
+  Point position(int v) const { return vertices_[v].position.asPoint(); }
+  bool locked(int v) const { return vertices_[v].flags & kLocked; }
+  const int* trianglesOf(int v) const { return incidence_.data() + vertices_[v].listBegin; }
+  int triangleCount(int v) const { return vertices_[v].listCount; }
 
   /// The vertex-to-triangles lists by a counting sort, in triangle order.
   void buildIncidence() {
-    listBegin_.assign(numVertices_ + 1, 0);
-    listCount_.assign(numVertices_, 0);
     for (const MeshTriangle& t : corners_) {
-      for (int k = 0; k < 3; ++k) ++listCount_[t[k]];
+      for (int k = 0; k < 3; ++k) ++vertices_[t[k]].listCount;
     }
-    for (int v = 0; v < numVertices_; ++v) listBegin_[v + 1] = listBegin_[v] + listCount_[v];
+    std::vector<int> fill(numVertices_);
+    int total = 0;
+    for (int v = 0; v < numVertices_; ++v) {
+      fill[v] = vertices_[v].listBegin = total;
+      total += vertices_[v].listCount;
+    }
     // Room for the merged lists the collapses append.
-    incidence_.reserve(std::size_t(listBegin_[numVertices_]) * 2);
-    incidence_.resize(listBegin_[numVertices_]);
-    std::vector<int> fill(listBegin_.begin(), listBegin_.end() - 1);
+    incidence_.reserve(std::size_t(total) * 2);
+    incidence_.resize(total);
     for (int t = 0; t < numTriangles_; ++t) {
       for (int k = 0; k < 3; ++k) incidence_[fill[corners_[t][k]]++] = t;
     }
-    listBegin_.pop_back();
   }
 
   /// The spoke of `w` in `spokes`, added when missing.
@@ -301,7 +364,7 @@ class Reducer {
   }
 
   bool finite(int v) const {
-    const MeshVertex& p = positions_[v];
+    const MeshVertex& p = vertices_[v].position;
     return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
   }
 
@@ -327,7 +390,7 @@ class Reducer {
   /// their corners, so vertices may be classified concurrently).
   void classify(int v, const BitVector& selection, std::vector<Spoke>& spokes) {
     if (triangleCount(v) == 0) {
-      flags_[v] = kLocked;
+      vertices_[v].flags = kLocked;
       return;
     }
     bool open = false;
@@ -337,8 +400,8 @@ class Reducer {
         (options_.lockSelected && v < selection.size() && selection.isBitSet(v))) {
       f |= kLocked;
     }
-    flags_[v] = f;
-    Quadric& q = quadrics_[v];
+    vertices_[v].flags = f;
+    Quadric& q = vertices_[v].quadric;
     for (int i = 0; i < triangleCount(v); ++i) {
       const MeshTriangle& t = corners_[trianglesOf(v)[i]];
       if (finite(t[0]) && finite(t[1]) && finite(t[2]))
@@ -378,15 +441,15 @@ class Reducer {
   }
 
   /// Queues every edge once, from its lower end, in vertex order.
-  void seedHeap(kxUtil::ThreadPool& pool) {
+  void seedQueue(kxUtil::ThreadPool& pool) {
     std::vector<std::vector<HeapEntry>> parts(std::size_t(pool.numThreads()));
     kxUtil::forEachRange(pool, numVertices_, [&](int thread, int begin, int end) {
       std::vector<Spoke> spokes;
       for (int v = begin; v < end; ++v) {
         gatherSpokes(v, spokes);
-        HeapEntry e;
         for (const Spoke& s : spokes) {
-          if (s.vertex > v && edgeEntry(v, s.vertex, e)) parts[thread].push_back(e);
+          if (s.vertex > v && collapsible(v, s.vertex))
+            parts[thread].push_back(edgeEntry(v, s.vertex));
         }
       }
     });
@@ -395,25 +458,22 @@ class Reducer {
     for (const auto& p : parts) total += p.size();
     all.reserve(total);
     for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
-    heap_.assign(std::move(all));
+    queue_.assign(std::move(all));
   }
 
-  /// The queue entry of edge a-b now; false when both ends are locked.
-  bool edgeEntry(int a, int b, HeapEntry& e) const {
-    if (locked(a) && locked(b)) return false;
-    e = {float(candidate(a, b).error2), a, b, time_};
-    return true;
-  }
+  /// The queue entry of edge a-b as it is now.
+  HeapEntry edgeEntry(int a, int b) const { return {float(candidate(a, b).error2), a, b, time_}; }
+  /// Whether edge a-b may collapse at all.
+  bool collapsible(int a, int b) const { return !(locked(a) && locked(b)); }
 
   void queueEdge(int a, int b) {
-    HeapEntry e;
-    if (edgeEntry(a, b, e)) heap_.push(e);
+    if (collapsible(a, b)) queue_.push(edgeEntry(a, b));
   }
 
   /// Where the collapse of a-b puts its vertex, and which end survives.
   Candidate candidate(int a, int b) const {
-    Quadric q = quadrics_[a];
-    q.add(quadrics_[b]);
+    Quadric q = vertices_[a].quadric;
+    q.add(vertices_[b].quadric);
     const Point pa = position(a), pb = position(b);
     if (locked(a) || locked(b)) {
       const int s = locked(a) ? a : b;
@@ -442,7 +502,7 @@ class Reducer {
 
   unsigned nextStamp() {
     if (++stamp_ == 0) {
-      std::fill(marks_.begin(), marks_.end(), 0u);
+      for (VertexRecord& r : vertices_) r.mark = 0;
       stamp_ = 1;
     }
     return stamp_;
@@ -468,63 +528,90 @@ class Reducer {
     y = c[(k + 2) % 3];
   }
 
-  /// Walks the survivor's triangles: finds the edge's triangles, marks the
-  /// survivor's other neighbours and checks the triangles that see it move.
-  bool checkSurvivorSide(const Candidate& c, EdgeStar& star) {
-    const unsigned stamp = nextStamp();
-    const Point from = position(c.survivor);
-    const bool moves = from != c.position;
-    for (int i = 0; i < triangleCount(c.survivor); ++i) {
-      const int t = trianglesOf(c.survivor)[i];
-      if (!live(t)) continue;
-      int x, y;
-      othersOf(t, c.survivor, x, y);
-      if (x == c.removed || y == c.removed) {
-        if (star.shared == 2) return false;
-        star.sharedTri[star.shared] = t;
-        star.opposite[star.shared++] = x == c.removed ? y : x;
-        continue;
-      }
-      marks_[x] = marks_[y] = stamp;
-      if (moves && !keepsShape(from, c.position, x, y)) return false;
-    }
-    if (star.shared == 0) return false;
+  /// Whether the collapse keeps the surface a manifold of usable triangles.
+  /// The smaller fan is walked first, so that a refusal is usually found
+  /// there before a hub's large fan is read: it yields the edge's triangles
+  /// and marks its neighbours, against which the larger fan is checked.
+  bool collapseIfValid(const Candidate& c) {
+    EdgeStar star;
+    prefetchFan(c.survivor);
+    prefetchFan(c.removed);
+    const bool survivorFirst = triangleCount(c.survivor) <= triangleCount(c.removed);
+    const int first = survivorFirst ? c.survivor : c.removed;
+    const int second = survivorFirst ? c.removed : c.survivor;
+    if (!walkSmallerFan(first, second, c, star) || !walkLargerFan(second, first, c, star))
+      return false;
     // An interior edge between two boundary vertices would pinch the
     // surface into one vertex.
-    return !(star.shared == 2 && (flags_[c.survivor] & kBoundary) &&
-             (flags_[c.removed] & kBoundary));
+    if (star.shared == 2 && boundary(first) && boundary(second)) return false;
+    // Both ends with a triangle on the two opposite corners: the collapse
+    // would leave two triangles on the same three vertices.
+    if (star.closesTetrahedron && hasTriangleOn(first, star.opposite[0], star.opposite[1]))
+      return false;
+    // A lone triangle (all three edges open) does not collapse.
+    if (star.shared == 1 && edgeTriangles(first, star.opposite[0]) == 1 &&
+        edgeTriangles(second, star.opposite[0]) == 1)
+      return false;
+    apply(c, star);
+    return true;
+  }
+
+  bool boundary(int v) const { return vertices_[v].flags & kBoundary; }
+
+  /// Whether v's corners move in the collapse: the removed end always, the
+  /// survivor unless it stays where it is.
+  bool moves(int v, const Candidate& c) const {
+    return v == c.removed || position(v) != c.position;
+  }
+
+  /// Walks v's triangles: finds those on the edge to `other`, marks the
+  /// other corners and checks the shape of the triangles that stay.
+  bool walkSmallerFan(int v, int other, const Candidate& c, EdgeStar& star) {
+    const unsigned stamp = nextStamp();
+    const bool moving = moves(v, c);
+    const Point from = position(v);
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
+      if (!live(t)) continue;
+      int x, y;
+      othersOf(t, v, x, y);
+      if (x == other || y == other) {
+        if (star.shared == 2) return false;
+        star.sharedTri[star.shared] = t;
+        star.opposite[star.shared++] = x == other ? y : x;
+        vertices_[x == other ? y : x].mark = stamp;
+        continue;
+      }
+      vertices_[x].mark = vertices_[y].mark = stamp;
+      if (moving && !keepsShape(from, c.position, x, y)) return false;
+    }
+    return star.shared > 0;
+  }
+
+  /// Walks v's triangles that stay: none may reach a neighbour of the other
+  /// end but the edge's opposite corners (the link condition), and each must
+  /// keep its shape.
+  bool walkLargerFan(int v, int other, const Candidate& c, EdgeStar& star) {
+    const bool moving = moves(v, c);
+    const Point from = position(v);
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
+      if (!live(t)) continue;
+      int x, y;
+      othersOf(t, v, x, y);
+      if (x == other || y == other) continue;
+      if ((vertices_[x].mark == stamp_ && !isOpposite(star, x)) ||
+          (vertices_[y].mark == stamp_ && !isOpposite(star, y)))
+        return false;
+      star.closesTetrahedron = star.closesTetrahedron ||
+                               (star.shared == 2 && isOpposite(star, x) && isOpposite(star, y));
+      if (moving && !keepsShape(from, c.position, x, y)) return false;
+    }
+    return true;
   }
 
   bool isOpposite(const EdgeStar& star, int v) const {
     return v == star.opposite[0] || v == star.opposite[1];
-  }
-
-  /// Walks the removed vertex's triangles: the link condition against the
-  /// survivor's marks, and the shape of every triangle that stays.
-  bool checkRemovedSide(const Candidate& c, EdgeStar& star) {
-    const Point from = position(c.removed);
-    bool closesTetrahedron = false;
-    for (int i = 0; i < triangleCount(c.removed); ++i) {
-      const int t = trianglesOf(c.removed)[i];
-      if (!live(t)) continue;
-      ++star.removedValence;
-      int x, y;
-      othersOf(t, c.removed, x, y);
-      if (x == c.survivor || y == c.survivor) continue;
-      if ((marks_[x] == stamp_ && !isOpposite(star, x)) ||
-          (marks_[y] == stamp_ && !isOpposite(star, y)))
-        return false;
-      closesTetrahedron =
-          closesTetrahedron || (star.shared == 2 && isOpposite(star, x) && isOpposite(star, y));
-      if (!keepsShape(from, c.position, x, y)) return false;
-    }
-    // Both ends with a triangle on the two opposite corners: the collapse
-    // would leave two triangles on the same three vertices.
-    if (closesTetrahedron && hasTriangleOn(c.survivor, star.opposite[0], star.opposite[1]))
-      return false;
-    // A lone triangle (all three edges open) does not collapse.
-    return !(star.shared == 1 && star.removedValence == 1 &&
-             edgeTriangles(c.survivor, star.opposite[0]) == 1);
   }
 
   bool hasTriangleOn(int v, int x, int y) const {
@@ -537,13 +624,6 @@ class Reducer {
       if (hasX && hasY) return true;
     }
     return false;
-  }
-
-  bool collapseIfValid(const Candidate& c) {
-    EdgeStar star;
-    if (!checkSurvivorSide(c, star) || !checkRemovedSide(c, star)) return false;
-    apply(c, star);
-    return true;
   }
 
   /// Performs the collapse and queues the survivor's edges anew.
@@ -562,16 +642,16 @@ class Reducer {
       }
       incidence_.push_back(t);
     }
-    listBegin_[s] = begin;
-    listCount_[s] = int(incidence_.size()) - begin;
+    vertices_[s].listBegin = begin;
+    vertices_[s].listCount = int(incidence_.size()) - begin;
     carryAttributes(c);
-    positions_[s].set(c.position.data());
-    quadrics_[s].add(quadrics_[r]);
-    flags_[s] |= flags_[r] & kBoundary;
+    vertices_[s].position.set(c.position.data());
+    vertices_[s].quadric.add(vertices_[r].quadric);
+    vertices_[s].flags |= vertices_[r].flags & kBoundary;
     mergedInto_[r] = s;
     lastChange_[r] = INT_MAX;
     lastChange_[s] = ++time_;
-    queueRing(s);
+    queueAround(s);
   }
 
   void appendLive(int v) {
@@ -602,37 +682,69 @@ class Reducer {
     }
   }
 
-  /// Queues the edges of v's neighbours that were refused since they last
-  /// changed, then v's own edges.
-  void queueRing(int v) {
-    const unsigned stamp = nextStamp();
+  /// Queues the survivor's edges anew, and those refused edges of its
+  /// neighbours that are due for a retry.
+  void queueAround(int s) {
+    VertexRecord& survivor = vertices_[s];
+    survivor.flags &= ~kBlocked;
+    survivor.retryShift = 0;
+    survivor.retryCountdown = 0;
     ring_.clear();
-    for (int i = 0; i < triangleCount(v); ++i) {
-      int x, y;
-      othersOf(trianglesOf(v)[i], v, x, y);
-      for (int w : {x, y}) {
-        if (marks_[w] != stamp) marks_[w] = stamp, ring_.push_back(w);
-      }
-    }
+    forEachNeighbour(s, [&](int w) {
+      // The neighbours' quadrics are fetched together rather than one
+      // cache miss after another as each error is computed.
+      prefetchRecord(w);
+      ring_.push_back(w);
+    });
+    blocked_.clear();
     for (int w : ring_) {
-      if (flags_[w] & kBlocked) requeue(w, v);
+      queueEdge(s, w);
+      if ((vertices_[w].flags & kBlocked) && retryDue(vertices_[w])) blocked_.push_back(w);
     }
-    for (int w : ring_) queueEdge(v, w);
+    for (int w : blocked_) requeue(w);
   }
 
-  /// Queues every edge of w but the one to `skip` again.
-  void requeue(int w, int skip) {
-    flags_[w] &= ~kBlocked;
-    lastChange_[w] = time_;
+  /// Fetches the corners of v's triangles together, ahead of a walk.
+  void prefetchFan(int v) const {
+    for (int i = 0; i < triangleCount(v); ++i) __builtin_prefetch(&corners_[trianglesOf(v)[i]]);
+  }
+
+  void prefetchRecord(int v) const {
+    const char* line = reinterpret_cast<const char*>(&vertices_[v]);
+    __builtin_prefetch(line);
+    __builtin_prefetch(line + 64);
+  }
+
+  static bool retryDue(VertexRecord& r) {
+    if (r.retryCountdown > 0) {
+      --r.retryCountdown;
+      return false;
+    }
+    r.retryCountdown = (1u << r.retryShift) - 1;
+    if (r.retryShift < 15) ++r.retryShift;
+    return true;
+  }
+
+  /// Queues the edges from w to blocked neighbours (a refused edge leaves
+  /// both its ends blocked) and unblocks w.
+  void requeue(int w) {
+    vertices_[w].flags &= ~kBlocked;
+    forEachNeighbour(w, [&](int x) {
+      if (vertices_[x].flags & kBlocked) queueEdge(w, x);
+    });
+  }
+
+  /// Calls fn once for every vertex that shares a live triangle with v.
+  template <class Fn>
+  void forEachNeighbour(int v, Fn&& fn) {
     const unsigned stamp = nextStamp();
-    marks_[skip] = stamp;
-    for (int i = 0; i < triangleCount(w); ++i) {
-      const int t = trianglesOf(w)[i];
+    for (int i = 0; i < triangleCount(v); ++i) {
+      const int t = trianglesOf(v)[i];
       if (!live(t)) continue;
       int x, y;
-      othersOf(t, w, x, y);
-      for (int u : {x, y}) {
-        if (marks_[u] != stamp) marks_[u] = stamp, queueEdge(w, u);
+      othersOf(t, v, x, y);
+      for (int w : {x, y}) {
+        if (vertices_[w].mark != stamp) vertices_[w].mark = stamp, fn(w);
       }
     }
   }
@@ -662,11 +774,11 @@ class Reducer {
     return root;
   }
 
-  /// Copies the surviving vertices' records, in order, to `out`.
-  template <class T>
-  void writeSurvivors(const T* from, T* out) const {
+  /// Writes value(v) of the surviving vertices, in order, to `out`.
+  template <class T, class Value>
+  void writeSurvivors(T* out, Value value) const {
     for (int v = 0; v < numVertices_; ++v) {
-      if (mergedInto_[v] < 0) *out++ = from[v];
+      if (mergedInto_[v] < 0) *out++ = value(v);
     }
   }
 
@@ -702,21 +814,18 @@ class Reducer {
   const MeshReduceOptions& options_;
   const int numVertices_, numTriangles_;
   std::vector<MeshTriangle> corners_;  // corner 0 is -1 once a triangle is gone
-  std::vector<MeshVertex> positions_;
+  std::vector<VertexRecord> vertices_;
   std::vector<MeshNormal> normals_;
   std::vector<MeshUV> uvs_;
   const double cosMaxChange_;
-  std::vector<Quadric> quadrics_;
-  std::vector<unsigned char> flags_;
-  std::vector<int> lastChange_;  // time of the last change; INT_MAX once merged away
   std::vector<int> mergedInto_;  // -1 while the vertex survives
-  // Per vertex, a slice of `incidence_` listing its triangles; a collapse
-  // appends the survivor's merged list, so slices only ever move forward.
-  std::vector<int> incidence_, listBegin_, listCount_;
-  std::vector<unsigned> marks_;
+  // Time of each vertex's last change (INT_MAX once merged away), read for
+  // every queued edge that surfaces: a dense array.
+  std::vector<int> lastChange_;
+  std::vector<int> incidence_;  // the vertices' triangle lists
   unsigned stamp_ = 0;
-  std::vector<int> ring_;
-  EdgeHeap heap_;
+  std::vector<int> ring_, blocked_;
+  EdgeQueue queue_;
   int time_ = 0;
   int liveTriangles_ = 0;
 };
@@ -766,8 +875,8 @@ MeshReduceResult meshReduce(CompactMesh& mesh, const MeshReduceOptions& options,
     }
   }
   debugChannel().print(
-      "meshReduce: %d -> %d triangles, %d -> %d vertices, %d collapses, max error %g, status %d: "
-      "%f s\n",
+      "meshReduce: %d -> %d triangles, %d -> %d vertices, %d collapses, max error %g, "
+      "status %d: %f s\n",
       result.trianglesBefore, result.trianglesAfter, result.verticesBefore, result.verticesAfter,
       result.collapses, result.maxError, int(result.status), watch.stop());
   return result;

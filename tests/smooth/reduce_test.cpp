@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -155,7 +156,7 @@ TEST(MeshReduceTest, ClosedMeshesReachTheCountKeepTopologyWindingAndShape) {
 }
 
 TEST(MeshReduceTest, ErrorBoundStopsAndBoundsTheDistance) {
-  for (double bound : {0.002, 0.01, 0.05}) {
+  for (double bound : {0.002, 0.01, 0.02}) {
     CompactMesh mesh = makeTorus(60, 24, 0.0f);
     const CompactMesh input = mesh;
     MeshReduceOptions o = toCount(0);
@@ -165,9 +166,10 @@ TEST(MeshReduceTest, ErrorBoundStopsAndBoundsTheDistance) {
     EXPECT_LE(r.maxError, bound);
     EXPECT_GT(r.maxError, 0.5 * bound);
     EXPECT_LT(mesh.getNumTriangles(), input.getNumTriangles() * 2 / 3);
-    // The error is an area-weighted RMS of plane distances, so the farthest
-    // input vertex may lie somewhat beyond it.
-    EXPECT_LT(oneSidedHausdorff(input, mesh), 2 * bound);
+    // The error is an area-weighted RMS of distances to the input's planes:
+    // at a vertex of a coarse, curved result the farthest input vertex lies
+    // a few times beyond it.
+    EXPECT_LT(oneSidedHausdorff(input, mesh), 3 * bound);
   }
 }
 
@@ -222,6 +224,23 @@ TEST(MeshReduceTest, FlatGridKeepsItsBoundaryAndAttributesAndEndsNearlyMinimal) 
       EXPECT_NEAR(mesh.getUVs()[v].v, 1 - p.y / n, 1e-6);
       EXPECT_EQ(mesh.getNormals()[v].z, 1.0f);
     }
+  }
+}
+
+TEST(MeshReduceTest, OtherElementsFollowTheVertices) {
+  CompactMesh mesh = kxtest::makeGrid(12, 12);
+  mesh.resizeLineArray(1);
+  mesh.getLines()[0] = {{14, 15}};
+  mesh.resizeTriStripArrays(1, 3);
+  mesh.allocTriangleNormalArray();
+  kxGeom::Remap map;
+  reduce(mesh, toCount(20), &map);
+  ASSERT_EQ(mesh.getNumLines(), 1);
+  EXPECT_EQ(mesh.getLines()[0][0], map(14));
+  EXPECT_EQ(mesh.getLines()[0][1], map(15));
+  EXPECT_EQ(mesh.getNumTriStrips(), 0);
+  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
+    EXPECT_EQ(mesh.getTriangleNormals()[t].z, 1.0f) << t;
   }
 }
 
@@ -306,7 +325,8 @@ bool identical(const CompactMesh& a, const CompactMesh& b) {
 TEST(MeshReduceTest, CancelledOrInvalidRunsLeaveTheMeshBitIdentical) {
   for (int at : {0, 2}) {
     CompactMesh mesh = kxtest::makeLatLongSphere(60, 120);
-    mesh.allocUVArray();
+    kxGeom::MeshUV* uv = mesh.allocUVArray();
+    for (int v = 0; v < mesh.getNumVertices(); ++v) uv[v] = {mesh.getVertices()[v].x, 0.5f};
     const CompactMesh input = mesh;
     kxGeom::Remap map(3, 3);
     CancellingProgress progress(at);
@@ -324,12 +344,27 @@ TEST(MeshReduceTest, CancelledOrInvalidRunsLeaveTheMeshBitIdentical) {
   CompactMesh sphere = kxtest::makeLatLongSphere(8, 16);
   const std::pair<CompactMesh*, MeshReduceOptions> invalid[] = {{&broken, MeshReduceOptions()},
                                                                 {&sphere, badFraction}};
+  CompactMesh empty;
+  EXPECT_EQ(reduce(empty, MeshReduceOptions()).status, MeshReduceStatus::Unchanged);
   for (const auto& c : invalid) {
     const CompactMesh before = *c.first;
     EXPECT_EQ(reduce(*c.first, c.second).status, MeshReduceStatus::Invalid);
     EXPECT_TRUE(identical(*c.first, before));
     EXPECT_EQ(c.first->getModificationCount(), before.getModificationCount());
   }
+}
+
+TEST(MeshReduceTest, ProgressIsTheShareOfTheTrianglesToRemove) {
+  CompactMesh mesh = kxtest::makeLatLongSphere(60, 120);
+  const double toRemove = mesh.getNumTriangles() - 1000;
+  kxUtil::Progress progress;
+  std::vector<double> seen;
+  progress.setObserver([&](double overall, const char*) { seen.push_back(overall); });
+  kxGeom::meshReduce(mesh, toCount(1000), progress);
+  ASSERT_GE(seen.size(), 2u);
+  EXPECT_NEAR(seen.front(), 2048 / toRemove, 1e-3);  // after 1024 collapses of two triangles
+  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+  EXPECT_EQ(seen.back(), 1.0);
 }
 
 TEST(MeshReduceTest, SameResultForEveryThreadCount) {
@@ -363,8 +398,10 @@ TEST(MeshReduceTest, DefectsAreKeptAndNotMultiplied) {
     kxGeom::MeshManifoldResult before, after;
     kxGeom::meshManifold(*m, adjacency, before);
     const CompactMesh input = *m;
+    const int notices = m->getModificationCount();
     const MeshReduceResult r = reduce(*m, toCount(0), &map);
-    EXPECT_NE(r.status, MeshReduceStatus::Invalid);
+    EXPECT_EQ(r.status, i == 0 ? MeshReduceStatus::Reduced : MeshReduceStatus::Unchanged);
+    EXPECT_EQ(m->getModificationCount(), notices + (i == 0));
     kxGeom::meshAdjTris(*m, adjacency);
     kxGeom::meshManifold(*m, adjacency, after);
     EXPECT_LE(after.badEdges.size(), before.badEdges.size());
