@@ -34,7 +34,8 @@ bool FileWindow::open(const char* path, kxUtil::Progress* progress) {
     size_ = sizeKnown_ ? std::uint64_t(size) : 0;
   }
   std::clearerr(file_);
-  capacity_ = kWindow;
+  // A small file needs no more window than its bytes and the probe for its end.
+  capacity_ = sizeKnown_ ? std::size_t(std::min<std::uint64_t>(kWindow, size_ + 1)) : kWindow;
   window_.reset(new char[capacity_]);
   refill(1);
   // A directory opens but cannot be read (and claims a size not its own).

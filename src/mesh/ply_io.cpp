@@ -478,8 +478,8 @@ class BinaryElements {
         continue;
       }
       const std::int64_t count = loadInteger<Swap>(p.countType, in_.data());
-      if (count < 0 ||
-          !countFits(std::uint64_t(count), scalarBytes(p.type), in_.remaining() - size)) {
+      // A count has at most 32 bits, so the product cannot overflow.
+      if (count < 0 || std::uint64_t(count) * scalarBytes(p.type) > in_.remaining() - size) {
         return error_.atByte(in_.offset(), "list count %lld runs past the end of the file",
                              static_cast<long long>(count));
       }

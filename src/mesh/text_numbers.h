@@ -84,7 +84,6 @@ class LineFields {
     return p_ == end_;
   }
   bool real(float& value) { return take(parseFloat(start(), end_, value)); }
-  bool real(double& value) { return take(parseReal(start(), end_, value)); }
   bool integer(int& value) { return take(parseInt(start(), end_, value)); }
   // A count: decimal digits only, up to 2^64 - 1.
   bool count(std::uint64_t& value) {
@@ -100,11 +99,6 @@ class LineFields {
     while (p != end_ && !isBlank(*p)) ++p;
     end = p;
     return take(p != begin ? p : nullptr);
-  }
-  // The unread rest, blanks before it skipped.
-  const char* rest() {
-    skipBlanks();
-    return p_;
   }
 
  private:
