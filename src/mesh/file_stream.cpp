@@ -36,7 +36,7 @@ bool FileWindow::open(const char* path, kxUtil::Progress* progress) {
   std::clearerr(file_);
   // A small file needs no more window than its bytes and the probe for its end.
   capacity_ = sizeKnown_ ? std::size_t(std::min<std::uint64_t>(kWindow, size_ + 1)) : kWindow;
-  window_.reset(new char[capacity_]);
+  window_.reset(new char[capacity_ + kScanSlack]());
   refill(1);
   // A directory opens but cannot be read (and claims a size not its own).
   return !readFailed_;
@@ -55,7 +55,7 @@ std::size_t FileWindow::refill(std::size_t need) {
   const std::size_t rest = end_ - pos_;
   if (need > capacity_) {
     const std::size_t grown = std::max(need, 2 * capacity_);
-    std::unique_ptr<char[]> bigger(new char[grown]);
+    std::unique_ptr<char[]> bigger(new char[grown + kScanSlack]());
     std::memcpy(bigger.get(), window_.get() + pos_, rest);
     window_.swap(bigger);
     capacity_ = grown;

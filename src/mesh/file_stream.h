@@ -66,7 +66,7 @@ class FileWindow {
 
   std::FILE* file_ = nullptr;
   kxUtil::Progress* progress_ = nullptr;
-  std::unique_ptr<char[]> window_;
+  std::unique_ptr<char[]> window_;  // capacity_ bytes and kScanSlack more, zeroed
   std::size_t capacity_ = 0;
   std::size_t pos_ = 0, end_ = 0;  // cursor and end of the bytes held
   std::uint64_t base_ = 0;         // file offset of window_[0]
