@@ -144,13 +144,8 @@ bool TextCursor::nextLine(const char*& begin, const char*& end) {
 
 bool TextCursor::nextContentLine(const char*& begin, const char*& end, char comment) {
   while (nextLine(begin, end)) {
-    if (comment) {
-      const void* mark = std::memchr(begin, comment, std::size_t(end - begin));
-      if (mark) end = static_cast<const char*>(mark);
-    }
     while (begin != end && isBlank(*begin)) ++begin;
-    while (end != begin && isBlank(end[-1])) --end;
-    if (begin != end) return true;
+    if (begin != end && (!comment || *begin != comment)) return true;
   }
   return false;
 }

@@ -88,7 +88,8 @@ class TextCursor {
   /// last one.
   bool nextLine(const char*& begin, const char*& end);
   /// The next line that holds anything but blanks and, when `comment` is
-  /// not 0, a comment from that character to the line end (cut off).
+  /// not 0, a comment from that character to the line end, from its first
+  /// other character on (a comment after that is the caller's to stop at).
   bool nextContentLine(const char*& begin, const char*& end, char comment);
   /// The next whitespace-separated token, across lines; false at the end.
   bool nextToken(const char*& begin, const char*& end);

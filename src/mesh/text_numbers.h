@@ -150,12 +150,14 @@ inline const char* parseFloat(const char* p, const char* end, float& value) {
   return q;
 }
 
-// The blank-separated fields of one line (or of a header's tail). Every
-// getter skips blanks first and fails, leaving the field unread, unless a
-// whole field of its kind follows.
+// The blank-separated fields of one line (or of a header's tail), up to
+// the end or a comment from `comment` on (0: none). Every getter skips
+// blanks first and fails, leaving the field unread, unless a whole field of
+// its kind follows.
 class LineFields {
  public:
-  LineFields(const char* begin, const char* end) : p_(begin), end_(end) {}
+  LineFields(const char* begin, const char* end, char comment = 0)
+      : p_(begin), end_(end), comment_(comment) {}
 
   bool atEnd() {
     skipBlanks();
@@ -174,7 +176,7 @@ class LineFields {
   bool word(const char*& begin, const char*& end) {
     begin = start();
     const char* p = begin;
-    while (p != end_ && !isBlank(*p)) ++p;
+    while (p != end_ && !isBlank(*p) && (!comment_ || *p != comment_)) ++p;
     end = p;
     return take(p != begin ? p : nullptr);
   }
@@ -182,20 +184,24 @@ class LineFields {
  private:
   void skipBlanks() {
     while (p_ != end_ && isBlank(*p_)) ++p_;
+    if (p_ != end_ && comment_ && *p_ == comment_) p_ = end_;
   }
   const char* start() {
     skipBlanks();
     return p_;
   }
-  // Accepts a parse that ended at a blank or the end of the line.
+  // Accepts a parse that ended at a blank, a comment or the end of the line.
   bool take(const char* after) {
-    if (!after || (after != end_ && !isBlank(*after))) return false;
+    if (!after || (after != end_ && !isBlank(*after) && (!comment_ || *after != comment_))) {
+      return false;
+    }
     p_ = after;
     return true;
   }
 
   const char* p_;
   const char* end_;
+  char comment_;
 };
 
 }  // namespace fileio
