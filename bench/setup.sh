@@ -7,4 +7,4 @@ sudo_cmd=""
 $sudo_cmd apt-get update -qq
 DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq libbenchmark-dev \
   libopenmesh-dev libcgal-dev libembree-dev libeigen3-dev libtinyobjloader-dev \
-  libmeshoptimizer-dev
+  libmeshoptimizer-dev libassimp-dev

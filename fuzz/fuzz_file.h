@@ -2,6 +2,7 @@
 // is written to one scratch file per process before it is read.
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -10,6 +11,7 @@
 
 #include <unistd.h>
 
+#include <kxgeom/mesh_file.h>
 #include <kxgeom/platform/mesh.h>
 
 namespace kxfuzz {
@@ -29,6 +31,27 @@ inline void checkIndices(const kxGeom::CompactMesh& m) {
   const int* t = m.getTrianglesRaw();
   for (int i = 0; i < 3 * m.getNumTriangles(); ++i) {
     if (t[i] < 0 || t[i] >= m.getNumVertices()) std::abort();
+  }
+}
+
+/// Reads the input as `format` through meshReadFile and aborts unless a
+/// successful read yields valid indices, finite positions and no more
+/// vertices than the input has bytes, and a failed one leaves the mesh
+/// untouched.
+inline void readAndCheck(const std::uint8_t* data, std::size_t size,
+                         kxGeom::MeshFileFormat format) {
+  kxGeom::CompactMesh mesh;
+  kxGeom::MeshReadOptions options;
+  options.format = format;
+  if (!kxGeom::meshReadFile(mesh, writeScratch(data, size), options)) {
+    if (mesh.getNumVertices() != 0 || mesh.getNumTriangles() != 0) std::abort();
+    return;
+  }
+  checkIndices(mesh);
+  if (std::size_t(mesh.getNumVertices()) > size) std::abort();
+  const float* p = mesh.getVerticesRaw();
+  for (int i = 0; i < 3 * mesh.getNumVertices(); ++i) {
+    if (!std::isfinite(p[i])) std::abort();
   }
 }
 

@@ -12,10 +12,13 @@
 //            the element `face`, with integer count and index types. Other
 //            elements and properties are skipped by their declared sizes;
 //            comment and obj_info lines are ignored. In ascii files each
-//            element instance is one line.
+//            element instance is one line; a binary file ends with its last
+//            element.
 //   STL      binary and ascii, told apart by content: a file whose size is
 //            84 + 50 n (n the facet count at byte 80) is binary even when its
-//            header begins with "solid". Ascii files may hold several solids.
+//            header begins with "solid"; a file of another size is read as
+//            ascii if it begins with "solid", and fails otherwise. Ascii files may hold
+//            several solids; keywords are compared without regard to case.
 //   OFF      headers OFF, COFF, NOFF, STOFF and their combinations ([ST][C][N]OFF);
 //            per vertex x y z [nx ny nz] [r g b [a]] [s t] on one line, colours
 //            as 0..1 unless a component on the line exceeds 1 (then 0..255);
@@ -26,8 +29,9 @@
 //            three and that many indices per face line, nothing after the last
 //            face but blank lines.
 //   OBJ      as meshReadObj reads it.
-// Every reader checks each vertex index against the vertex count and, except
-// the OBJ reader, that every coordinate of a position is finite. Counts a
+// Every reader checks each vertex index against the vertex count; all but the
+// OBJ reader also require a finite position for every vertex and at least
+// three corners for every face. Counts a
 // header declares are checked against the bytes the file holds before
 // anything is allocated for them. Text formats may start with a UTF-8 byte
 // order mark and use LF or CRLF line ends.

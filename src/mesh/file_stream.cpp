@@ -34,8 +34,9 @@ bool FileWindow::open(const char* path, kxUtil::Progress* progress) {
     size_ = sizeKnown_ ? std::uint64_t(size) : 0;
   }
   std::clearerr(file_);
-  capacity_ = kWindow;
-  window_.reset(new char[capacity_]);
+  // A small file needs no more window than its bytes and the probe for its end.
+  capacity_ = sizeKnown_ ? std::size_t(std::min<std::uint64_t>(kWindow, size_ + 1)) : kWindow;
+  window_.reset(new char[capacity_ + kScanSlack]());
   refill(1);
   // A directory opens but cannot be read (and claims a size not its own).
   return !readFailed_;
@@ -54,7 +55,7 @@ std::size_t FileWindow::refill(std::size_t need) {
   const std::size_t rest = end_ - pos_;
   if (need > capacity_) {
     const std::size_t grown = std::max(need, 2 * capacity_);
-    std::unique_ptr<char[]> bigger(new char[grown]);
+    std::unique_ptr<char[]> bigger(new char[grown + kScanSlack]());
     std::memcpy(bigger.get(), window_.get() + pos_, rest);
     window_.swap(bigger);
     capacity_ = grown;
@@ -143,13 +144,8 @@ bool TextCursor::nextLine(const char*& begin, const char*& end) {
 
 bool TextCursor::nextContentLine(const char*& begin, const char*& end, char comment) {
   while (nextLine(begin, end)) {
-    if (comment) {
-      const void* mark = std::memchr(begin, comment, std::size_t(end - begin));
-      if (mark) end = static_cast<const char*>(mark);
-    }
     while (begin != end && isBlank(*begin)) ++begin;
-    while (end != begin && isBlank(end[-1])) --end;
-    if (begin != end) return true;
+    if (begin != end && (!comment || *begin != comment)) return true;
   }
   return false;
 }

@@ -66,7 +66,7 @@ class FileWindow {
 
   std::FILE* file_ = nullptr;
   kxUtil::Progress* progress_ = nullptr;
-  std::unique_ptr<char[]> window_;
+  std::unique_ptr<char[]> window_;  // capacity_ bytes and kScanSlack more, zeroed
   std::size_t capacity_ = 0;
   std::size_t pos_ = 0, end_ = 0;  // cursor and end of the bytes held
   std::uint64_t base_ = 0;         // file offset of window_[0]
@@ -88,7 +88,8 @@ class TextCursor {
   /// last one.
   bool nextLine(const char*& begin, const char*& end);
   /// The next line that holds anything but blanks and, when `comment` is
-  /// not 0, a comment from that character to the line end (cut off).
+  /// not 0, a comment from that character to the line end, from its first
+  /// other character on (a comment after that is the caller's to stop at).
   bool nextContentLine(const char*& begin, const char*& end, char comment);
   /// The next whitespace-separated token, across lines; false at the end.
   bool nextToken(const char*& begin, const char*& end);

@@ -132,7 +132,7 @@ class VertexAndFaceLines {
  private:
   bool readVertex(const char* begin, const char* end, int i) {
     float values[kMaxVertexNumbers + 1];
-    LineFields fields(begin, end);
+    LineFields fields(begin, end, layout_.comment);
     int n = 0;
     for (; n <= kMaxVertexNumbers && !fields.atEnd(); ++n) {
       if (!fields.real(values[n])) return error_.atLine(text_.line(), "cannot parse a number");
@@ -161,7 +161,7 @@ class VertexAndFaceLines {
   }
 
   bool readFace(const char* begin, const char* end, int numVertices, TriangleSink& sink) {
-    LineFields fields(begin, end);
+    LineFields fields(begin, end, layout_.comment);
     int corners = 0;
     if (!fields.integer(corners)) return error_.atLine(text_.line(), "cannot parse a corner count");
     if (corners < 3) return error_.atLine(text_.line(), "a face of %d corners", corners);

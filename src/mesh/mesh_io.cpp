@@ -57,12 +57,13 @@ bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
     if (size > 0) capacity += std::size_t(std::min(size, kMaxHint));
     std::fseek(f, 0, SEEK_SET);
   }
-  std::unique_ptr<char[]> data(new char[capacity]);
+  // The scanners read up to kScanSlack bytes past the end.
+  std::unique_ptr<char[]> data(new char[capacity + fileio::kScanSlack]);
   std::size_t used = 0;
   for (;;) {
     if (used == capacity) {
       const std::size_t grown = std::max<std::size_t>(4096, 2 * capacity);
-      std::unique_ptr<char[]> bigger(new char[grown]);
+      std::unique_ptr<char[]> bigger(new char[grown + fileio::kScanSlack]);
       std::memcpy(bigger.get(), data.get(), used);
       data.swap(bigger);
       capacity = grown;
@@ -74,6 +75,7 @@ bool readWholeFile(const kxOS::Filename& filename, FileBuffer& out) {
   const bool unreadable = std::ferror(f) != 0;  // e.g. a directory
   std::fclose(f);
   if (unreadable) return false;
+  std::memset(data.get() + used, 0, fileio::kScanSlack);
   out.bytes.swap(data);
   out.size = used;
   return true;

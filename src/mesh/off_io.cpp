@@ -46,7 +46,7 @@ bool readOff(FileWindow& in, ReadError& error, CompactMesh& mesh) {
   const char* end;
   OffKeyword keyword;
   if (!text.nextContentLine(begin, end, '#')) return error.inFile("no OFF header");
-  LineFields fields(begin, end);
+  LineFields fields(begin, end, '#');
   if (!fields.word(begin, end) || !parseOffKeyword(begin, end, keyword)) {
     return error.atLine(text.line(), "not an OFF header");
   }
@@ -56,7 +56,7 @@ bool readOff(FileWindow& in, ReadError& error, CompactMesh& mesh) {
   // The counts may follow the keyword on its line or stand on the next.
   if (fields.atEnd()) {
     if (!text.nextContentLine(begin, end, '#')) return error.atLine(text.line(), "no counts");
-    fields = LineFields(begin, end);
+    fields = LineFields(begin, end, '#');
   }
   std::uint64_t numVertices = 0, numFaces = 0, numEdges = 0;
   if (!fields.count(numVertices) || !fields.count(numFaces) ||

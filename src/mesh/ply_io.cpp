@@ -395,11 +395,15 @@ class BinaryElements {
 
   bool readFaces(const PlyElement& e, TriangleSink& sink) {
     const int numVertices = mesh_.getNumVertices();
-    for (std::uint64_t f = 0; f < e.count; ++f) {
-      auto corners = [&](const PlyProperty& p, std::uint64_t count) {
-        return readCorners(p, e, count, numVertices, sink);
-      };
+    const bool plain = hasPlainTriangles(e);
+    auto corners = [&](const PlyProperty& p, std::uint64_t count) {
+      return readCorners(p, e, count, numVertices, sink);
+    };
+    for (std::uint64_t f = 0; f < e.count;) {
+      if (plain) f += readPlainTriangles(e.count - f, numVertices, sink);
+      if (f == e.count) break;
       if (!walkInstance(e, nullptr, corners)) return false;
+      ++f;
     }
     return true;
   }
@@ -449,6 +453,33 @@ class BinaryElements {
     }
     return true;
   }
+  // Faces of nothing but a byte count and 32-bit indices, the layout most
+  // writers use, which readPlainTriangles takes in bulk.
+  static bool hasPlainTriangles(const PlyElement& e) {
+    const PlyProperty& p = e.properties.front();
+    return e.properties.size() == 1 && scalarBytes(p.countType) == 1 && scalarBytes(p.type) == 4;
+  }
+  // Takes the triangles held in the window up to the first face that is not
+  // one (or whose indices need a closer look), which the caller then reads
+  // on its own; returns how many it took.
+  std::uint64_t readPlainTriangles(std::uint64_t left, int numVertices, TriangleSink& sink) {
+    constexpr std::size_t kFaceBytes = 13;
+    const std::size_t held = in_.fill(kFaceBytes) / kFaceBytes;
+    const std::size_t n = std::size_t(std::min<std::uint64_t>(held, left));
+    const char* face = in_.data();
+    std::size_t taken = 0;
+    for (; taken < n && face[0] == 3; ++taken, face += kFaceBytes) {
+      const std::uint32_t a = loadScalar<std::uint32_t, Swap>(face + 1);
+      const std::uint32_t b = loadScalar<std::uint32_t, Swap>(face + 5);
+      const std::uint32_t c = loadScalar<std::uint32_t, Swap>(face + 9);
+      const std::uint32_t limit = std::uint32_t(numVertices);
+      if (a >= limit || b >= limit || c >= limit) break;
+      sink.add(int(a), int(b), int(c));
+    }
+    in_.advance(taken * kFaceBytes);
+    return taken;
+  }
+
   // Records with lists, one at a time.
   bool readInstances(const PlyElement& e, const std::vector<Column>& columns) {
     for (std::size_t i = 0; i < std::size_t(e.count); ++i) {
@@ -478,8 +509,8 @@ class BinaryElements {
         continue;
       }
       const std::int64_t count = loadInteger<Swap>(p.countType, in_.data());
-      if (count < 0 ||
-          !countFits(std::uint64_t(count), scalarBytes(p.type), in_.remaining() - size)) {
+      // A count has at most 32 bits, so the product cannot overflow.
+      if (count < 0 || std::uint64_t(count) * scalarBytes(p.type) > in_.remaining() - size) {
         return error_.atByte(in_.offset(), "list count %lld runs past the end of the file",
                              static_cast<long long>(count));
       }

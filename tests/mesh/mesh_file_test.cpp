@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -401,6 +403,44 @@ TEST_F(MeshFileTest, StrictIndexedFormatSplitsPolygonsAndToleratesBlankLines) {
   expectContent(m, kSquare, kSquareFan);
 }
 
+TEST_F(MeshFileTest, NumbersReadAsTheCLibraryReadsThem) {
+  std::vector<std::string> texts = {"16777217",
+                                    "16777219",
+                                    "-0",
+                                    "0.000",
+                                    ".5",
+                                    "5.",
+                                    "1e-45",
+                                    "3.4028235e38",
+                                    "0.1",
+                                    "123456789012345",
+                                    "1234567890123456789",
+                                    "00000000000000000001.5",
+                                    "-2.5e+3",
+                                    "9007199254740993",
+                                    "+7"};
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> unit(-1, 1);
+  const char* formats[] = {"%.9g", "%.6f", "%.15g", "%.17g", "%.3e", "%.12f"};
+  for (int i = 0; i < 3000; ++i) {
+    char text[64];
+    std::snprintf(text, sizeof text, formats[i % 6], std::ldexp(unit(rng), int(rng() % 81) - 40));
+    texts.push_back(text);
+  }
+  std::string off = "OFF\n" + std::to_string(texts.size()) + " 1 0\n";
+  for (const std::string& t : texts) off += t + " " + t + "\t" + t + "\n";
+  CompactMesh m;
+  ASSERT_TRUE(meshReadFile(m, write("n.off", off + "3 00000000000000000000 +1 0002\n")));
+  expectContent(m, std::vector<float>(m.getVerticesRaw(), m.getVerticesRaw() + 3 * texts.size()),
+                {0, 1, 2});
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const float expected = std::strtof(texts[i].c_str(), nullptr);
+    for (int k = 0; k < 3; ++k) {
+      EXPECT_EQ(std::memcmp(&m.getVerticesRaw()[3 * i + k], &expected, 4), 0) << texts[i];
+    }
+  }
+}
+
 // ---- Hostile files ------------------------------------------------------------------------
 
 std::string plyHeader(const char* encoding, const std::string& vertices, const std::string& faces,
@@ -482,6 +522,8 @@ std::vector<Hostile> hostileFiles() {
       {"values.off", "COFF\n1 0 0\n0 0 0 1 1\n",
        "line 3: expected 7 numbers on the vertex line, found 5"},
       {"four.off", "4OFF\n1 0 0\n0 0 0 1\n", "line 1: only three-dimensional vertices"},
+      {"bigindex.off", "OFF\n3 1 0\n0 0 0\n1 0 0\n0 1 0\n3 0 1 2147483648\n",
+       "line 6: cannot parse a vertex index"},
       {"corners.off", "OFF\n3 1 0\n0 0 0\n1 0 0\n0 1 0\n2 0 1\n# room\n",
        "line 6: a face of 2 corners"},
       {"range.mesh", tri + "3 0 1 3\n", "line 5: face refers to missing vertex 3"},
