@@ -2,11 +2,9 @@
 // shape orientation (signed volume or winding against the written normals)
 // and closedness checked by brute force over the triangles.
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cmath>
 #include <functional>
-#include <map>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -30,42 +28,15 @@ Vector triangleCross(const CompactMesh& m, int t) {
   return kxLinear::cross(b - a, c - a);
 }
 
-// Divergence theorem: the volume enclosed, positive for outward winding.
-double signedVolume(const CompactMesh& m) {
-  double v = 0;
-  for (int t = 0; t < m.getNumTriangles(); ++t) {
-    const kxGeom::MeshTriangle& tri = m.getTriangles()[t];
-    v += kxLinear::dot(
-        m.getVertices()[tri[0]].asPoint(),
-        kxLinear::cross(m.getVertices()[tri[1]].asPoint(), m.getVertices()[tri[2]].asPoint()));
-  }
-  return v / 6;
-}
-
-double area(const CompactMesh& m) {
-  double a = 0;
-  for (int t = 0; t < m.getNumTriangles(); ++t) a += 0.5 * triangleCross(m, t).length();
-  return a;
-}
-
-// True when every directed edge (compared by position, so per-face vertex
-// copies count as one) is matched by exactly one reversed edge.
+// Volume and area by the measures (checked against closed forms in their own
+// tests), closedness by the topology report taken on positions, so per-face
+// vertex copies count as one.
+double signedVolume(const CompactMesh& m) { return kxGeom::meshVolume(m); }
+double area(const CompactMesh& m) { return kxGeom::meshArea(m); }
 bool closedAndConsistent(const CompactMesh& m) {
-  using Key = std::array<float, 6>;
-  std::map<Key, int> edges;
-  for (int t = 0; t < m.getNumTriangles(); ++t) {
-    for (int k = 0; k < 3; ++k) {
-      const kxGeom::MeshVertex& a = m.getVertices()[m.getTriangles()[t][k]];
-      const kxGeom::MeshVertex& b = m.getVertices()[m.getTriangles()[t][(k + 1) % 3]];
-      ++edges[{a.x, a.y, a.z, b.x, b.y, b.z}];
-    }
-  }
-  for (const auto& e : edges) {
-    const Key& k = e.first;
-    auto rev = edges.find({k[3], k[4], k[5], k[0], k[1], k[2]});
-    if (e.second != 1 || rev == edges.end() || rev->second != 1) return false;
-  }
-  return true;
+  const kxGeom::MeshTopologyReport r = kxGeom::meshTopologyReport(m);
+  return r.boundaryEdges == 0 && r.nonManifoldEdges == 0 && r.oriented &&
+         r.degenerateTriangles == 0;
 }
 
 // Every triangle's winding normal points the way its corners' normals do.

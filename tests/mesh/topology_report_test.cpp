@@ -18,27 +18,6 @@ CompactMesh fromArrays(const std::vector<kxGeom::MeshVertex>& v, const std::vect
   return m;
 }
 
-// An n by m torus: a periodic grid, so every edge has two triangles.
-CompactMesh makeTorus(int n, int m) {
-  std::vector<kxGeom::MeshVertex> v;
-  for (int j = 0; j < m; ++j) {
-    for (int i = 0; i < n; ++i) {
-      const double a = 6.283185307179586 * i / n, b = 6.283185307179586 * j / m;
-      v.push_back({float((2 + std::cos(b)) * std::cos(a)), float((2 + std::cos(b)) * std::sin(a)),
-                   float(std::sin(b))});
-    }
-  }
-  std::vector<int> t;
-  auto at = [&](int i, int j) { return (j % m) * n + (i % n); };
-  for (int j = 0; j < m; ++j) {
-    for (int i = 0; i < n; ++i) {
-      t.insert(t.end(), {at(i, j), at(i + 1, j), at(i + 1, j + 1)});
-      t.insert(t.end(), {at(i, j), at(i + 1, j + 1), at(i, j + 1)});
-    }
-  }
-  return fromArrays(v, t);
-}
-
 void expectReport(const MeshTopologyReport& r, int positions, int edges, int boundaryEdges,
                   int loops, int components, int genus) {
   EXPECT_EQ(r.positions, positions);
@@ -52,7 +31,7 @@ void expectReport(const MeshTopologyReport& r, int positions, int edges, int bou
 }  // namespace
 
 TEST(TopologyReport, ClosedSurfacesFollowEulersFormula) {
-  const MeshTopologyReport torus = kxGeom::meshTopologyReport(makeTorus(12, 8));
+  const MeshTopologyReport torus = kxGeom::meshTopologyReport(kxtest::makeTorus(12, 8, 2, 1));
   expectReport(torus, 96, 288, 0, 0, 1, 1);
   EXPECT_TRUE(torus.oriented);
   EXPECT_EQ(torus.seamEdges, 0);

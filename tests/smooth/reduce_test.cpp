@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <map>
 #include <random>
 #include <set>
 #include <vector>
@@ -22,28 +21,8 @@ using kxGeom::MeshReduceStatus;
 using kxLinear::Point;
 using kxLinear::Vector;
 
-const double kPi = 3.14159265358979323846;
-
-/// A closed torus (major radius 1, minor 0.35), outward winding, each
-/// vertex's tube radius perturbed by up to `noise`.
 CompactMesh makeTorus(int nu, int nv, float noise) {
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<float> jitter(-noise, noise);
-  std::vector<kxGeom::MeshVertex> v;
-  std::vector<int> t;
-  for (int i = 0; i < nu; ++i) {
-    for (int j = 0; j < nv; ++j) {
-      const double u = 2 * kPi * i / nu, w = 2 * kPi * j / nv, r = 0.35 + jitter(rng);
-      v.push_back({float((1 + r * std::cos(w)) * std::cos(u)),
-                   float((1 + r * std::cos(w)) * std::sin(u)), float(r * std::sin(w))});
-      const int a = i * nv + j, b = ((i + 1) % nu) * nv + j, c = i * nv + (j + 1) % nv,
-                d = ((i + 1) % nu) * nv + (j + 1) % nv;
-      t.insert(t.end(), {a, b, d, a, d, c});
-    }
-  }
-  CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
-  m.copyTriangles(int(t.size() / 3), t.data());
-  return m;
+  return kxtest::makeTorus(nu, nv, 1.0, 0.35, noise);
 }
 
 Point corner(const CompactMesh& m, int t, int k) {
@@ -53,27 +32,16 @@ Vector normalOf(const CompactMesh& m, int t) {
   return kxLinear::cross(corner(m, t, 1) - corner(m, t, 0), corner(m, t, 2) - corner(m, t, 0));
 }
 
-/// Every directed edge run once, every triangle with three distinct corners,
-/// no two triangles on one vertex set, every vertex one fan (the library's
-/// check); returns V - E + F.
+/// Consistently oriented, manifold at every edge and vertex, no triangle
+/// repeating a corner (the topology report, which a duplicate triangle would
+/// fail through its over-shared edges); returns V - E + F.
 int checkManifoldOriented(const CompactMesh& m) {
-  std::map<std::pair<int, int>, int> directed;
-  std::set<std::set<int>> vertexSets;
-  for (int t = 0; t < m.getNumTriangles(); ++t) {
-    const kxGeom::MeshTriangle& c = m.getTriangles()[t];
-    const std::set<int> corners = {c[0], c[1], c[2]};
-    EXPECT_EQ(corners.size(), 3u) << t;
-    EXPECT_TRUE(vertexSets.insert(corners).second) << "duplicate triangle " << t;
-    for (int k = 0; k < 3; ++k) EXPECT_EQ(++directed[std::make_pair(c[k], c[(k + 1) % 3])], 1);
-  }
-  std::set<std::pair<int, int>> edges;
-  for (const auto& d : directed) edges.insert(std::minmax(d.first.first, d.first.second));
-  kxGeom::MeshAdjTris adjacency;
-  kxGeom::meshAdjTris(m, adjacency);
-  kxGeom::MeshManifoldResult manifold;
-  kxGeom::meshManifold(m, adjacency, manifold);
-  EXPECT_TRUE(manifold.isClean());
-  return m.getNumVertices() - int(edges.size()) + m.getNumTriangles();
+  const kxGeom::MeshTopologyReport r = kxGeom::meshTopologyReport(m);
+  EXPECT_TRUE(r.oriented);
+  EXPECT_EQ(r.nonManifoldEdges, 0);
+  EXPECT_EQ(r.nonManifoldVertices, 0);
+  EXPECT_EQ(r.degenerateTriangles, 0);
+  return r.positions - r.edges + m.getNumTriangles();
 }
 
 /// Largest distance from a vertex of `from` to the surface of `to`, by

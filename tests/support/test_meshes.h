@@ -99,6 +99,31 @@ inline kxGeom::CompactMesh makeOctaSphere(int levels, double radius = 1.0) {
   return m;
 }
 
+/// A closed torus about the z axis, outward winding, `nu` segments around
+/// the axis and `nv` around the tube, each vertex's tube radius perturbed by
+/// up to `noise` (a fixed seed). Vertex (i, j) is i * nv + j.
+inline kxGeom::CompactMesh makeTorus(int nu, int nv, double major, double minor, float noise = 0) {
+  const double pi = 3.14159265358979323846;
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<float> jitter(-noise, noise);
+  std::vector<kxGeom::MeshVertex> v;
+  std::vector<int> t;
+  for (int i = 0; i < nu; ++i) {
+    for (int j = 0; j < nv; ++j) {
+      const double u = 2 * pi * i / nu, w = 2 * pi * j / nv;
+      const double r = minor + (noise > 0 ? jitter(rng) : 0.0f);
+      v.push_back({float((major + r * std::cos(w)) * std::cos(u)),
+                   float((major + r * std::cos(w)) * std::sin(u)), float(r * std::sin(w))});
+      const int a = i * nv + j, b = ((i + 1) % nu) * nv + j, c = i * nv + (j + 1) % nv,
+                d = ((i + 1) % nu) * nv + (j + 1) % nv;
+      t.insert(t.end(), {a, b, d, a, d, c});
+    }
+  }
+  kxGeom::CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  m.copyTriangles(int(t.size() / 3), t.data());
+  return m;
+}
+
 /// `numTriangles` random triangles over `numVertices` random vertices in
 /// [-1, 1]^3 (corners may repeat: degenerate triangles included).
 inline kxGeom::CompactMesh makeRandomMesh(int numVertices, int numTriangles, unsigned seed) {
