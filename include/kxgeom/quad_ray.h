@@ -121,6 +121,14 @@ class KXGEOM_API QuadRay {
   static float backfaceCullDistance() { return cullDistance.lane[0]; }
 
  private:
+  friend class QuadRayTracer;
+
+  // As the box test above; also writes each lane's entry parameter into the
+  // box, or +infinity for the lanes that do not pass.
+  std::uint32_t enter(const BoundingBox& box, QuadLanes& entry) const;
+  // The lanes whose nearest t lies beyond `entry`.
+  std::uint32_t reaches(const QuadLanes& entry) const;
+
   static QuadLanes cullDistance;
 
   float meanDirection_[3];
@@ -195,11 +203,14 @@ class KXGEOM_API OctreeQuadRayIntersectIt {
 /// Traces packets through one mesh over an octree and its per-voxel
 /// triangle lists.
 ///
-/// By default the walk keeps the fixed child order 0..7 and relies on the
-/// nearest-t pruning of the box test instead of front-to-back order;
-/// `setOrderedTraversal(true)` visits the children front to back along the
-/// packet's mean direction instead, which finds the nearest hits early and
-/// prunes far more of the tree for coherent packets. Each triangle is
+/// A nearest-hit packet visits the children of every cell nearest first (by
+/// the smallest entry parameter of the rays that reach each child), and a
+/// cell is skipped when every ray's nearest hit lies before it by the time
+/// it comes up: since each ray keeps the smallest t of all the triangles it
+/// meets, the order changes how much is visited, not the hits. A first-hit
+/// packet's answer depends on the order, which is the fixed child order
+/// 0..7 by default; `setOrderedTraversal(true)` orders its children front to
+/// back along the packet's mean direction instead. Each triangle is
 /// tested at most once per packet, even when it lies in several voxels: a
 /// per-triangle stamp marks the triangles seen by the current packet, so no
 /// array is cleared per packet. In first-hit mode the walk stops as soon as
@@ -225,22 +236,37 @@ class KXGEOM_API QuadRayTracer {
   /// packets).
   void intersect(QuadRay& packet);
 
-  /// Chooses the child order of later `intersect` calls.
+  /// Chooses the child order of later first-hit `intersect` calls.
   /// [in] ordered  true: front to back along each packet's mean direction
   ///               (`OctreeQuadRayIntersectIt::reset(packet, true)`); false
   ///               (the initial setting): the fixed order 0..7.
-  /// A nearest-hit packet gets the same hits either way, up to the
-  /// reciprocal-estimate tolerance of the box test at a cell boundary; a
-  /// first-hit packet may stop at other (earlier-found) hits. Cost O(1).
+  /// A first-hit packet may stop at other (earlier-found) hits; nearest-hit
+  /// packets always go nearest first. Cost O(1).
   void setOrderedTraversal(bool ordered) { ordered_ = ordered; }
   /// Whether `intersect` walks front to back. Cost O(1).
   bool orderedTraversal() const { return ordered_; }
 
  private:
+  // A cell waiting on the nearest-first walk's stack, with the entry
+  // parameter of each ray into it (+infinity for the rays that miss it) and
+  // the smallest of them.
+  struct Pending {
+    OctreeIterator cell;
+    QuadLanes entry;
+    float nearest;
+  };
+
   // Tests the unseen triangles of one voxel; false once every ray is finished.
   bool intersectVoxel(QuadRay& packet, int voxel);
+  // The nearest-hit walk: children nearest first.
+  void intersectNearestFirst(QuadRay& packet);
+  // Pushes the children of `cell` that some ray reaches, farthest first.
+  void pushChildren(const QuadRay& packet, const OctreeIterator& cell);
 
   OctreeQuadRayIntersectIt leaves_;
+  std::unique_ptr<Pending[]> pending_;
+  int numPending_ = 0;
+  const Octree* octree_;
   kx::vector<std::uint32_t> stamps_;
   std::uint32_t stamp_ = 1;
   bool ordered_ = false;

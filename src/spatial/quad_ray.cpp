@@ -1,6 +1,7 @@
 #include <kxgeom/quad_ray.h>
 
 #include <algorithm>
+#include <limits>
 
 #include <emmintrin.h>
 #include <xmmintrin.h>
@@ -137,25 +138,36 @@ void QuadRay::intersect(const MeshTriangle& triangle, const MeshVertex* const ve
   store(t_, select(hit, _mm_min_ps(nearest, t), nearest));
 }
 
-void QuadRay::intersect(const BoundingBox& box, kxUtil::BitField32& mask) const {
+// The slab test shared by the box tests: the lanes that overlap the box
+// ahead of the origin before their nearest t (without the first-hit rule),
+// and each lane's entry parameter.
+std::uint32_t QuadRay::enter(const BoundingBox& box, QuadLanes& entry) const {
   const __m128 ox = load(ox_), oy = load(oy_), oz = load(oz_);
   __m128 startX, endX, startY, endY;
   slab(box[0], box[3], ox, load(rdx_), startX, endX);
   slab(box[1], box[4], oy, load(rdy_), startY, endY);
   const __m128 overlapXY = overlaps(startX, endX, startY, endY);
-  if (_mm_movemask_ps(overlapXY) == 0) {
-    mask = kxUtil::BitField32(0);
-    return;
-  }
-  const __m128 entry = _mm_max_ps(startX, startY);
+  if (_mm_movemask_ps(overlapXY) == 0) return 0;
+  const __m128 entryXY = _mm_max_ps(startX, startY);
   const __m128 exit = _mm_min_ps(endX, endY);
   __m128 startZ, endZ;
   slab(box[2], box[5], oz, load(rdz_), startZ, endZ);
-  const __m128 overlap = _mm_and_ps(overlapXY, overlaps(entry, exit, startZ, endZ));
-  const __m128 beforeNearest = _mm_cmplt_ps(_mm_max_ps(entry, startZ), load(t_));
+  const __m128 overlap = _mm_and_ps(overlapXY, overlaps(entryXY, exit, startZ, endZ));
+  const __m128 start = _mm_max_ps(entryXY, startZ);
+  const __m128 beforeNearest = _mm_cmplt_ps(start, load(t_));
   const __m128 aheadOfOrigin = _mm_cmpgt_ps(_mm_min_ps(exit, endZ), load(zero));
-  std::uint32_t passing =
-      std::uint32_t(_mm_movemask_ps(_mm_and_ps(overlap, _mm_and_ps(beforeNearest, aheadOfOrigin))));
+  const __m128 passing = _mm_and_ps(overlap, _mm_and_ps(beforeNearest, aheadOfOrigin));
+  store(entry, select(passing, start, _mm_set1_ps(std::numeric_limits<float>::infinity())));
+  return std::uint32_t(_mm_movemask_ps(passing));
+}
+
+std::uint32_t QuadRay::reaches(const QuadLanes& entry) const {
+  return std::uint32_t(_mm_movemask_ps(_mm_cmplt_ps(load(entry), load(t_))));
+}
+
+void QuadRay::intersect(const BoundingBox& box, kxUtil::BitField32& mask) const {
+  QuadLanes entry;
+  std::uint32_t passing = enter(box, entry);
   if (!nearestHit_) passing &= ~hitMask_;
   mask = kxUtil::BitField32(passing);
 }
@@ -210,6 +222,8 @@ void OctreeQuadRayIntersectIt::next() {
 
 QuadRayTracer::QuadRayTracer(const Octree& octree, const OctreeTris& tris, const CompactMesh* mesh)
     : leaves_(octree),
+      pending_(new Pending[std::size_t(8 * std::max(1, octree.depth))]),
+      octree_(&octree),
       tris_(&tris),
       vertices_(mesh->getVertices()),
       triangles_(mesh->getTriangles()) {
@@ -229,9 +243,52 @@ bool QuadRayTracer::intersectVoxel(QuadRay& packet, int voxel) {
   return true;
 }
 
+void QuadRayTracer::pushChildren(const QuadRay& packet, const OctreeIterator& cell) {
+  const int first = numPending_;
+  for (int k = 0; k < 8; ++k) {
+    Pending& child = pending_[numPending_];
+    child.cell = cell;
+    child.cell.descend(k);
+    if (!packet.enter(child.cell.getBox(), child.entry)) continue;
+    // Insertion by the nearest entry of any ray, farthest deepest, so the
+    // nearest child ends on top of the stack.
+    child.nearest = *std::min_element(child.entry.lane, child.entry.lane + 4);
+    int at = numPending_++;
+    const Pending inserted = child;
+    for (; at > first && pending_[at - 1].nearest < inserted.nearest; --at) {
+      pending_[at] = pending_[at - 1];
+    }
+    pending_[at] = inserted;
+  }
+}
+
+void QuadRayTracer::intersectNearestFirst(QuadRay& packet) {
+  numPending_ = 0;
+  const OctreeIterator root = octree_->getRoot();
+  if (!root.getNode()) return;
+  Pending& first = pending_[numPending_];
+  first.cell = root;
+  if (packet.enter(root.getBox(), first.entry)) ++numPending_;
+  while (numPending_ > 0) {
+    const Pending& top = pending_[--numPending_];
+    // Hits found since the cell was pushed may lie before it for every ray.
+    if (!packet.reaches(top.entry)) continue;
+    const OctreeIterator cell = top.cell;
+    if (cell.isLeaf()) {
+      intersectVoxel(packet, cell.getVoxel());
+    } else {
+      pushChildren(packet, cell);
+    }
+  }
+}
+
 void QuadRayTracer::intersect(QuadRay& packet) {
-  for (leaves_.reset(packet, ordered_); leaves_.valid(); leaves_.next()) {
-    if (!intersectVoxel(packet, leaves_.get().getVoxel())) break;
+  if (packet.nearestHit_) {
+    intersectNearestFirst(packet);
+  } else {
+    for (leaves_.reset(packet, ordered_); leaves_.valid(); leaves_.next()) {
+      if (!intersectVoxel(packet, leaves_.get().getVoxel())) break;
+    }
   }
   if (++stamp_ == 0xFFFFFFFFu) {
     std::fill(stamps_.begin(), stamps_.end(), 0u);
