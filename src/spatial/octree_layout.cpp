@@ -40,10 +40,12 @@ void setLane(TriangleQuad& quad, int lane, const float* a, const float* b, const
   }
 }
 
+// An empty box is stored as the point at +infinity, which every slab test
+// places beyond reach (either ahead at +infinity or behind the origin).
 void setBoxLane(QuadBoxes& boxes, int lane, const BoundingBox& box) {
   for (int k = 0; k < 3; ++k) {
     boxes.lo[k][lane] = box.isValid() ? box[k] : kInfinity;
-    boxes.hi[k][lane] = box.isValid() ? box[k + 3] : -kInfinity;
+    boxes.hi[k][lane] = box.isValid() ? box[k + 3] : kInfinity;
   }
 }
 
@@ -146,7 +148,7 @@ class CellBuilder {
   static void setColumn(float lo[3][8], float hi[3][8], int k, const BoundingBox& box) {
     for (int axis = 0; axis < 3; ++axis) {
       lo[axis][k] = box.isValid() ? box[axis] : kInfinity;
-      hi[axis][k] = box.isValid() ? box[axis + 3] : -kInfinity;
+      hi[axis][k] = box.isValid() ? box[axis + 3] : kInfinity;
     }
   }
 

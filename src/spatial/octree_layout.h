@@ -44,15 +44,15 @@ struct alignas(16) TriangleQuad {
   float e2[3][4];  ///< v2 - v0
 };
 
-/// The padded boxes of four quads, one per lane (unused lanes are empty:
-/// minimum +inf, maximum -inf).
+/// The padded boxes of four quads, one per lane (unused lanes hold the
+/// point at +infinity, which no ray reaches).
 struct alignas(16) QuadBoxes {
   float lo[3][4];
   float hi[3][4];
 };
 
 /// The eight children of an inner cell, child k (the octree's numbering) in
-/// column k.
+/// column k; a child that lists nothing has the point at +infinity as boxes.
 struct alignas(16) CellChildren {
   float tightLo[3][8], tightHi[3][8];
   float clippedLo[3][8], clippedHi[3][8];
