@@ -1,12 +1,18 @@
-// Ray tracing throughput on a dense sphere (830k triangles): four-ray packets
-// (QuadRayTracer) and single rays (RayTracer), nearest hits, on coherent
-// camera rays (a 1000 x 1000 pinhole image, 2 x 2 pixel blocks as packets) and
-// incoherent rays (origins around the model, targets in its box). With
-// KXGEOM_BENCH_PEERS the same rays go through Embree 3 (rtcIntersect1 and
-// rtcIntersect4 on an SSE4.2 device) and the run ends with throughput ratios.
+// Ray tracing on the benchmark model (the armadillo refined twice, 832k
+// triangles; see support/off_mesh.h): four-ray packets (QuadRayTracer) and
+// single rays (RayTracer), nearest hits, on coherent camera rays (a 400 x
+// 400 pinhole image, 2 x 2 pixel blocks as packets) and incoherent rays
+// (origins around the model, each packet's four targets spread over its
+// box). With KXGEOM_BENCH_PEERS the same rays go through Embree 3
+// (rtcIntersect4 and rtcIntersect1 on an SSE4.2 device) and CGAL's AABB
+// tree (first_intersection). Everything runs on one thread; each row traces
+// the whole ray set per iteration, timed in processor time, and the run
+// ends with peer time / kxgeom time per pair and the hit counts of every
+// tracer on the same rays.
 #include <benchmark/benchmark.h>
 
-#include "support/bench_meshes.h"
+#include "support/off_mesh.h"
+#include "support/timed_ratio.h"
 
 #include <kxgeom/bounds.h>
 #include <kxgeom/octree_query.h>
@@ -15,13 +21,19 @@
 
 #include <cmath>
 #include <cstdio>
-#include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <embree3/rtcore.h>
+
+#include <CGAL/AABB_face_graph_triangle_primitive.h>
+#include <CGAL/AABB_traits.h>
+#include <CGAL/AABB_tree.h>
+#include <CGAL/Simple_cartesian.h>
+#include <CGAL/Surface_mesh.h>
 #endif
 
 namespace {
@@ -39,12 +51,12 @@ kxGeom::BoundingBox boxOf(const kxGeom::CompactMesh& mesh) {
 // built once with the library's usual settings.
 struct Model {
   Model()
-      : mesh(kxbench::makeDenseSphere(830000)),
+      : mesh(kxbench::benchModel().mesh),
         box(boxOf(mesh)),
         octree(mesh.getNumVertices(), mesh.getVerticesRaw(), box, true, 16) {
     kxGeom::computeOctreeTris(mesh, octree, tris);
   }
-  kxGeom::CompactMesh mesh;
+  const kxGeom::CompactMesh& mesh;
   kxGeom::BoundingBox box;
   kxGeom::Octree octree;
   kxGeom::OctreeTris tris;
@@ -63,16 +75,24 @@ struct RaySet {
   std::size_t numPackets() const { return origins.size(); }
 };
 
-constexpr int kImageSize = 1000;
+constexpr int kImageSize = 400;
+constexpr int kIncoherentPackets = 16000;
 
-// A pinhole camera a little off the z axis, looking at the sphere's centre
-// with a field of view that just frames it; packets are 2 x 2 pixel blocks.
+// The radius of the model's bounding sphere about its box centre.
+float modelRadius() { return model().box.halfDiagonal().length(); }
+
+// A pinhole camera a little off the z axis at three radii from the model,
+// looking at its centre with a field of view that just frames it; packets
+// are 2 x 2 pixel blocks.
 RaySet makeCoherentRays() {
-  const kxLinear::Vector eye(0.31, 0.27, 3.0);
-  const kxLinear::Vector forward = kxLinear::normalized(kxLinear::Vector(0, 0, 0) - eye);
+  const kxLinear::Vector centre(model().box.center());
+  const double radius = modelRadius();
+  const kxLinear::Vector eye = centre + kxLinear::Vector(0.31, 0.27, 3.0) * radius;
+  const kxLinear::Vector forward = kxLinear::normalized(centre - eye);
   const kxLinear::Vector right = kxLinear::normalized(kxLinear::cross(forward, {0, 1, 0}));
   const kxLinear::Vector up = kxLinear::cross(right, forward);
-  const double halfExtent = 1.05 / std::sqrt(eye.length2() - 1.05 * 1.05);
+  const double distance = (centre - eye).length();
+  const double halfExtent = radius / std::sqrt(distance * distance - radius * radius);
   RaySet rays;
   for (int by = 0; by < kImageSize; by += 2) {
     for (int bx = 0; bx < kImageSize; bx += 2) {
@@ -94,10 +114,10 @@ RaySet makeIncoherentRays() {
   std::mt19937 rng(7);
   std::uniform_real_distribution<float> unit(-1.0f, 1.0f), radius(2.0f, 4.0f);
   RaySet rays;
-  for (int p = 0; p < kImageSize * kImageSize / 4; ++p) {
+  for (int p = 0; p < kIncoherentPackets; ++p) {
     VectorFlt away(unit(rng), unit(rng), unit(rng));
     while (away.length2() < 1e-3f) away = VectorFlt(unit(rng), unit(rng), unit(rng));
-    const PointFlt origin = box.center() + kxLinear::normalized(away) * radius(rng);
+    const PointFlt origin = box.center() + kxLinear::normalized(away) * radius(rng) * modelRadius();
     rays.origins.push_back(origin);
     for (int k = 0; k < 4; ++k) {
       const PointFlt target(box[0] + (box[3] - box[0]) * 0.5f * (unit(rng) + 1),
@@ -109,87 +129,85 @@ RaySet makeIncoherentRays() {
   return rays;
 }
 
-const RaySet& coherentRays() {
-  static const RaySet rays = makeCoherentRays();
-  return rays;
-}
-const RaySet& incoherentRays() {
-  static const RaySet rays = makeIncoherentRays();
-  return rays;
+const RaySet& rays(bool coherent) {
+  static const RaySet coherentSet = makeCoherentRays();
+  static const RaySet incoherentSet = makeIncoherentRays();
+  return coherent ? coherentSet : incoherentSet;
 }
 
-using RaySource = const RaySet& (*)();
+const char* kindName(bool coherent) { return coherent ? "coherent" : "incoherent"; }
 
-void setRayRate(benchmark::State& state, int raysPerIteration) {
-  state.counters["rays/s"] = benchmark::Counter(double(state.iterations()) * raysPerIteration,
-                                                benchmark::Counter::kIsRate);
+std::string variant(const char* tracer, bool coherent) {
+  return std::string(tracer) + " " + kindName(coherent);
 }
 
-// Every 25th packet: a sample spread over the whole image, on which the hit
-// counts of the compared tracers are printed (not timed).
-constexpr std::size_t kSampleStride = 25;
+// Traces every ray of the set once per iteration, timed in processor time.
+template <class TraceAll>
+void timeRaySet(benchmark::State& state, const std::string& name, bool coherent,
+                TraceAll traceAll) {
+  const RaySet& set = rays(coherent);
+  kxbench::timeIterations(
+      state, name, [] { return 0; }, [&](int) { benchmark::DoNotOptimize(traceAll(set)); },
+      kxbench::Clock::ProcessCpu);
+  state.counters["rays"] = double(set.directions.size());
+}
 
-// Number of rays of the sample that the packet tracer finds hits for.
-long packetHits(const RaySet& rays) {
+// Number of rays of the set that the packet tracer finds hits for.
+long packetHits(const RaySet& set) {
   const Model& m = model();
   kxGeom::QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
   long hits = 0;
-  for (std::size_t p = 0; p < rays.numPackets(); p += kSampleStride) {
-    const VectorFlt* d = &rays.directions[4 * p];
-    kxGeom::QuadRay packet(rays.origins[p], d[0], d[1], d[2], d[3], true);
+  for (std::size_t p = 0; p < set.numPackets(); ++p) {
+    const VectorFlt* d = &set.directions[4 * p];
+    kxGeom::QuadRay packet(set.origins[p], d[0], d[1], d[2], d[3], true);
     tracer.intersect(packet);
-    for (int k = 0; k < 4; ++k) hits += packet.triHit(k);
+    hits += __builtin_popcount(packet.hitMask());
   }
   return hits;
 }
 
-// `ordered`: front-to-back traversal (the render command's setting).
-void BM_QuadRayTracer(benchmark::State& state, RaySource source, bool ordered) {
+long singleRayHits(const RaySet& set) {
   const Model& m = model();
-  const RaySet& rays = source();
-  kxGeom::QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
-  tracer.setOrderedTraversal(ordered);
-  std::size_t p = 0;
-  for (auto _ : state) {
-    const VectorFlt* d = &rays.directions[4 * p];
-    kxGeom::QuadRay packet(rays.origins[p], d[0], d[1], d[2], d[3], true);
-    tracer.intersect(packet);
-    benchmark::DoNotOptimize(packet.hitMask());
-    if (++p == rays.numPackets()) p = 0;
-  }
-  setRayRate(state, 4);
-}
-
-void BM_RayTracer(benchmark::State& state, RaySource source) {
-  const Model& m = model();
-  const RaySet& rays = source();
   kxGeom::RayTracer tracer(m.octree, m.tris, &m.mesh);
-  std::size_t r = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        tracer.intersect(rays.origins[r / 4], kxLinear::Vector(rays.directions[r])));
-    if (++r == rays.directions.size()) r = 0;
+  long hits = 0;
+  for (std::size_t r = 0; r < set.directions.size(); ++r) {
+    hits += tracer.intersect(set.origins[r / 4], kxLinear::Vector(set.directions[r]));
   }
-  setRayRate(state, 1);
+  return hits;
 }
 
-BENCHMARK_CAPTURE(BM_QuadRayTracer, coherent, &coherentRays, false)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_QuadRayTracer, coherent_ordered, &coherentRays, true)
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_RayTracer, coherent, &coherentRays)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_QuadRayTracer, incoherent, &incoherentRays, false)
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_QuadRayTracer, incoherent_ordered, &incoherentRays, true)
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_RayTracer, incoherent, &incoherentRays)->Unit(benchmark::kMicrosecond);
+void BM_QuadRayTracer(benchmark::State& state, bool coherent) {
+  timeRaySet(state, variant("kxgeom QuadRayTracer", coherent), coherent, packetHits);
+}
+
+void BM_RayTracer(benchmark::State& state, bool coherent) {
+  timeRaySet(state, variant("kxgeom RayTracer", coherent), coherent, singleRayHits);
+}
+
+BENCHMARK_CAPTURE(BM_QuadRayTracer, coherent, true)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_RayTracer, coherent, true)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_QuadRayTracer, incoherent, false)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_RayTracer, incoherent, false)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
 
 #ifdef KXGEOM_BENCH_PEERS
 
-// The model as one Embree triangle geometry on an SSE4.2 device.
+// The model as one Embree triangle geometry on a one-thread SSE4.2 device.
 struct EmbreeScene {
   EmbreeScene() {
     const Model& m = model();
-    device = rtcNewDevice("isa=sse4.2");
+    device = rtcNewDevice("isa=sse4.2,threads=1");
     scene = rtcNewScene(device);
     RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
     auto* vertices = static_cast<float*>(
@@ -211,6 +229,8 @@ struct EmbreeScene {
     rtcReleaseScene(scene);
     rtcReleaseDevice(device);
   }
+  EmbreeScene(const EmbreeScene&) = delete;
+  EmbreeScene& operator=(const EmbreeScene&) = delete;
   RTCDevice device;
   RTCScene scene;
 };
@@ -218,6 +238,14 @@ struct EmbreeScene {
 const EmbreeScene& embree() {
   static const EmbreeScene e;
   return e;
+}
+
+RTCIntersectContext makeContext(bool coherent) {
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  context.flags =
+      coherent ? RTC_INTERSECT_CONTEXT_FLAG_COHERENT : RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT;
+  return context;
 }
 
 bool embreeIntersect1(RTCIntersectContext& context, const PointFlt& o, const VectorFlt& d) {
@@ -247,113 +275,143 @@ int embreeIntersect4(RTCIntersectContext& context, const PointFlt& o, const Vect
   return hits;
 }
 
-RTCIntersectContext makeContext(RaySource source) {
-  RTCIntersectContext context;
-  rtcInitIntersectContext(&context);
-  context.flags = source == &coherentRays ? RTC_INTERSECT_CONTEXT_FLAG_COHERENT
-                                          : RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT;
-  return context;
-}
-
-void BM_EmbreeIntersect1(benchmark::State& state, RaySource source) {
-  const RaySet& rays = source();
-  RTCIntersectContext context = makeContext(source);
-  std::size_t r = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(embreeIntersect1(context, rays.origins[r / 4], rays.directions[r]));
-    if (++r == rays.directions.size()) r = 0;
-  }
-  setRayRate(state, 1);
-}
-
-void BM_EmbreeIntersect4(benchmark::State& state, RaySource source) {
-  const RaySet& rays = source();
-  RTCIntersectContext context = makeContext(source);
-  std::size_t p = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(embreeIntersect4(context, rays.origins[p], &rays.directions[4 * p]));
-    if (++p == rays.numPackets()) p = 0;
-  }
-  setRayRate(state, 4);
-}
-
-BENCHMARK_CAPTURE(BM_EmbreeIntersect1, coherent, &coherentRays)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_EmbreeIntersect4, coherent, &coherentRays)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_EmbreeIntersect1, incoherent, &incoherentRays)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(BM_EmbreeIntersect4, incoherent, &incoherentRays)->Unit(benchmark::kMicrosecond);
-
-// Number of rays of the sample that Embree finds hits for.
-long embreeHits(RaySource source) {
-  RTCIntersectContext context = makeContext(source);
+long embreeHits4(const RaySet& set, bool coherent) {
+  RTCIntersectContext context = makeContext(coherent);
   long hits = 0;
-  for (std::size_t p = 0; p < source().numPackets(); p += kSampleStride)
-    hits += embreeIntersect4(context, source().origins[p], &source().directions[4 * p]);
+  for (std::size_t p = 0; p < set.numPackets(); ++p) {
+    hits += embreeIntersect4(context, set.origins[p], &set.directions[4 * p]);
+  }
   return hits;
 }
 
-#endif
-
-// Collects the ray rates of every run for the closing ratio lines.
-class RateReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      const auto it = run.counters.find("rays/s");
-      if (it != run.counters.end()) rates[run.benchmark_name()] = it->second.value;
-    }
-    ConsoleReporter::ReportRuns(runs);
+long embreeHits1(const RaySet& set, bool coherent) {
+  RTCIntersectContext context = makeContext(coherent);
+  long hits = 0;
+  for (std::size_t r = 0; r < set.directions.size(); ++r) {
+    hits += embreeIntersect1(context, set.origins[r / 4], set.directions[r]);
   }
-  double rate(const std::string& name) const {
-    const auto it = rates.find(name);
-    return it == rates.end() ? 0.0 : it->second;
-  }
-
- private:
-  std::map<std::string, double> rates;
-};
-
-void printRatio(const RateReporter& r, const char* what, const std::string& a,
-                const std::string& b) {
-  const double ra = r.rate(a), rb = r.rate(b);
-  if (ra > 0 && rb > 0)
-    std::printf("ratio %-11s %s / %s = %.3f\n", what, a.c_str(), b.c_str(), ra / rb);
+  return hits;
 }
+
+void BM_EmbreeIntersect4(benchmark::State& state, bool coherent) {
+  timeRaySet(state, variant("Embree rtcIntersect4", coherent), coherent,
+             [coherent](const RaySet& set) { return embreeHits4(set, coherent); });
+}
+
+void BM_EmbreeIntersect1(benchmark::State& state, bool coherent) {
+  timeRaySet(state, variant("Embree rtcIntersect1", coherent), coherent,
+             [coherent](const RaySet& set) { return embreeHits1(set, coherent); });
+}
+
+// ---- CGAL: AABB tree over a Surface_mesh with double coordinates.
+using Kernel = CGAL::Simple_cartesian<double>;
+using SurfaceMesh = CGAL::Surface_mesh<Kernel::Point_3>;
+using Primitive = CGAL::AABB_face_graph_triangle_primitive<SurfaceMesh>;
+using Tree = CGAL::AABB_tree<CGAL::AABB_traits<Kernel, Primitive>>;
+
+const SurfaceMesh& cgalMesh() {
+  static const SurfaceMesh mesh = [] {
+    const kxGeom::CompactMesh& m = model().mesh;
+    SurfaceMesh s;
+    std::vector<SurfaceMesh::Vertex_index> v;
+    for (int i = 0; i < m.getNumVertices(); ++i) {
+      const kxGeom::MeshVertex& p = m.getVertices()[i];
+      v.push_back(s.add_vertex(Kernel::Point_3(p.x, p.y, p.z)));
+    }
+    for (int t = 0; t < m.getNumTriangles(); ++t) {
+      const kxGeom::MeshTriangle& tri = m.getTriangles()[t];
+      s.add_face(v[tri[0]], v[tri[1]], v[tri[2]]);
+    }
+    return s;
+  }();
+  return mesh;
+}
+
+const Tree& cgalTree() {
+  static const Tree tree = [] {
+    Tree t(faces(cgalMesh()).first, faces(cgalMesh()).second, cgalMesh());
+    t.build();
+    return t;
+  }();
+  return tree;
+}
+
+long cgalHits(const RaySet& set) {
+  long hits = 0;
+  for (std::size_t r = 0; r < set.directions.size(); ++r) {
+    const PointFlt& o = set.origins[r / 4];
+    const VectorFlt& d = set.directions[r];
+    const Kernel::Ray_3 ray(Kernel::Point_3(o.x, o.y, o.z), Kernel::Vector_3(d.x, d.y, d.z));
+    hits += bool(cgalTree().first_intersection(ray));
+  }
+  return hits;
+}
+
+void BM_CGALFirstIntersection(benchmark::State& state, bool coherent) {
+  timeRaySet(state, variant("CGAL first_intersection", coherent), coherent, cgalHits);
+}
+
+BENCHMARK_CAPTURE(BM_EmbreeIntersect4, coherent, true)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EmbreeIntersect1, coherent, true)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CGALFirstIntersection, coherent, true)
+    ->UseManualTime()
+    ->Iterations(2)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EmbreeIntersect4, incoherent, false)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EmbreeIntersect1, incoherent, false)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CGALFirstIntersection, incoherent, false)
+    ->UseManualTime()
+    ->Iterations(2)
+    ->Unit(benchmark::kMillisecond);
+
+#endif
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  // Build the model, the rays and the peer's scene before any timing.
-  model();
-  coherentRays();
-  incoherentRays();
+  // One thread for the library's passes (the octree lists) as for the peers.
+  kxUtil::ThreadPool::setNumThreads(1);
+  std::printf("model: %s, %d triangles\n", kxbench::benchModel().name.c_str(),
+              model().mesh.getNumTriangles());
+  // The rays and the peers' structures are built before any timing.
+  rays(true);
+  rays(false);
 #ifdef KXGEOM_BENCH_PEERS
   embree();
+  cgalTree();
 #endif
-  RateReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  for (const char* kind : {"coherent", "incoherent"}) {
-    const std::string quad = std::string("BM_QuadRayTracer/") + kind;
-    const std::string single = std::string("BM_RayTracer/") + kind;
-    printRatio(reporter, kind, quad, single);
-#ifdef KXGEOM_BENCH_PEERS
-    printRatio(reporter, kind, quad, std::string("BM_EmbreeIntersect4/") + kind);
-    printRatio(reporter, kind, quad + "_ordered", std::string("BM_EmbreeIntersect4/") + kind);
-    printRatio(reporter, kind, single, std::string("BM_EmbreeIntersect1/") + kind);
-#endif
+  std::vector<std::pair<std::string, std::string>> pairs;
+  for (bool coherent : {true, false}) {
+    pairs.push_back(
+        {variant("Embree rtcIntersect4", coherent), variant("kxgeom QuadRayTracer", coherent)});
+    pairs.push_back(
+        {variant("Embree rtcIntersect1", coherent), variant("kxgeom RayTracer", coherent)});
+    pairs.push_back(
+        {variant("CGAL first_intersection", coherent), variant("kxgeom RayTracer", coherent)});
   }
-  // Hit counts on a sample of the packets, so the compared runs can be seen
-  // to answer the same question.
-  for (RaySource source : {RaySource(&coherentRays), RaySource(&incoherentRays)}) {
-    const char* kind = source == &coherentRays ? "coherent" : "incoherent";
-    std::printf("hits %-11s QuadRayTracer %ld", kind, packetHits(source()));
+  const int status = kxbench::runAndPrintRatios(argc, argv, pairs);
+  // Hit counts on the same rays, so the compared runs can be seen to answer
+  // the same question.
+  for (bool coherent : {true, false}) {
+    const RaySet& set = rays(coherent);
+    std::printf("hits %-10s of %zu rays: QuadRayTracer %ld, RayTracer %ld", kindName(coherent),
+                set.directions.size(), packetHits(set), singleRayHits(set));
 #ifdef KXGEOM_BENCH_PEERS
-    std::printf(", Embree %ld", embreeHits(source));
+    std::printf(", Embree %ld, CGAL %ld", embreeHits4(set, coherent), cgalHits(set));
 #endif
-    std::printf(" of %zu rays\n",
-                4 * ((source().numPackets() + kSampleStride - 1) / kSampleStride));
+    std::printf("\n");
   }
-  benchmark::Shutdown();
-  return 0;
+  return status;
 }

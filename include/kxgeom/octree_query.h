@@ -109,9 +109,14 @@ class KXGEOM_API OctreeSphereIntersectIt : public OctreeQueryIt {
 /// visited for the previous triangle of the same thread is listed in that
 /// leaf only, without traversal (so a triangle touching a neighbouring leaf
 /// only on its boundary may be missing there, depending on the thread split).
-/// A triangle with a NaN or infinite coordinate is listed nowhere. When the octree has no
-/// leaves, `result` is left untouched and nothing is logged.
-/// Cost O(N log V) typical for N triangles and V leaves; memory O(pairs).
+/// A triangle with a NaN or infinite coordinate is listed nowhere. The lists
+/// are then laid out for the ray tracers (`OctreeTris::layout`: per inner
+/// cell its children's boxes side by side, per leaf its triangles' corners
+/// and edges four at a time), in parallel too, and a second line is logged.
+/// When the octree has no leaves, `result` is left untouched and nothing is
+/// logged.
+/// Cost O(N log V) typical for N triangles and V leaves; memory O(pairs),
+/// about 48 bytes per listed pair for the layout.
 /// Thread safety: re-entrant; reads mesh and octree only.
 KXGEOM_API void computeOctreeTris(const CompactMesh& mesh, const Octree& octree,
                                   OctreeTris& result);

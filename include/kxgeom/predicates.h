@@ -34,6 +34,15 @@ KXGEOM_API bool intersectRayTriangle(const double* dir, const float* orig, const
                                      const float* vert1, const float* vert2, double& t, double& u,
                                      double& v);
 
+/// As `intersectRayTriangle`, on the corner vert0 and the edges from it,
+/// edge1 = vert1 - vert0 and edge2 = vert2 - vert0 formed in single precision
+/// (as that test forms them, so both give the same answers bit for bit).
+/// [in] edge1, edge2  three floats each; other arguments as above.
+/// Cost O(1). Re-entrant.
+KXGEOM_API bool intersectRayTriangleEdges(const double* dir, const float* orig, const float* vert0,
+                                          const float* edge1, const float* edge2, double& t,
+                                          double& u, double& v);
+
 /// Front-face-only ray-triangle test: misses when det < 1e-6 (det == 1e-6
 /// passes), otherwise as the two-sided test's front-face branch, for any t.
 /// Arguments as `intersectRayTriangle`; the cull distance is not consulted.

@@ -121,6 +121,13 @@ class KXGEOM_API QuadRay {
   static float backfaceCullDistance() { return cullDistance.lane[0]; }
 
  private:
+  friend class QuadRayTracer;
+
+  // The triangle test on a corner and the two edges from it, formed in
+  // single precision (v1 - v0, v2 - v0).
+  void intersect(const kxLinear::PointFlt& v0, const kxLinear::VectorFlt& e1,
+                 const kxLinear::VectorFlt& e2);
+
   static QuadLanes cullDistance;
 
   float meanDirection_[3];
@@ -193,60 +200,88 @@ class KXGEOM_API OctreeQuadRayIntersectIt {
 };
 
 /// Traces packets through one mesh over an octree and its per-voxel
-/// triangle lists.
+/// triangle lists, laid out for tracing (`OctreeTris::layout`).
 ///
-/// By default the walk keeps the fixed child order 0..7 and relies on the
-/// nearest-t pruning of the box test instead of front-to-back order;
-/// `setOrderedTraversal(true)` visits the children front to back along the
-/// packet's mean direction instead, which finds the nearest hits early and
-/// prunes far more of the tree for coherent packets. Each triangle is
-/// tested at most once per packet, even when it lies in several voxels: a
-/// per-triangle stamp marks the triangles seen by the current packet, so no
-/// array is cleared per packet. In first-hit mode the walk stops as soon as
-/// all four rays have hit.
+/// A nearest-hit packet walks the laid-out cells, visiting the children of
+/// every cell nearest first (by the smallest entry parameter of the rays
+/// that reach each child's box of listed triangles, clipped to its cell),
+/// skips a cell when every ray's nearest hit lies before it by the time it
+/// comes up, and within a leaf tests only the triangles of the groups of four
+/// whose box some ray reaches before its nearest hit. Since each ray keeps
+/// the smallest t of all the triangles it meets, neither the order nor the
+/// skipping changes its hit, only the work. The boxes are tested with exact
+/// reciprocals and a relative slack, so a ray through a box's boundary is
+/// never lost to rounding.
+///
+/// A first-hit packet's answer depends on the order in which triangles are
+/// met: it walks the leaves as `OctreeQuadRayIntersectIt` does (the fixed
+/// child order 0..7 by default, front to back along the packet's mean
+/// direction after `setOrderedTraversal(true)`) and tests every triangle of
+/// each leaf in list order, stopping as soon as all four rays have hit. A
+/// triangle listed in several leaves may be tested more than once; a repeat
+/// never changes a packet.
 /// Thread safety: a tracer belongs to one thread; several tracers may run on
 /// one mesh, octree and triangle lists at once (they are only read).
 class KXGEOM_API QuadRayTracer {
  public:
   /// [in] octree  the octree whose voxels `tris` lists.
-  /// [in] tris    per-voxel triangle indices of `mesh` (`computeOctreeTris`).
-  /// [in] mesh    the mesh (not null); its vertex and triangle arrays are
-  ///              read on every trace, so it must outlive the tracer and not
-  ///              change. Indices are not validated.
-  /// Cost O(triangles) memory for the stamps (one 32-bit word each).
+  /// [in] tris    per-voxel triangle indices of `mesh` (`computeOctreeTris`,
+  ///              which also lays them out). The tracer shares their layout;
+  ///              for lists made without one it lays them out itself.
+  /// [in] mesh    the mesh the lists were computed for (not null): read only
+  ///              here, to lay out lists that have no layout yet. Indices are
+  ///              not validated.
+  /// Cost O(depth) memory, plus O(listed triangles + octree nodes) time and
+  /// memory for lists without a layout.
   QuadRayTracer(const Octree& octree, const OctreeTris& tris, const CompactMesh* mesh);
 
   /// Traces the packet; the results are read from the packet (`triHit`,
   /// `triIntersectionRayParam`). Hits already recorded in the packet are kept
   /// and prune the walk. [in,out] packet.
   /// Never fails: a packet that reaches no triangle is left as it was.
-  /// Cost: the leaves the packet reaches and their triangles; allocates
-  /// nothing (the stamps are cleared, O(triangles), once every 2^32 - 2
-  /// packets).
+  /// Cost: the cells and leaves the packet reaches and the triangles tested
+  /// there; allocates nothing.
   void intersect(QuadRay& packet);
 
-  /// Chooses the child order of later `intersect` calls.
+  /// Chooses the child order of later first-hit `intersect` calls.
   /// [in] ordered  true: front to back along each packet's mean direction
   ///               (`OctreeQuadRayIntersectIt::reset(packet, true)`); false
   ///               (the initial setting): the fixed order 0..7.
-  /// A nearest-hit packet gets the same hits either way, up to the
-  /// reciprocal-estimate tolerance of the box test at a cell boundary; a
-  /// first-hit packet may stop at other (earlier-found) hits. Cost O(1).
+  /// A first-hit packet may stop at other (earlier-found) hits; nearest-hit
+  /// packets always go nearest first. Cost O(1).
   void setOrderedTraversal(bool ordered) { ordered_ = ordered; }
-  /// Whether `intersect` walks front to back. Cost O(1).
+  /// Whether first-hit `intersect` walks front to back. Cost O(1).
   bool orderedTraversal() const { return ordered_; }
 
  private:
-  // Tests the unseen triangles of one voxel; false once every ray is finished.
-  bool intersectVoxel(QuadRay& packet, int voxel);
+  // A cell waiting on the nearest-first walk's stack: the entry parameter of
+  // each ray into its box (+infinity for the rays that miss it), the
+  // smallest of them, and the cell: its record, or ~voxel for a leaf.
+  struct Pending {
+    QuadLanes entry;
+    float nearest;
+    int cell;
+  };
+
+  // The nearest-hit walk.
+  void intersectNearestFirst(QuadRay& packet);
+  // Pushes the children of record `cell` that some ray reaches, farthest
+  // first (so the nearest is on top).
+  void pushChildren(const QuadRay& packet, int cell);
+  // Tests the triangles of the groups of voxel `voxel` that some ray reaches
+  // before its nearest hit.
+  void intersectLeafNearest(QuadRay& packet, int voxel);
+  // Tests every triangle of voxel `voxel` in list order; false once all four
+  // rays of a first-hit packet have hit.
+  bool intersectLeafInOrder(QuadRay& packet, int voxel);
 
   OctreeQuadRayIntersectIt leaves_;
-  kx::vector<std::uint32_t> stamps_;
-  std::uint32_t stamp_ = 1;
+  std::unique_ptr<Pending[]> pending_;
+  int numPending_ = 0;
+  std::shared_ptr<const OctreeTrisLayout> layout_;
+  // Exact reciprocal directions of the packet being traced (x, y, z rows).
+  QuadLanes reciprocal_[3];
   bool ordered_ = false;
-  const OctreeTris* tris_;
-  const MeshVertex* vertices_;
-  const MeshTriangle* triangles_;
 };
 
 }  // namespace kxGeom

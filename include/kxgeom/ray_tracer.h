@@ -2,6 +2,9 @@
 // per-voxel triangle lists: the one-ray counterpart of `QuadRayTracer`.
 #pragma once
 
+#include <cstdint>
+#include <memory>
+
 #include <kxgeom/octree_query.h>
 #include <kxgeom/platform/export.h>
 #include <kxgeom/platform/linear.h>
@@ -14,22 +17,38 @@ namespace kxGeom {
 /// met by a front-to-back walk of the octree leaves.
 ///
 /// The walk visits the leaves the ray passes through in the order it meets
-/// them (`OctreeRayIntersectIt`) and tests their triangles with the two-sided
-/// `intersectRayTriangle`: a hit needs t > `kxLinear::epsilonTol`, and a back
-/// face counts only at t >= the process-wide cull distance of
+/// them (the children of every cell in the order of
+/// `Octree::getNodeOrdering` along the ray's direction, as
+/// `OctreeRayIntersectIt` does) and tests their triangles in list order with
+/// the two-sided `intersectRayTriangle`: a hit needs t > `kxLinear::epsilonTol`,
+/// and a back face counts only at t >= the process-wide cull distance of
 /// `setBackfaceCullDistance`. In nearest-hit mode the walk ends at the first
-/// leaf that the ray enters beyond the nearest hit found so far; in first-hit
-/// mode at the first hit. A triangle in several leaves may be tested more
-/// than once.
+/// cell that the ray enters beyond the nearest hit found so far; in first-hit
+/// mode at the first hit.
+///
+/// The walk runs on the lists' layout (`OctreeTris::layout`): four children
+/// of a cell are tested against the ray in one vector pass, and a child or a
+/// group of four triangles is skipped when the ray misses the box of the
+/// triangles listed there (a conservative test), which no hit can lie
+/// outside of. Four triangles at a time are screened in single precision
+/// with error bounds that never reject a triangle the double-precision test
+/// would accept; only the survivors get that test, each at most once per ray
+/// (a triangle listed in several leaves is remembered). The answers are
+/// those of the plain walk that tests every triangle of every leaf it passes.
 /// Thread safety: a tracer belongs to one thread; several tracers may run on
 /// one mesh, octree and triangle lists at once (they are only read).
 class KXGEOM_API RayTracer {
  public:
   /// [in] octree  the octree whose voxels `tris` lists.
-  /// [in] tris    per-voxel triangle indices of `mesh` (`computeOctreeTris`).
-  /// [in] mesh    the mesh (not null); read on every trace, so it must
-  ///              outlive the tracer and not change. Indices are not validated.
-  /// Starts in nearest-hit mode. Cost O(depth) memory.
+  /// [in] tris    per-voxel triangle indices of `mesh` (`computeOctreeTris`,
+  ///              which also lays them out). The tracer shares their layout;
+  ///              for lists made without one it lays them out itself. Must
+  ///              outlive the tracer, unchanged.
+  /// [in] mesh    the mesh the lists were computed for (not null): read only
+  ///              here, to lay out lists that have no layout yet. Indices are
+  ///              not validated.
+  /// Starts in nearest-hit mode. Cost O(depth) memory, plus O(listed
+  /// triangles + octree nodes) time and memory for lists without a layout.
   RayTracer(const Octree& octree, const OctreeTris& tris, const CompactMesh* mesh);
 
   /// Chooses the nearest hit (true, the default) or the first hit found
@@ -40,9 +59,10 @@ class KXGEOM_API RayTracer {
   /// [in] origin     start point (model units).
   /// [in] direction  direction (non-zero; any length).
   /// Returns true when the ray hits the mesh; then `intersectionDist()` and
-  /// `intersectionTriangle()` describe the hit. On a miss they are
-  /// 3.4028234663852886e38 and -1. Cost: the leaves the ray passes through
-  /// up to the hit, and their triangles; allocates nothing.
+  /// `intersectionTriangle()` describe the hit. On a miss (always, for a
+  /// non-finite origin or direction) they are 3.4028234663852886e38 and -1.
+  /// Cost: the cells the ray passes through up to the hit, and the
+  /// triangles near it; allocates nothing.
   bool intersect(const kxLinear::PointFlt& origin, const kxLinear::Vector& direction);
 
   /// Distance from the origin to the hit of the last `intersect` (model
@@ -52,14 +72,41 @@ class KXGEOM_API RayTracer {
   int intersectionTriangle() const { return triangle_; }
 
  private:
-  // Tests the triangles of one voxel against the ray, lowering `nearestT`.
-  bool intersectVoxel(const Ray& ray, int voxel, double& nearestT);
+  // The ray of one trace, prepared for the vector tests.
+  struct Trace;
+  // A cell waiting on the walk's stack: its box, the parameter at which the
+  // ray enters it, and its record (inner cell) or ~voxel (leaf).
+  struct Pending {
+    BoundingBox box;
+    float entry;
+    int cell;
+  };
 
-  OctreeRayIntersectIt leaves_;
+  // Pushes the children of the inner cell `parent` that the ray reaches, in
+  // reverse walk order.
+  void pushChildren(const Trace& trace, const Pending& parent);
+  // Tests the triangles of voxel `voxel` near the ray; true when a first-hit
+  // trace is done.
+  bool scanLeaf(const Trace& trace, int voxel);
+  // Tests triangle `triangle` (corner v0, edges e1, e2) unless this ray
+  // already has; true on a hit nearer than the nearest so far.
+  bool testTriangle(const Trace& trace, const float v0[3], const float e1[3], const float e2[3],
+                    int triangle);
+
+  std::shared_ptr<const OctreeTrisLayout> layout_;
   const OctreeTris* tris_;
-  const float* vertices_;
-  const int* triangles_;
+  BoundingBox rootBox_;
+  std::unique_ptr<Pending[]> pending_;
+  int numPending_ = 0;
+  // The triangles this ray has had the full test, the last few of them.
+  static constexpr int kMailboxSize = 8;
+  int mailbox_[kMailboxSize];
+  int mailboxNext_ = 0;
   bool findNearest_ = true;
+  double nearestT_ = Ray::kNoHit;
+  // The nearest t rounded up to float: cells and boxes the ray enters at or
+  // beyond it hold no nearer hit.
+  float bound_ = BoundingBox::kMaxFloat;
   double distance_ = Ray::kNoHit;
   int triangle_ = -1;
 };

@@ -33,11 +33,8 @@ struct RayTriangleSetup {
   Vector e1, e2, p;
   double det;
 
-  RayTriangleSetup(const Vector& dir, const float* v0, const float* v1, const float* v2)
-      : e1(floatDifference(v1, v0)),
-        e2(floatDifference(v2, v0)),
-        p(kxLinear::cross(dir, e2)),
-        det(kxLinear::dot(e1, p)) {}
+  RayTriangleSetup(const Vector& dir, const Vector& edge1, const Vector& edge2)
+      : e1(edge1), e2(edge2), p(kxLinear::cross(dir, e2)), det(kxLinear::dot(e1, p)) {}
 };
 
 // Barycentric bounds of a front face (det > 0): 0 <= u, v and u + v <= det,
@@ -142,8 +139,17 @@ float dot3(const float* a, const float* b) { return a[0] * b[0] + a[1] * b[1] + 
 
 bool intersectRayTriangle(const double* dir, const float* orig, const float* vert0,
                           const float* vert1, const float* vert2, double& t, double& u, double& v) {
+  const float edge1[3] = {vert1[0] - vert0[0], vert1[1] - vert0[1], vert1[2] - vert0[2]};
+  const float edge2[3] = {vert2[0] - vert0[0], vert2[1] - vert0[1], vert2[2] - vert0[2]};
+  return intersectRayTriangleEdges(dir, orig, vert0, edge1, edge2, t, u, v);
+}
+
+bool intersectRayTriangleEdges(const double* dir, const float* orig, const float* vert0,
+                               const float* edge1, const float* edge2, double& t, double& u,
+                               double& v) {
   const Vector d = Vector::from(dir);
-  const RayTriangleSetup rt(d, vert0, vert1, vert2);
+  const RayTriangleSetup rt(d, Vector(edge1[0], edge1[1], edge1[2]),
+                            Vector(edge2[0], edge2[1], edge2[2]));
   const Vector s = floatDifference(orig, vert0);
   Vector q;
   if (rt.det > kParallelDet) {
@@ -163,7 +169,7 @@ bool intersectRayTriangleCull(const double* dir, const float* orig, const float*
                               const float* vert1, const float* vert2, double& t, double& u,
                               double& v) {
   const Vector d = Vector::from(dir);
-  const RayTriangleSetup rt(d, vert0, vert1, vert2);
+  const RayTriangleSetup rt(d, floatDifference(vert1, vert0), floatDifference(vert2, vert0));
   if (!(rt.det >= kParallelDet)) return false;  // NaN included
   Vector q;
   if (!frontFaceBounds(rt, d, floatDifference(orig, vert0), q, u, v)) return false;

@@ -1,9 +1,13 @@
 #include <kxgeom/quad_ray.h>
 
 #include <algorithm>
+#include <limits>
 
 #include <emmintrin.h>
 #include <xmmintrin.h>
+
+#include "octree_layout.h"
+#include "simd4.h"
 
 namespace kxGeom {
 
@@ -21,20 +25,11 @@ inline __m128 load(const QuadBits& q) {
 
 inline void store(QuadLanes& q, __m128 value) { _mm_store_ps(q.lane, value); }
 
-// The processor's reciprocal estimate, with the infinities of zero
-// components clamped to the largest float: a ray parallel to a slab that
-// starts exactly on its plane then gets the interval [0, huge) instead of
-// NaN, so an axis-aligned ray lying in an octree split plane still enters
-// the cells on one side of it.
-inline __m128 reciprocalEstimate(__m128 d) {
-  const __m128 limit = _mm_set1_ps(BoundingBox::kMaxFloat);
-  return _mm_max_ps(_mm_min_ps(_mm_rcp_ps(d), limit), _mm_sub_ps(_mm_setzero_ps(), limit));
-}
-
-// Lane-wise select: a where mask is set, b elsewhere (SSE2 has no blend).
-inline __m128 select(__m128 mask, __m128 a, __m128 b) {
-  return _mm_or_ps(_mm_and_ps(mask, a), _mm_andnot_ps(mask, b));
-}
+// The processor's reciprocal estimate, clamped as the exact reciprocals of
+// the tracer: a ray parallel to a slab that starts exactly on its plane then
+// gets the interval [0, huge) instead of NaN, so an axis-aligned ray lying in
+// an octree split plane still enters the cells on one side of it.
+inline __m128 reciprocalEstimate(__m128 d) { return simd4::clampToFloats(_mm_rcp_ps(d)); }
 
 // x*a + y*b + z*c per lane.
 inline __m128 dot(__m128 x, __m128 y, __m128 z, __m128 a, __m128 b, __m128 c) {
@@ -54,6 +49,38 @@ inline void slab(float low, float high, __m128 origin, __m128 reciprocal, __m128
 // Whether the lane intervals [startA, endA] and [startB, endB] overlap.
 inline __m128 overlaps(__m128 startA, __m128 endA, __m128 startB, __m128 endB) {
   return _mm_and_ps(_mm_cmple_ps(startA, endB), _mm_cmple_ps(startB, endA));
+}
+
+// Lane `lane` of a quad's first corners, and of one of its edge arrays.
+inline kxLinear::PointFlt quadCorner(const TriangleQuad& quad, int lane) {
+  return {quad.v0[0][lane], quad.v0[1][lane], quad.v0[2][lane]};
+}
+inline kxLinear::VectorFlt quadEdge(const float edge[3][4], int lane) {
+  return {edge[0][lane], edge[1][lane], edge[2][lane]};
+}
+
+// The four rays of a packet with exact reciprocal directions, for the
+// conservative box tests of the tracer.
+struct Rays {
+  __m128 o[3], r[3];
+
+  Rays(const QuadLanes& ox, const QuadLanes& oy, const QuadLanes& oz, const QuadLanes rcp[3])
+      : o{load(ox), load(oy), load(oz)}, r{load(rcp[0]), load(rcp[1]), load(rcp[2])} {}
+
+  // The lanes that meet the box (lo, hi) ahead of the origin before their
+  // nearest t; `entry` gets their entry parameters, +infinity elsewhere.
+  bool reach(const __m128 lo[3], const __m128 hi[3], __m128 nearest, __m128& entry) const {
+    __m128 near, far;
+    simd4::slabs(lo, hi, o, r, near, far);
+    const __m128 passing = simd4::meets(near, far, simd4::slackBound(nearest));
+    entry = simd4::select(passing, near, simd4::infinity());
+    return _mm_movemask_ps(passing) != 0;
+  }
+};
+
+// Column `column` of row `axis` of a four-column array, in every lane.
+inline __m128 broadcast(const float rows[3][4], int axis, int column) {
+  return _mm_set1_ps(rows[axis][column]);
 }
 
 }  // namespace
@@ -95,9 +122,12 @@ void QuadRay::intersect(const MeshTriangle& triangle, const MeshVertex* const ve
   const MeshVertex& v0 = vertices[triangle[0]];
   const MeshVertex& v1 = vertices[triangle[1]];
   const MeshVertex& v2 = vertices[triangle[2]];
-  const kxLinear::VectorFlt e1(v1.x - v0.x, v1.y - v0.y, v1.z - v0.z);
-  const kxLinear::VectorFlt e2(v2.x - v0.x, v2.y - v0.y, v2.z - v0.z);
+  intersect(v0.asPointFlt(), kxLinear::VectorFlt(v1.x - v0.x, v1.y - v0.y, v1.z - v0.z),
+            kxLinear::VectorFlt(v2.x - v0.x, v2.y - v0.y, v2.z - v0.z));
+}
 
+void QuadRay::intersect(const kxLinear::PointFlt& v0, const kxLinear::VectorFlt& e1,
+                        const kxLinear::VectorFlt& e2) {
   const __m128 dx = load(dx_), dy = load(dy_), dz = load(dz_);
   const __m128 e2x = _mm_set1_ps(e2.x), e2y = _mm_set1_ps(e2.y), e2z = _mm_set1_ps(e2.z);
   const __m128 px = _mm_sub_ps(_mm_mul_ps(dy, e2z), _mm_mul_ps(dz, e2y));
@@ -134,7 +164,7 @@ void QuadRay::intersect(const MeshTriangle& triangle, const MeshVertex* const ve
   const __m128 hit = _mm_and_ps(_mm_and_ps(active, _mm_cmpgt_ps(t, epsilon)), facing);
   hitMask_ |= std::uint32_t(_mm_movemask_ps(hit));
   const __m128 nearest = load(t_);
-  store(t_, select(hit, _mm_min_ps(nearest, t), nearest));
+  store(t_, simd4::select(hit, _mm_min_ps(nearest, t), nearest));
 }
 
 void QuadRay::intersect(const BoundingBox& box, kxUtil::BitField32& mask) const {
@@ -210,32 +240,109 @@ void OctreeQuadRayIntersectIt::next() {
 
 QuadRayTracer::QuadRayTracer(const Octree& octree, const OctreeTris& tris, const CompactMesh* mesh)
     : leaves_(octree),
-      tris_(&tris),
-      vertices_(mesh->getVertices()),
-      triangles_(mesh->getTriangles()) {
-  stamps_.assign(std::size_t(mesh->getNumTriangles()), 0u);
-}
+      pending_(new Pending[std::size_t(8 * std::max(1, octree.depth))]),
+      layout_(layoutOf(*mesh, octree, tris)) {}
 
-bool QuadRayTracer::intersectVoxel(QuadRay& packet, int voxel) {
-  const int* tris = tris_->firstTri(voxel);
-  const int count = tris_->numTris(voxel);
-  for (int i = 0; i < count; ++i) {
-    const int tri = tris[i];
-    if (stamps_[std::size_t(tri)] == stamp_) continue;
-    stamps_[std::size_t(tri)] = stamp_;
-    packet.intersect(triangles_[tri], vertices_);
+bool QuadRayTracer::intersectLeafInOrder(QuadRay& packet, int voxel) {
+  const TriangleQuad* quad = layout_->firstQuad(voxel);
+  for (int i = 0, n = layout_->numTriangles(voxel); i < n; ++i) {
+    packet.intersect(quadCorner(quad[i / 4], i % 4), quadEdge(quad[i / 4].e1, i % 4),
+                     quadEdge(quad[i / 4].e2, i % 4));
     if (packet.allRaysTerminated()) return false;
   }
   return true;
 }
 
-void QuadRayTracer::intersect(QuadRay& packet) {
-  for (leaves_.reset(packet, ordered_); leaves_.valid(); leaves_.next()) {
-    if (!intersectVoxel(packet, leaves_.get().getVoxel())) break;
+void QuadRayTracer::intersectLeafNearest(QuadRay& packet, int voxel) {
+  const TriangleQuad* quads = layout_->firstQuad(voxel);
+  const QuadBoxes* boxes = layout_->firstBoxes(voxel);
+  const Rays rays(packet.ox_, packet.oy_, packet.oz_, reciprocal_);
+  const int count = layout_->numTriangles(voxel);
+  for (int q = 0, n = layout_->numQuads(voxel); q < n; ++q) {
+    const QuadBoxes& block = boxes[q / 4];
+    const int column = q % 4;
+    const __m128 lo[3] = {broadcast(block.lo, 0, column), broadcast(block.lo, 1, column),
+                          broadcast(block.lo, 2, column)};
+    const __m128 hi[3] = {broadcast(block.hi, 0, column), broadcast(block.hi, 1, column),
+                          broadcast(block.hi, 2, column)};
+    __m128 entry;
+    if (!rays.reach(lo, hi, load(packet.t_), entry)) continue;
+    const TriangleQuad& quad = quads[q];
+    for (int lane = 0, lanes = std::min(4, count - 4 * q); lane < lanes; ++lane) {
+      packet.intersect(quadCorner(quad, lane), quadEdge(quad.e1, lane), quadEdge(quad.e2, lane));
+    }
   }
-  if (++stamp_ == 0xFFFFFFFFu) {
-    std::fill(stamps_.begin(), stamps_.end(), 0u);
-    stamp_ = 1;
+}
+
+void QuadRayTracer::pushChildren(const QuadRay& packet, int cell) {
+  const CellChildren& children = layout_->cells[std::size_t(cell)];
+  const Rays rays(packet.ox_, packet.oy_, packet.oz_, reciprocal_);
+  const __m128 nearest = load(packet.t_);
+  const int first = numPending_;
+  for (int k = 0; k < 8; ++k) {
+    if (!((children.listing >> k) & 1)) continue;
+    const __m128 lo[3] = {_mm_set1_ps(children.clippedLo[0][k]),
+                          _mm_set1_ps(children.clippedLo[1][k]),
+                          _mm_set1_ps(children.clippedLo[2][k])};
+    const __m128 hi[3] = {_mm_set1_ps(children.clippedHi[0][k]),
+                          _mm_set1_ps(children.clippedHi[1][k]),
+                          _mm_set1_ps(children.clippedHi[2][k])};
+    __m128 entry;
+    if (!rays.reach(lo, hi, nearest, entry)) continue;
+    // Insertion by the nearest entry of any ray, farthest deepest.
+    Pending child;
+    store(child.entry, entry);
+    child.nearest = *std::min_element(child.entry.lane, child.entry.lane + 4);
+    child.cell = (children.leaves >> k) & 1 ? ~children.next[k] : children.next[k];
+    int at = numPending_++;
+    for (; at > first && pending_[at - 1].nearest < child.nearest; --at) {
+      pending_[at] = pending_[at - 1];
+    }
+    pending_[at] = child;
+  }
+}
+
+void QuadRayTracer::intersectNearestFirst(QuadRay& packet) {
+  for (int axis = 0; axis < 3; ++axis) {
+    const QuadLanes& d = axis == 0 ? packet.dx_ : axis == 1 ? packet.dy_ : packet.dz_;
+    store(reciprocal_[axis], simd4::clampedReciprocal(load(d)));
+  }
+  numPending_ = 0;
+  const OctreeTrisLayout& layout = *layout_;
+  if (!layout.rootClipped.isValid()) return;
+  const Rays rays(packet.ox_, packet.oy_, packet.oz_, reciprocal_);
+  const __m128 lo[3] = {_mm_set1_ps(layout.rootClipped[0]), _mm_set1_ps(layout.rootClipped[1]),
+                        _mm_set1_ps(layout.rootClipped[2])};
+  const __m128 hi[3] = {_mm_set1_ps(layout.rootClipped[3]), _mm_set1_ps(layout.rootClipped[4]),
+                        _mm_set1_ps(layout.rootClipped[5])};
+  __m128 entry;
+  if (!rays.reach(lo, hi, load(packet.t_), entry)) return;
+  Pending& root = pending_[numPending_++];
+  store(root.entry, entry);
+  root.cell = layout.rootVoxel >= 0 ? ~layout.rootVoxel : 0;
+  while (numPending_ > 0) {
+    const Pending& top = pending_[--numPending_];
+    // Hits found since the cell was pushed may lie before it for every ray.
+    const __m128 bound = simd4::slackBound(load(packet.t_));
+    if (_mm_movemask_ps(_mm_cmplt_ps(load(top.entry), bound)) == 0) continue;
+    const int cell = top.cell;
+    if (cell < 0) {
+      intersectLeafNearest(packet, ~cell);
+    } else {
+      pushChildren(packet, cell);
+    }
+  }
+}
+
+void QuadRayTracer::intersect(QuadRay& packet) {
+  if (packet.nearestHit_) {
+    intersectNearestFirst(packet);
+    return;
+  }
+  for (leaves_.reset(packet, ordered_); leaves_.valid(); leaves_.next()) {
+    const int voxel = leaves_.get().getVoxel();
+    if (voxel >= int(layout_->triangleCount.size())) continue;
+    if (!intersectLeafInOrder(packet, voxel)) break;
   }
 }
 

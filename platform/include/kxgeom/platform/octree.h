@@ -13,6 +13,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <utility>
 
 #include <kxgeom/platform/arrayofsets.h>
 #include <kxgeom/platform/boundingbox.h>
@@ -193,17 +195,37 @@ class KXGEOM_API OctreeLists : public kx::ReferenceCount {
   ArrayOfSets sets_;
 };
 
-/// Per-voxel lists of triangle indices.
+/// The triangle lists laid out for the ray tracers (defined by the spatial
+/// queries; opaque here).
+struct OctreeTrisLayout;
+
+/// Per-voxel lists of triangle indices, and optionally the same lists laid
+/// out for the ray tracers (cells and triangle corners copied side by side).
+/// `computeOctreeTris` makes both; the layout holds copies of the mesh's
+/// positions as they were then, so lists and layout belong to that mesh.
 class KXGEOM_API OctreeTris : public OctreeLists {
  public:
   OctreeTris() = default;
-  /// Takes over `sets` (set v = triangles of voxel v), leaving it empty.
+  /// Takes over `sets` (set v = triangles of voxel v), leaving it empty; no
+  /// layout.
   explicit OctreeTris(ArrayOfSets& sets) : OctreeLists(sets) {}
+  /// Takes over `sets` and shares `layout` (made for these lists).
+  OctreeTris(ArrayOfSets& sets, std::shared_ptr<const OctreeTrisLayout> layout)
+      : OctreeLists(sets), layout_(std::move(layout)) {}
 
-  void swap(OctreeTris& o) noexcept { sets_.swap(o.sets_); }
+  void swap(OctreeTris& o) noexcept {
+    sets_.swap(o.sets_);
+    layout_.swap(o.layout_);
+  }
   int numTris(int voxel) const { return sets_.getSetSize(voxel); }
   /// numTris(voxel) contiguous triangle indices.
   const int* firstTri(int voxel) const { return sets_.getSet(voxel); }
+  /// The laid-out lists, or null for lists made without them. Shared, not
+  /// copied, by copies of this object; immutable.
+  const std::shared_ptr<const OctreeTrisLayout>& layout() const { return layout_; }
+
+ private:
+  std::shared_ptr<const OctreeTrisLayout> layout_;
 };
 
 /// Per-voxel lists of line-element indices.
