@@ -232,6 +232,10 @@ TEST(Weld, StripsFansAndLinesFollowTheRenumbering) {
   mesh.getTriFanLengths()[0] = 3;
   mesh.resizeLineArray(1);
   mesh.getLines()[0] = {{6, 11}};
+  mesh.resizeLineStripArrays(1, 2);
+  mesh.getLineStripLengths()[0] = 2;
+  mesh.getLineStripPoints()[0] = 7;
+  mesh.getLineStripPoints()[1] = 10;
   std::vector<Key> stripBefore;
   for (int p : strip) stripBefore.push_back(keyOf(mesh.getVertices()[p]));
   const Key lineEnd = keyOf(mesh.getVertices()[11]);
@@ -243,6 +247,8 @@ TEST(Weld, StripsFansAndLinesFollowTheRenumbering) {
   }
   for (int i = 0; i < 3; ++i) EXPECT_EQ(remap(fan[i]), mesh.getTriFanPoints()[i]);
   EXPECT_EQ(lineEnd, keyOf(mesh.getVertices()[mesh.getLines()[0][1]]));
+  EXPECT_EQ(remap(7), mesh.getLineStripPoints()[0]);
+  EXPECT_EQ(remap(10), mesh.getLineStripPoints()[1]);
 }
 
 TEST(Weld, HostileValuesAndEmptyMeshes) {
