@@ -58,6 +58,7 @@ TEST(MeshModifyRep, ExtractEditAndMergeBack) {
   }
   ASSERT_TRUE(shrink.merge());
   EXPECT_EQ(m.getNumTriangles(), 13);
+  EXPECT_EQ(m.getNumVertices(), 13);  // vertex 0 stays itself, no copy appended
   EXPECT_EQ(m.getTriangles()[1][0], 1);  // what was triangle 2 moved down
 }
 
