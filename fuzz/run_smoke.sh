@@ -22,13 +22,15 @@ for target in "${targets[@]}"; do
   seeds="$root/fuzz/corpus/${target%_reader}"
   mkdir -p "$scratch/$target"
   echo "== ${target}_fuzz for ${seconds}s"
-  "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -print_final_stats=1 \
-    -artifact_prefix="$scratch/" "$scratch/$target" "$seeds" 2>&1 | tail -n 15
-  status="${PIPESTATUS[0]}"
-  if [ "$status" -ne 0 ]; then
-    echo "${target}_fuzz failed (status $status); reproducer in $scratch" >&2
+  # Tested directly: under set -e a failing pipe would end the script before
+  # the scratch directory with the reproducer could be kept.
+  if ! "$build/fuzz/${target}_fuzz" -max_total_time="$seconds" -print_final_stats=1 \
+    -artifact_prefix="$scratch/" "$scratch/$target" "$seeds" >"$scratch/$target.log" 2>&1; then
+    tail -n 40 "$scratch/$target.log"
+    echo "${target}_fuzz failed; reproducer in $scratch" >&2
     trap - EXIT
-    exit "$status"
+    exit 1
   fi
+  tail -n 15 "$scratch/$target.log"
 done
 echo "fuzz smoke: all targets ran clean"

@@ -324,31 +324,39 @@ unsigned char toColourByte(T value) {
   }
 }
 
+// Component k of an array that may not exist yet (a mesh of no vertices has
+// none): null then, since offsetting a null pointer is undefined.
+template <class T>
+T* component(T* base, int k) {
+  return base ? base + k : nullptr;
+}
+
 Column columnFor(Role role, CompactMesh& mesh) {
   Column c;
   switch (role) {
     case Role::X:
     case Role::Y:
     case Role::Z:
-      c.floats = mesh.getVerticesRaw() + (int(role) - int(Role::X));
+      c.floats = component(mesh.getVerticesRaw(), int(role) - int(Role::X));
       c.stride = 3;
       break;
     case Role::NX:
     case Role::NY:
     case Role::NZ:
-      c.floats = mesh.getNormalsRaw() + (int(role) - int(Role::NX));
+      c.floats = component(mesh.getNormalsRaw(), int(role) - int(Role::NX));
       c.stride = 3;
       break;
     case Role::U:
     case Role::V:
-      c.floats = mesh.getUVsRaw() + (int(role) - int(Role::U));
+      c.floats = component(mesh.getUVsRaw(), int(role) - int(Role::U));
       c.stride = 2;
       break;
     case Role::Red:
     case Role::Green:
     case Role::Blue:
     case Role::Alpha:
-      c.bytes = reinterpret_cast<unsigned char*>(mesh.getColours()) + (int(role) - int(Role::Red));
+      c.bytes = component(reinterpret_cast<unsigned char*>(mesh.getColours()),
+                          int(role) - int(Role::Red));
       c.stride = 4;
       break;
     default:
