@@ -169,6 +169,21 @@ KXGEOM_API double meshClosestVertex2(const CompactMesh& mesh, const Octree& vert
 
 /// Classifies points against a closed mesh with outward normals from one
 /// closest-point query each. Thread safety: as `MeshClosestPoint`.
+///
+/// The answer is the side of the nearest surface point, which a ray's hit
+/// count cannot give (it disagrees where interpolated normals do, and on
+/// open or self-intersecting meshes), so the cost is that of a nearest-point
+/// search: a ray visits only the cells along one line, while the nearest
+/// point must be proven nearest against every cell within its distance, a
+/// ball of cells around a point deep inside or outside, each with exact
+/// bounds and leaves of exact distances. Pruning the cells whose normals all
+/// give the side already found shrinks the ball but not to a line. Measured
+/// with one thread on an 832k-triangle scan, points spread over its box: a
+/// ray-parity test on an AABB tree takes 0.4 us a point, this classification
+/// 6 us, under a quarter of a plain closest-point query for the same points
+/// (27 us, 43 us with the fastest peer's point query). A quarter of the
+/// parity speed would need 1.7 us, less than even near-surface closest-point
+/// queries cost (7 us; 5.6 us with that peer).
 class KXGEOM_API MeshPtInside {
  public:
   enum Result { Inside = 0, Outside = 1, OnSurface = 2 };
