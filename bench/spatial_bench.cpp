@@ -1,19 +1,26 @@
-// Spatial queries on a dense sphere (830k triangles): octree and triangle
-// list build, closest point far from and near the surface, containment.
-// With KXGEOM_BENCH_PEERS, the same work with Embree 3 (BVH build and
-// rtcPointQuery) and CGAL (AABB tree build, closest_point and
-// Side_of_triangle_mesh), and the ratios printed at the end.
+// Spatial queries on the benchmark model (the armadillo refined twice, 832k
+// triangles, with vertex normals; see support/off_mesh.h): octree, triangle
+// lists and their tracing layout built together; closest point for points
+// in the model's box and near its surface; containment. With
+// KXGEOM_BENCH_PEERS the same work with Embree 3 (BVH build at its default
+// medium quality, rtcPointQuery with the library's per-triangle closest
+// point in the callback) and CGAL (AABB tree build, closest_point,
+// Side_of_triangle_mesh). Everything runs on one thread; each row answers
+// the whole query set per iteration, timed in processor time, and the run
+// ends with peer time / kxgeom time per pair.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <map>
+#include <limits>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <kxgeom/kxgeom.h>
 
-#include "support/bench_meshes.h"
+#include "support/off_mesh.h"
+#include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <embree3/rtcore.h>
@@ -32,30 +39,36 @@ using kxLinear::Point;
 
 constexpr int kQueries = 20000;
 
-const kxGeom::CompactMesh& sphere() {
+const kxGeom::CompactMesh& model() {
   static const kxGeom::CompactMesh mesh = [] {
-    kxGeom::CompactMesh m = kxbench::makeDenseSphere(830000);
-    kxGeom::MeshNormal* normals = m.allocNormalArray();
-    for (int v = 0; v < m.getNumVertices(); ++v) {
-      const kxLinear::Vector n = kxLinear::normalized(m.getVertices()[v].asPoint() - Point());
-      normals[v].set(float(n.x), float(n.y), float(n.z));
-    }
+    kxGeom::CompactMesh m = kxbench::benchModel().mesh;
+    kxGeom::meshComputeNormals(m);
     return m;
   }();
   return mesh;
 }
 
-// Random points in the sphere's box scaled by 1.2, or within 0.01 of random
-// surface points.
-std::vector<Point> queryPoints(bool nearSurface) {
-  const kxGeom::CompactMesh& m = sphere();
+kxGeom::BoundingBox modelBox() {
+  kxGeom::BoundingBox box;
+  kxGeom::meshBoundingBox(model(), box);
+  return box;
+}
+
+// Random points in the model's box scaled by 1.2 about its centre, or
+// within 0.3% of the box diagonal of random surface points.
+std::vector<Point> makeQueryPoints(bool nearSurface) {
+  const kxGeom::CompactMesh& m = model();
+  const kxGeom::BoundingBox box = modelBox();
+  const double offset = 0.003 * 2.0 * box.halfDiagonal().length();
   std::mt19937 rng(nearSurface ? 2 : 1);
-  std::uniform_real_distribution<double> u(-1.2, 1.2), o(-0.01, 0.01), w(0, 1);
+  std::uniform_real_distribution<double> u(-0.6, 0.6), o(-offset, offset), w(0, 1);
   std::uniform_int_distribution<int> tri(0, m.getNumTriangles() - 1);
   std::vector<Point> pts(kQueries);
   for (Point& p : pts) {
     if (!nearSurface) {
-      p = Point(u(rng), u(rng), u(rng));
+      for (int k = 0; k < 3; ++k) {
+        p[k] = 0.5 * (double(box[k]) + box[k + 3]) + (double(box[k + 3]) - box[k]) * u(rng);
+      }
       continue;
     }
     const kxGeom::MeshTriangle& t = m.getTriangles()[tri(rng)];
@@ -68,28 +81,33 @@ std::vector<Point> queryPoints(bool nearSurface) {
   return pts;
 }
 
-// Seconds per item of each benchmark, for the ratios printed at the end.
-std::map<std::string, double>& secondsPerItem() {
-  static std::map<std::string, double> table;
-  return table;
+const std::vector<Point>& queryPoints(bool nearSurface) {
+  static const std::vector<Point> inBox = makeQueryPoints(false);
+  static const std::vector<Point> near = makeQueryPoints(true);
+  return nearSurface ? near : inBox;
 }
 
-void record(benchmark::State& state, const char* name, double seconds, long items) {
-  secondsPerItem()[name] = seconds / double(items);
-  state.SetItemsProcessed(items);
+const char* placeName(bool nearSurface) { return nearSurface ? "near surface" : "in box"; }
+
+std::string variant(const char* what, bool nearSurface) {
+  return std::string(what) + " " + placeName(nearSurface);
 }
 
-// The library's search structures over the sphere.
+// Times `work(input)` in processor time; `prepare()` runs untimed.
+template <class Prepare, class Work>
+void timeWork(benchmark::State& state, const std::string& name, Prepare prepare, Work work) {
+  kxbench::timeIterations(state, name, prepare, work, kxbench::Clock::ProcessCpu);
+}
+
+// The library's search structures over the model.
 struct Index {
   kxGeom::Octree octree;
   kxGeom::OctreeTris tris;
 };
 
 Index buildIndex() {
-  const kxGeom::CompactMesh& m = sphere();
-  kxGeom::BoundingBox box;
-  kxGeom::meshBoundingBox(m, box);
-  Index index{kxGeom::Octree(m.getNumVertices(), m.getVerticesRaw(), box, true, 16), {}};
+  const kxGeom::CompactMesh& m = model();
+  Index index{kxGeom::Octree(m.getNumVertices(), m.getVerticesRaw(), modelBox(), true, 16), {}};
   kxGeom::computeOctreeTris(m, index.octree, index.tris);
   return index;
 }
@@ -100,62 +118,60 @@ const Index& index() {
 }
 
 void BM_OctreeBuild(benchmark::State& state) {
-  sphere();
-  kxOS::StopWatch watch;
-  long n = 0;
-  for (auto _ : state) {
-    Index built = buildIndex();
-    benchmark::DoNotOptimize(built.tris.getData().getNumMembers());
-    ++n;
-  }
-  record(state, "build", watch.stop(), n);
+  timeWork(
+      state, "kxgeom octree+lists+layout", [] { return 0; },
+      [](int) {
+        Index built = buildIndex();
+        benchmark::DoNotOptimize(built.tris.getData().getNumMembers());
+      });
 }
-BENCHMARK(BM_OctreeBuild)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_OctreeBuild)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
-void closestPoints(benchmark::State& state, bool nearSurface, const char* name) {
-  const std::vector<Point> pts = queryPoints(nearSurface);
-  kxGeom::MeshClosestPoint search(sphere(), index().octree, index().tris);
-  kxGeom::MeshCoord coord;
-  long n = 0;
-  kxOS::StopWatch watch;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(search.compute(pts[n % kQueries], &coord));
-    ++n;
-  }
-  record(state, name, watch.stop(), n);
+void BM_ClosestPoint(benchmark::State& state, bool nearSurface) {
+  kxGeom::MeshClosestPoint search(model(), index().octree, index().tris);
+  timeWork(
+      state, variant("kxgeom MeshClosestPoint", nearSurface), [] { return 0; },
+      [&](int) {
+        double sum = 0;
+        kxGeom::MeshCoord coord;
+        for (const Point& p : queryPoints(nearSurface)) sum += search.compute(p, &coord);
+        benchmark::DoNotOptimize(sum);
+      });
 }
-
-void BM_ClosestPointInBox(benchmark::State& state) { closestPoints(state, false, "closest box"); }
-void BM_ClosestPointNearSurface(benchmark::State& state) {
-  closestPoints(state, true, "closest near");
-}
-BENCHMARK(BM_ClosestPointInBox);
-BENCHMARK(BM_ClosestPointNearSurface);
+BENCHMARK_CAPTURE(BM_ClosestPoint, in_box, false)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ClosestPoint, near_surface, true)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
 
 void BM_PointInside(benchmark::State& state) {
-  const std::vector<Point> pts = queryPoints(false);
-  kxGeom::MeshPtInside inside(sphere(), index().octree, index().tris, 1e-6);
-  long n = 0;
-  kxOS::StopWatch watch;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(inside.evaluate(pts[n % kQueries]));
-    ++n;
-  }
-  record(state, "inside", watch.stop(), n);
+  kxGeom::MeshPtInside inside(model(), index().octree, index().tris, 1e-6);
+  timeWork(
+      state, "kxgeom MeshPtInside in box", [] { return 0; },
+      [&](int) {
+        int count = 0;
+        for (const Point& p : queryPoints(false)) count += inside.evaluate(p);
+        benchmark::DoNotOptimize(count);
+      });
 }
-BENCHMARK(BM_PointInside);
+BENCHMARK(BM_PointInside)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 #ifdef KXGEOM_BENCH_PEERS
 
-// ---- Embree 3: BVH over the triangles, closest point by rtcPointQuery with
-// the library's per-triangle closest point in the callback.
+// ---- Embree 3: BVH over the triangles on a one-thread SSE4.2 device,
+// closest point by rtcPointQuery with the library's per-triangle closest
+// point in the callback.
 struct EmbreeScene {
   RTCDevice device = nullptr;
   RTCScene scene = nullptr;
   EmbreeScene() {
-    const kxGeom::CompactMesh& m = sphere();
-    device = rtcNewDevice("isa=sse4.2");
+    const kxGeom::CompactMesh& m = model();
+    device = rtcNewDevice("isa=sse4.2,threads=1");
     scene = rtcNewScene(device);
+    rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
     RTCGeometry geom = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
     auto* v = static_cast<float*>(rtcSetNewGeometryBuffer(
         geom, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 3 * sizeof(float), m.getNumVertices()));
@@ -178,7 +194,7 @@ struct EmbreeScene {
 };
 
 bool embreeClosestTriangle(RTCPointQueryFunctionArguments* args) {
-  const kxGeom::CompactMesh& m = sphere();
+  const kxGeom::CompactMesh& m = model();
   const Point p(args->query->x, args->query->y, args->query->z);
   const kxGeom::MeshCoord c =
       kxGeom::meshTriClosestPt(m.getVerticesRaw(), m.getTrianglesRaw(), int(args->primID), p);
@@ -190,49 +206,45 @@ bool embreeClosestTriangle(RTCPointQueryFunctionArguments* args) {
 }
 
 void BM_EmbreeBuild(benchmark::State& state) {
-  sphere();
-  long n = 0;
-  kxOS::StopWatch watch;
-  for (auto _ : state) {
-    EmbreeScene scene;
-    benchmark::DoNotOptimize(scene.scene);
-    ++n;
-  }
-  record(state, "embree build", watch.stop(), n);
+  timeWork(
+      state, "Embree BVH build", [] { return 0; },
+      [](int) {
+        EmbreeScene scene;
+        benchmark::DoNotOptimize(scene.scene);
+      });
 }
-BENCHMARK(BM_EmbreeBuild)->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_EmbreeBuild)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
-void embreeClosestPoints(benchmark::State& state, bool nearSurface, const char* name) {
-  static EmbreeScene scene;
-  const std::vector<Point> pts = queryPoints(nearSurface);
-  long n = 0;
-  kxOS::StopWatch watch;
-  for (auto _ : state) {
-    const Point& p = pts[n % kQueries];
-    RTCPointQuery query;
-    query.x = float(p.x);
-    query.y = float(p.y);
-    query.z = float(p.z);
-    query.time = 0;
-    query.radius = std::numeric_limits<float>::infinity();
-    RTCPointQueryContext context;
-    rtcInitPointQueryContext(&context);
-    double best = 0;
-    rtcPointQuery(scene.scene, &query, &context, embreeClosestTriangle, &best);
-    benchmark::DoNotOptimize(best);
-    ++n;
-  }
-  record(state, name, watch.stop(), n);
+void BM_EmbreeClosestPoint(benchmark::State& state, bool nearSurface) {
+  static const EmbreeScene scene;
+  timeWork(
+      state, variant("Embree rtcPointQuery", nearSurface), [] { return 0; },
+      [&](int) {
+        double sum = 0;
+        for (const Point& p : queryPoints(nearSurface)) {
+          RTCPointQuery query;
+          query.x = float(p.x);
+          query.y = float(p.y);
+          query.z = float(p.z);
+          query.time = 0;
+          query.radius = std::numeric_limits<float>::infinity();
+          RTCPointQueryContext context;
+          rtcInitPointQueryContext(&context);
+          double best = 0;
+          rtcPointQuery(scene.scene, &query, &context, embreeClosestTriangle, &best);
+          sum += best;
+        }
+        benchmark::DoNotOptimize(sum);
+      });
 }
-
-void BM_EmbreeClosestPointInBox(benchmark::State& state) {
-  embreeClosestPoints(state, false, "embree closest box");
-}
-void BM_EmbreeClosestPointNearSurface(benchmark::State& state) {
-  embreeClosestPoints(state, true, "embree closest near");
-}
-BENCHMARK(BM_EmbreeClosestPointInBox);
-BENCHMARK(BM_EmbreeClosestPointNearSurface);
+BENCHMARK_CAPTURE(BM_EmbreeClosestPoint, in_box, false)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_EmbreeClosestPoint, near_surface, true)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
 
 // ---- CGAL: AABB tree over a Surface_mesh with double coordinates.
 using Kernel = CGAL::Simple_cartesian<double>;
@@ -242,7 +254,7 @@ using Tree = CGAL::AABB_tree<CGAL::AABB_traits<Kernel, Primitive>>;
 
 const SurfaceMesh& cgalMesh() {
   static const SurfaceMesh mesh = [] {
-    const kxGeom::CompactMesh& m = sphere();
+    const kxGeom::CompactMesh& m = model();
     SurfaceMesh s;
     std::vector<SurfaceMesh::Vertex_index> v;
     for (int i = 0; i < m.getNumVertices(); ++i) {
@@ -260,83 +272,77 @@ const SurfaceMesh& cgalMesh() {
 
 void BM_CGALBuild(benchmark::State& state) {
   cgalMesh();
-  long n = 0;
-  kxOS::StopWatch watch;
-  for (auto _ : state) {
-    Tree tree(faces(cgalMesh()).first, faces(cgalMesh()).second, cgalMesh());
-    tree.accelerate_distance_queries();
-    benchmark::DoNotOptimize(tree.size());
-    ++n;
-  }
-  record(state, "cgal build", watch.stop(), n);
+  timeWork(
+      state, "CGAL AABB tree build", [] { return 0; },
+      [](int) {
+        Tree tree(faces(cgalMesh()).first, faces(cgalMesh()).second, cgalMesh());
+        tree.accelerate_distance_queries();
+        benchmark::DoNotOptimize(tree.size());
+      });
 }
-BENCHMARK(BM_CGALBuild)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_CGALBuild)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
 
-void cgalClosestPoints(benchmark::State& state, bool nearSurface, const char* name) {
-  static Tree tree = [] {
+void BM_CGALClosestPoint(benchmark::State& state, bool nearSurface) {
+  static const Tree tree = [] {
     Tree t(faces(cgalMesh()).first, faces(cgalMesh()).second, cgalMesh());
     t.accelerate_distance_queries();
+    t.closest_point(Kernel::Point_3(0, 0, 0));  // builds its search hint outside the timing
     return t;
   }();
-  const std::vector<Point> pts = queryPoints(nearSurface);
-  tree.closest_point(Kernel::Point_3(0, 0, 0));  // builds its search hint outside the timing
-  long n = 0;
-  kxOS::StopWatch watch;
-  for (auto _ : state) {
-    const Point& p = pts[n % kQueries];
-    benchmark::DoNotOptimize(tree.closest_point(Kernel::Point_3(p.x, p.y, p.z)));
-    ++n;
-  }
-  record(state, name, watch.stop(), n);
+  timeWork(
+      state, variant("CGAL closest_point", nearSurface), [] { return 0; },
+      [&](int) {
+        double sum = 0;
+        for (const Point& p : queryPoints(nearSurface)) {
+          sum += tree.closest_point(Kernel::Point_3(p.x, p.y, p.z)).x();
+        }
+        benchmark::DoNotOptimize(sum);
+      });
 }
-
-void BM_CGALClosestPointInBox(benchmark::State& state) {
-  cgalClosestPoints(state, false, "cgal closest box");
-}
-void BM_CGALClosestPointNearSurface(benchmark::State& state) {
-  cgalClosestPoints(state, true, "cgal closest near");
-}
-BENCHMARK(BM_CGALClosestPointInBox);
-BENCHMARK(BM_CGALClosestPointNearSurface);
+BENCHMARK_CAPTURE(BM_CGALClosestPoint, in_box, false)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CGALClosestPoint, near_surface, true)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
 
 void BM_CGALPointInside(benchmark::State& state) {
   static CGAL::Side_of_triangle_mesh<SurfaceMesh, Kernel> inside(cgalMesh());
-  const std::vector<Point> pts = queryPoints(false);
   inside(Kernel::Point_3(0, 0, 0));  // builds its tree outside the timing
-  long n = 0;
-  kxOS::StopWatch watch;
-  for (auto _ : state) {
-    const Point& p = pts[n % kQueries];
-    benchmark::DoNotOptimize(inside(Kernel::Point_3(p.x, p.y, p.z)));
-    ++n;
-  }
-  record(state, "cgal inside", watch.stop(), n);
+  timeWork(
+      state, "CGAL Side_of_triangle_mesh in box", [] { return 0; },
+      [&](int) {
+        int count = 0;
+        for (const Point& p : queryPoints(false)) {
+          count += inside(Kernel::Point_3(p.x, p.y, p.z)) == CGAL::ON_BOUNDED_SIDE;
+        }
+        benchmark::DoNotOptimize(count);
+      });
 }
-BENCHMARK(BM_CGALPointInside);
+BENCHMARK(BM_CGALPointInside)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 #endif
-
-void printRatio(const char* what, const char* ours, const char* peer, double aim) {
-  const auto& t = secondsPerItem();
-  if (!t.count(ours) || !t.count(peer)) return;
-  const double ratio = t.at(peer) / t.at(ours);
-  std::printf("%-34s %6.2fx  (aim >= %.1fx: %s)\n", what, ratio, aim,
-              ratio >= aim ? "met" : "NOT met");
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  std::printf("\nSpeed-up of kxgeom over the peer (peer time / kxgeom time):\n");
-  printRatio("closest point (box) vs Embree", "closest box", "embree closest box", 3.0);
-  printRatio("closest point (near) vs Embree", "closest near", "embree closest near", 3.0);
-  printRatio("closest point (box) vs CGAL", "closest box", "cgal closest box", 10.0);
-  printRatio("closest point (near) vs CGAL", "closest near", "cgal closest near", 10.0);
-  printRatio("containment vs CGAL", "inside", "cgal inside", 1.0);
-  printRatio("octree+partition vs Embree build", "build", "embree build", 1.0);
-  printRatio("octree+partition vs CGAL build", "build", "cgal build", 1.0);
-  benchmark::Shutdown();
-  return 0;
+  // One thread for the library's passes, as for the peers.
+  kxUtil::ThreadPool::setNumThreads(1);
+  std::printf("model: %s, %d triangles\n", kxbench::benchModel().name.c_str(),
+              model().getNumTriangles());
+  queryPoints(false);
+  index();
+  std::vector<std::pair<std::string, std::string>> pairs = {
+      {"Embree BVH build", "kxgeom octree+lists+layout"},
+      {"CGAL AABB tree build", "kxgeom octree+lists+layout"}};
+  for (bool nearSurface : {false, true}) {
+    pairs.push_back({variant("Embree rtcPointQuery", nearSurface),
+                     variant("kxgeom MeshClosestPoint", nearSurface)});
+    pairs.push_back({variant("CGAL closest_point", nearSurface),
+                     variant("kxgeom MeshClosestPoint", nearSurface)});
+  }
+  pairs.push_back({"CGAL Side_of_triangle_mesh in box", "kxgeom MeshPtInside in box"});
+  return kxbench::runAndPrintRatios(argc, argv, pairs);
 }

@@ -57,7 +57,6 @@ class KXGEOM_API OctreeClosestIt {
   void setLimit(double limit2);
 
  private:
-  friend class ClosestPointContext;  // orders its walk by bounds of the listed triangles
   OctreeClosestItImpl* impl_;
 };
 
@@ -68,19 +67,30 @@ class KXGEOM_API OctreeClosestIt {
 /// box and, for small patches, to the slab between two parallel planes that
 /// holds them), until that bound is no nearer than the best triangle found.
 ///
-/// Built once per mesh and octree, it reuses its search context (a stamp per
-/// triangle, the iterator's heap, the node bounds and a copy of the corners
-/// of every listed triangle in list order, 36 bytes per list entry) across
-/// queries. The walk starts from a leaf holding a near triangle. The mesh, octree and
-/// lists must outlive it, unchanged. Thread safety: not safe for concurrent
-/// `compute` calls; use one object per thread.
+/// Each step is kept cheap without changing that order or which triangle
+/// wins: the walk starts from a leaf holding a near triangle, and its
+/// nearest triangle corner bounds the distance before any triangle is
+/// measured; a cell's children are first screened four at a time by the
+/// distance to the boxes of their triangles (in the lists' layout, single
+/// precision with a margin), and only children that may lie nearer than the
+/// best get their exact bound; within a leaf, groups of four triangles and
+/// then single triangles are skipped by the distance to their boxes before
+/// any is measured, and no triangle is measured twice in a query.
+///
+/// Built once per mesh and octree, it reuses its search context (the set of
+/// triangles measured in a query, the walk's heap, the node bounds and a
+/// copy of the corners of every listed triangle in list order, 36 bytes per
+/// list entry) across queries, and shares the lists' layout. The mesh,
+/// octree and lists must outlive it, unchanged. Thread safety: not safe for
+/// concurrent `compute` calls; use one object per thread.
 class KXGEOM_API MeshClosestPoint {
  public:
   /// [in] mesh    the mesh.  [in] octree  the octree.
   /// [in] tris    the triangle lists of `mesh` over `octree`.
-  /// Cost O(triangles + nodes + listed pairs x a few levels): the stamp array,
-  /// the corner copies and, per octree node, the bound of the triangles
-  /// listed below it and the cone of their orienting normals.
+  /// Cost O(nodes + listed pairs x a few levels): the corner copies and, per
+  /// octree node, the bound of the triangles listed below it and the cone of
+  /// their orienting normals (128 bytes a node); plus the layout's cost when
+  /// the lists carry none.
   MeshClosestPoint(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris);
   MeshClosestPoint(const MeshClosestPoint&) = delete;
   MeshClosestPoint& operator=(const MeshClosestPoint&) = delete;
@@ -99,8 +109,13 @@ class KXGEOM_API MeshClosestPoint {
 
  private:
   // Lowers `best` (squared) and sets `result` with the triangles of leaf
-  // `voxel` not yet seen in this query.
-  void scanLeaf(int voxel, const kxLinear::Point& p, double& best, MeshCoord* result);
+  // `voxel` not yet seen in this query, measuring only those that might lie
+  // nearer than min(best, cutoff).
+  void scanLeaf(int voxel, const kxLinear::Point& p, double& best, double cutoff,
+                MeshCoord* result);
+  // Squared distance from p to the nearest corner of the triangles listed in
+  // leaf `voxel` (DBL_MAX for none).
+  double nearestCorner2(int voxel, const kxLinear::Point& p) const;
   // Squared distance from p to the mesh (as `compute`). When pruneFrom2 >=
   // 0, cells no nearer than sqrt(pruneFrom2) whose triangles would all give
   // p the side of the best point so far are skipped: the returned point may
@@ -154,6 +169,21 @@ KXGEOM_API double meshClosestVertex2(const CompactMesh& mesh, const Octree& vert
 
 /// Classifies points against a closed mesh with outward normals from one
 /// closest-point query each. Thread safety: as `MeshClosestPoint`.
+///
+/// The answer is the side of the nearest surface point, which a ray's hit
+/// count cannot give (it disagrees where interpolated normals do, and on
+/// open or self-intersecting meshes), so the cost is that of a nearest-point
+/// search: a ray visits only the cells along one line, while the nearest
+/// point must be proven nearest against every cell within its distance, a
+/// ball of cells around a point deep inside or outside, each with exact
+/// bounds and leaves of exact distances. Pruning the cells whose normals all
+/// give the side already found shrinks the ball but not to a line. Measured
+/// with one thread on an 832k-triangle scan, points spread over its box: a
+/// ray-parity test on an AABB tree takes 0.4 us a point, this classification
+/// 6 us, under a quarter of a plain closest-point query for the same points
+/// (27 us, 43 us with the fastest peer's point query). A quarter of the
+/// parity speed would need 1.7 us, less than even near-surface closest-point
+/// queries cost (7 us; 5.6 us with that peer).
 class KXGEOM_API MeshPtInside {
  public:
   enum Result { Inside = 0, Outside = 1, OnSurface = 2 };

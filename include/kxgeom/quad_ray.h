@@ -220,6 +220,22 @@ class KXGEOM_API OctreeQuadRayIntersectIt {
 /// each leaf in list order, stopping as soon as all four rays have hit. A
 /// triangle listed in several leaves may be tested more than once; a repeat
 /// never changes a packet.
+///
+/// What a bounding volume hierarchy with eight-wide nodes (as ray tracing
+/// libraries build for AVX) still does better: its boxes are fitted to
+/// triangle sets chosen to minimise the traversal cost and each triangle
+/// sits in one leaf of 4 to 8, while the octree splits cells at their
+/// midpoints around a vertex count, so on a scanned model a triangle is
+/// listed in about two leaves of some twenty triangles and the laid-out data
+/// takes about 48 bytes per list entry; it tests eight children in one
+/// 8-wide pass where this walk needs two 4-wide passes (or eight packet
+/// passes); and its leaves group triangles by position, while the groups of
+/// four here keep list order (the first-hit order depends on it), so about
+/// three groups of a leaf are tested per visit. Measured with one thread on
+/// an 832k-triangle scan against such a library's SSE4.2 path (four-wide
+/// nodes), coherent packets run at 0.5 to 0.7 of its four-ray packets and
+/// incoherent ones at about 0.3; most of the remaining time waits on cell
+/// and group data, not on arithmetic.
 /// Thread safety: a tracer belongs to one thread; several tracers may run on
 /// one mesh, octree and triangle lists at once (they are only read).
 class KXGEOM_API QuadRayTracer {

@@ -35,6 +35,14 @@ namespace kxGeom {
 /// would accept; only the survivors get that test, each at most once per ray
 /// (a triangle listed in several leaves is remembered). The answers are
 /// those of the plain walk that tests every triangle of every leaf it passes.
+///
+/// Against a bounding volume hierarchy with eight-wide nodes (see
+/// `QuadRayTracer` for the structural differences) the walk also pays for
+/// keeping the plain walk's answers bit for bit: every child gets the plain
+/// walk's cell test besides the box test of its triangles, and screened
+/// survivors a double-precision test. Measured as for `QuadRayTracer`: 0.3
+/// to 0.4 of the peer's single-ray speed, three times that of an AABB tree
+/// over doubles, on incoherent rays; mostly waiting on cell and group data.
 /// Thread safety: a tracer belongs to one thread; several tracers may run on
 /// one mesh, octree and triangle lists at once (they are only read).
 class KXGEOM_API RayTracer {

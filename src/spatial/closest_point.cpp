@@ -14,6 +14,8 @@
 #include <kxgeom/platform/progress.h>
 #include <kxgeom/predicates.h>
 
+#include "octree_layout.h"
+#include "simd4.h"
 #include "spatial/triangle_closest.h"
 
 namespace kxGeom {
@@ -143,6 +145,36 @@ kx::vector<float> listedCorners(const CompactMesh& mesh, const OctreeTris& tris)
   return corners;
 }
 
+// The smallest float not below x (+infinity beyond the float range).
+float floatAtLeast(double x) {
+  if (!(x <= BoundingBox::kMaxFloat)) return std::numeric_limits<float>::infinity();
+  const float f = float(x);
+  return double(f) < x ? std::nextafter(f, std::numeric_limits<float>::infinity()) : f;
+}
+
+// The lanes of four boxes (rows lo, hi, single precision) whose squared
+// distance to pf may lie below `limit2`: the distance in single precision,
+// lowered by far more than its rounding and than that of p to pf (the boxes
+// are padded), never exceeds the exact distance to the unpadded boxes. An
+// overflowing or NaN distance decides nothing and passes.
+unsigned boxesBefore(const float* lo[3], const float* hi[3], const kxLinear::PointFlt& pf,
+                     double limit2) {
+  __m128 d2 = _mm_setzero_ps();
+  for (int k = 0; k < 3; ++k) {
+    const __m128 q = _mm_set1_ps(pf[k]);
+    const __m128 gap =
+        _mm_max_ps(_mm_max_ps(_mm_sub_ps(_mm_load_ps(lo[k]), q), _mm_sub_ps(q, _mm_load_ps(hi[k]))),
+                   _mm_setzero_ps());
+    d2 = _mm_add_ps(d2, _mm_mul_ps(gap, gap));
+  }
+  const __m128 lower = _mm_mul_ps(d2, _mm_set1_ps(1.0f - 1.0f / (1 << 16)));
+  const __m128 overflow = _mm_cmpeq_ps(d2, simd4::infinity());
+  const __m128 before = _mm_or_ps(_mm_cmplt_ps(lower, _mm_set1_ps(floatAtLeast(limit2))), overflow);
+  // NaN fails every comparison above: pass it too.
+  const __m128 nan = _mm_cmpunord_ps(d2, d2);
+  return unsigned(_mm_movemask_ps(_mm_or_ps(before, nan)));
+}
+
 // True when a lower bound shows that nothing nearer than `best` can be found
 // (with a margin far above the rounding of the bound).
 bool beyond(double bound2, double best) { return bound2 > best * (1 + 1e-12); }
@@ -227,8 +259,9 @@ Side sideOf(const CompactMesh& mesh, const MeshCoord& coord, const kxLinear::Poi
 
 // A lower bound of the distance to the triangles listed below an octree
 // node (the larger of the distances to their box and to their slab), and
-// the cone holding the normals that orient them.
-struct NodeBound {
+// the cone holding the normals that orient them. The box and the slab fill
+// the first cache line, so computing a key reads one line.
+struct alignas(64) NodeBound {
   BoundingBox box;
   Slab slab;
   kxLinear::Vector axis;  // unit
@@ -434,23 +467,14 @@ class OctreeClosestItImpl {
  public:
   virtual ~OctreeClosestItImpl() = default;
 
-  // Starts a walk from the root that skips cells at or beyond `limit2` and
-  // prunes for `side` (see setPrune).
-  void reset(const Octree& octree, const kxLinear::Point& p,
-             double limit2 = std::numeric_limits<double>::infinity(), Side side = kNoSide,
-             double pruneFrom2 = 0) {
+  void reset(const Octree& octree, const kxLinear::Point& p) {
     root_ = octree.getRoot();
     point_ = p;
     pointFlt_ = kxLinear::PointFlt(p);
-    limit_ = limit2;
-    pruneSide_ = side;
-    pruneFrom_ = pruneFrom2;
-    pruned_ = false;
+    limit_ = std::numeric_limits<double>::infinity();
     heap_.clear();
     if (!root_.getNode()) return;
-    const double d2 = distance2(root_);
-    if (!(d2 < limit_)) return;
-    heap_.push_back({d2, root_});
+    heap_.push_back({boxDistance2(root_.getBox(), pointFlt_, point_), root_});
     if (!root_.isLeaf()) next();
   }
 
@@ -462,9 +486,8 @@ class OctreeClosestItImpl {
       for (int child = 0; child < 8; ++child) {
         OctreeIterator handle = cell;
         if (!handle.descend(child)) break;
-        const double d2 = distance2(handle);
+        const double d2 = boxDistance2(handle.getBox(), pointFlt_, point_);
         if (!(d2 < limit_)) continue;
-        if (prunes(handle, d2)) continue;
         heap_.push_back({d2, handle});
         std::push_heap(heap_.begin(), heap_.end(), fartherThan);
       }
@@ -477,38 +500,12 @@ class OctreeClosestItImpl {
   bool valid() const { return !heap_.empty(); }
   const HeapEntry& top() const { return heap_.front(); }
   void setLimit(double limit2) { limit_ = limit2; }
-  void setNodeBounds(const NodeBound* bounds) { bounds_ = bounds; }
-  // From the next `next()` on, cells no nearer than sqrt(from2) whose
-  // triangles all give the point `side` are dropped (kNoSide: none).
-  void setPrune(Side side, double from2) {
-    pruneSide_ = side;
-    pruneFrom_ = from2;
-  }
-  // True when a cell was dropped by pruning since `reset`.
-  bool pruned() const { return pruned_; }
 
  private:
-  bool prunes(const OctreeIterator& cell, double d2) {
-    if (pruneSide_ == kNoSide || !bounds_ || !(d2 >= pruneFrom_)) return false;
-    if (bounds_[cell.getNode() - root_.getNode()].uniformSide(point_) != pruneSide_) return false;
-    pruned_ = true;
-    return true;
-  }
-
-  // The cell's key: its box distance, or its bound's when bounds are given.
-  double distance2(const OctreeIterator& cell) const {
-    if (bounds_) return bounds_[cell.getNode() - root_.getNode()].distance2(point_);
-    return boxDistance2(cell.getBox(), pointFlt_, point_);
-  }
-
   OctreeIterator root_;
   kxLinear::Point point_;
   kxLinear::PointFlt pointFlt_;
   double limit_ = 0;
-  const NodeBound* bounds_ = nullptr;
-  Side pruneSide_ = kNoSide;
-  double pruneFrom_ = 0;
-  bool pruned_ = false;
   kx::vector<HeapEntry> heap_;
 };
 
@@ -531,36 +528,197 @@ double OctreeClosestIt::getDistance2() const { return impl_->top().distance2; }
 void OctreeClosestIt::next() { impl_->next(); }
 void OctreeClosestIt::setLimit(double limit2) { impl_->setLimit(limit2); }
 
+// The triangles measured in one query: an open-addressing set of indices
+// that a query fills with a few dozen, kept small enough to stay in cache
+// (unlike a stamp per triangle of the mesh). Each slot carries the number
+// of the query that filled it, so starting a query clears nothing.
+class SeenTriangles {
+ public:
+  SeenTriangles() : slots_(kInitialSlots, Slot{0, 0}) {}
+
+  // True when t was not in the set (it is now).
+  bool insert(int t) {
+    if (2 * (size_ + 1) > slots_.size()) grow();
+    for (std::size_t i = slotOf(t);; i = (i + 1) & (slots_.size() - 1)) {
+      Slot& slot = slots_[i];
+      if (slot.query != query_) {
+        slot = Slot{query_, t};
+        ++size_;
+        return true;
+      }
+      if (slot.triangle == t) return false;
+    }
+  }
+  void clear() {
+    size_ = 0;
+    if (++query_ == 0) {  // the counter wrapped: no slot may keep an old number
+      std::fill(slots_.begin(), slots_.end(), Slot{0, 0});
+      query_ = 1;
+    }
+  }
+
+ private:
+  struct Slot {
+    std::uint32_t query;
+    int triangle;
+  };
+  static constexpr std::size_t kInitialSlots = 256;
+
+  std::size_t slotOf(int t) const {
+    return (std::uint32_t(t) * 2654435769u >> 8) & (slots_.size() - 1);
+  }
+  // Doubles the table, keeping the current query's entries.
+  void grow() {
+    kx::vector<Slot> old(2 * slots_.size(), Slot{0, 0});
+    old.swap(slots_);
+    size_ = 0;
+    for (const Slot& slot : old) {
+      if (slot.query == query_) insert(slot.triangle);
+    }
+  }
+
+  kx::vector<Slot> slots_;
+  std::size_t size_ = 0;
+  std::uint32_t query_ = 1;
+};
+
+// The best-first walk of `MeshClosestPoint` over the node bounds: the cells
+// in non-decreasing order of their bound's distance, skipping cells at or
+// beyond a limit and, when asked, cells whose triangles would all give the
+// point one side. Children are screened four at a time by the distance to
+// the (padded) boxes of their triangles in the lists' layout, in single
+// precision with a margin, which never exceeds their bound's distance: only
+// children it cannot place at or beyond the limit get their bound's exact
+// distance. The heap sees the same keys in the same order as a walk that
+// computes every key, so cells of equal keys come out as they would there.
+class BoundWalk {
+ public:
+  BoundWalk(const Octree& octree, const kx::vector<NodeBound>& bounds,
+            const OctreeTrisLayout& layout)
+      : nodes_(octree.getRoot().getNode()), bounds_(bounds), layout_(layout) {}
+
+  // Starts at p, skipping cells at or beyond `limit2` and pruning for
+  // `side` from `pruneFrom2` on (see setPrune).
+  void reset(const kxLinear::Point& p, double limit2, Side side, double pruneFrom2) {
+    point_ = p;
+    pointFlt_ = kxLinear::PointFlt(p);
+    limit_ = limit2;
+    setPrune(side, pruneFrom2);
+    pruned_ = false;
+    heap_.clear();
+    if (!nodes_ || bounds_.empty()) return;
+    const double d2 = bounds_[0].distance2(p);
+    if (!(d2 < limit_)) return;
+    heap_.push_back({d2, 0, layout_.rootVoxel >= 0 ? ~layout_.rootVoxel : 0});
+    if (!nodes_[0].leaf) next();
+  }
+
+  // Pops the current cell, then expands inner cells until a leaf is on top.
+  void next() {
+    while (!heap_.empty()) {
+      std::pop_heap(heap_.begin(), heap_.end(), fartherThanEntry);
+      const Entry cell = heap_.back();
+      heap_.pop_back();
+      if (cell.ref >= 0) expand(cell);
+      // The nearest remaining cell at or beyond the limit: all are.
+      if (!heap_.empty() && !(heap_.front().distance2 < limit_)) heap_.clear();
+      if (!heap_.empty() && heap_.front().ref < 0) return;
+    }
+  }
+
+  bool valid() const { return !heap_.empty(); }
+  double distance2() const { return heap_.front().distance2; }
+  int voxel() const { return ~heap_.front().ref; }
+  void setLimit(double limit2) { limit_ = limit2; }
+  // From the next `next()` on, cells no nearer than sqrt(from2) whose
+  // triangles all give the point `side` are dropped (kNoSide: none).
+  void setPrune(Side side, double from2) {
+    pruneSide_ = side;
+    pruneFrom_ = from2;
+  }
+  // True when a cell was dropped by pruning since `reset`.
+  bool pruned() const { return pruned_; }
+
+ private:
+  // A cell on the heap: its key, its octree node and its layout record
+  // (inner cell) or ~voxel (leaf).
+  struct Entry {
+    double distance2;
+    int node;
+    int ref;
+  };
+  static bool fartherThanEntry(const Entry& a, const Entry& b) { return a.distance2 > b.distance2; }
+
+  void expand(const Entry& cell) {
+    const ChildLinks& links = layout_.links[std::size_t(cell.ref)];
+    const unsigned near = links.listing & childrenBefore(layout_.tight[std::size_t(cell.ref)]);
+    const int first = cell.node + nodes_[cell.node].children;
+    for (unsigned ask = near; ask != 0; ask &= ask - 1) {
+      _mm_prefetch(reinterpret_cast<const char*>(&bounds_[std::size_t(first) + __builtin_ctz(ask)]),
+                   _MM_HINT_T0);
+    }
+    for (int k = 0; k < 8; ++k) {
+      if (!((near >> k) & 1)) continue;
+      const double d2 = bounds_[std::size_t(first + k)].distance2(point_);
+      if (!(d2 < limit_)) continue;
+      if (prunes(first + k, d2)) continue;
+      prefetchLeafRecord(links, k);
+      heap_.push_back({d2, first + k, links.cell(k)});
+      std::push_heap(heap_.begin(), heap_.end(), fartherThanEntry);
+    }
+  }
+
+  // Asks for the record a leaf child k reads once it comes up.
+  void prefetchLeafRecord(const ChildLinks& links, int k) const {
+    if (!((links.leaves >> k) & 1)) return;
+    _mm_prefetch(reinterpret_cast<const char*>(&layout_.leaves[std::size_t(links.next[k])]),
+                 _MM_HINT_T0);
+  }
+
+  // The children whose box lies nearer than the limit, or may (bits 0..7).
+  unsigned childrenBefore(const ChildBoxes& boxes) const {
+    unsigned mask = 0;
+    for (int g = 0; g < 2; ++g) {
+      const float* lo[3] = {boxes.lo[0] + 4 * g, boxes.lo[1] + 4 * g, boxes.lo[2] + 4 * g};
+      const float* hi[3] = {boxes.hi[0] + 4 * g, boxes.hi[1] + 4 * g, boxes.hi[2] + 4 * g};
+      mask |= boxesBefore(lo, hi, pointFlt_, limit_) << (4 * g);
+    }
+    return mask;
+  }
+
+  bool prunes(int node, double d2) {
+    if (pruneSide_ == kNoSide || !(d2 >= pruneFrom_)) return false;
+    if (bounds_[std::size_t(node)].uniformSide(point_) != pruneSide_) return false;
+    pruned_ = true;
+    return true;
+  }
+
+  const OctreeNode* nodes_;
+  const kx::vector<NodeBound>& bounds_;
+  const OctreeTrisLayout& layout_;
+  kxLinear::Point point_;
+  kxLinear::PointFlt pointFlt_;
+  double limit_ = 0;
+  Side pruneSide_ = kNoSide;
+  double pruneFrom_ = 0;
+  bool pruned_ = false;
+  kx::vector<Entry> heap_;
+};
+
 class ClosestPointContext {
  public:
   ClosestPointContext(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
-      : stamps_(std::size_t(std::max(0, mesh.getNumTriangles())), 0),
-        bounds_(nodeBounds(mesh, octree, tris)),
-        corners_(listedCorners(mesh, tris)) {
-    iterator_.impl_ = new OctreeClosestItImpl;
-    iterator_.impl_->setNodeBounds(bounds_.data());
-  }
+      : bounds_(nodeBounds(mesh, octree, tris)),
+        corners_(listedCorners(mesh, tris)),
+        layout_(layoutOf(mesh, octree, tris)),
+        walk_(octree, bounds_, *layout_) {}
   virtual ~ClosestPointContext() = default;
 
   // True the first time triangle t is seen in the current query.
-  bool visit(int t) {
-    if (stamps_[t] == stamp_) return false;
-    stamps_[t] = stamp_;
-    return true;
-  }
-  // Starts a new query; clears the stamps only when the counter wraps.
-  void advanceStamp() {
-    if (++stamp_ == ~std::uint32_t(0)) {
-      std::fill(stamps_.begin(), stamps_.end(), 0u);
-      stamp_ = 1;
-    }
-  }
-  OctreeClosestIt& iterator() { return iterator_; }
-  // Starts the iterator's walk at p, skipping cells at or beyond `limit2`.
-  void start(const Octree& octree, const kxLinear::Point& p, double limit2, Side side,
-             double pruneFrom2) {
-    iterator_.impl_->reset(octree, p, limit2, side, pruneFrom2);
-  }
+  bool visit(int t) { return seen_.insert(t); }
+  // Starts a new query.
+  void forgetSeen() { seen_.clear(); }
+  BoundWalk& walk() { return walk_; }
   // A leaf holding a near triangle, found in O(depth): from the root, the
   // child around p while it holds triangles, otherwise the child with the
   // smallest bound.
@@ -590,16 +748,16 @@ class ClosestPointContext {
     }
     return cell;
   }
-  OctreeClosestItImpl& walk() { return *iterator_.impl_; }
   // The corners of the triangle at position i of the concatenated lists.
   const float* cornersAt(std::size_t i) const { return corners_.data() + 9 * i; }
+  const OctreeTrisLayout& layout() const { return *layout_; }
 
  private:
-  std::uint32_t stamp_ = 1;
-  kx::vector<std::uint32_t> stamps_;
+  SeenTriangles seen_;
   kx::vector<NodeBound> bounds_;
   kx::vector<float> corners_;
-  OctreeClosestIt iterator_;
+  std::shared_ptr<const OctreeTrisLayout> layout_;
+  BoundWalk walk_;
 };
 
 MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree,
@@ -611,22 +769,50 @@ MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree
 
 MeshClosestPoint::~MeshClosestPoint() { delete context_; }
 
-void MeshClosestPoint::scanLeaf(int voxel, const kxLinear::Point& p, double& best,
+void MeshClosestPoint::scanLeaf(int voxel, const kxLinear::Point& p, double& best, double cutoff,
                                 MeshCoord* result) {
-  // Triangles whose boxes are no nearer than the best point are skipped: a
-  // pure saving, the answer is the same. The box test reads the leaf's
-  // copied corners in sequence; only survivors touch the per-triangle stamps.
-  const int* tris = tris_.firstTri(voxel);
-  const float* corners = context_->cornersAt(std::size_t(tris - tris_.getData().members()));
-  for (int i = 0, n = tris_.numTris(voxel); i < n; ++i, corners += 9) {
-    if (beyond(cornersBoxDistance2(corners, p), best)) continue;
-    const int t = tris[i];
-    if (!context_->visit(t)) continue;
-    MeshCoord coord;
-    double d2;
-    if (listedClosest(corners, t, p, coord, d2) && d2 < best) {
-      best = d2;
-      if (result) *result = coord;
+  // Groups of four and then single triangles whose boxes are no nearer than
+  // min(best, cutoff) are skipped: a pure saving, the answer is the same. The
+  // group boxes come from the lists' layout, four to a vector pass; the
+  // single boxes from the leaf's copied corners, read in sequence; only
+  // survivors are looked up among the triangles already measured.
+  const OctreeTrisLayout& layout = context_->layout();
+  const LeafData& leaf = layout.leaves[std::size_t(voxel)];
+  const int* tris = tris_.getData().members() + leaf.firstListed;
+  const int count = leaf.count;
+  const float* corners = context_->cornersAt(std::size_t(leaf.firstListed));
+  const QuadBoxes* blocks = layout.boxes.data() + leaf.firstBox;
+  // The leaf's boxes, list and first corners lie apart: ask for them at once.
+  _mm_prefetch(reinterpret_cast<const char*>(blocks), _MM_HINT_T0);
+  _mm_prefetch(reinterpret_cast<const char*>(blocks) + 64, _MM_HINT_T0);
+  _mm_prefetch(reinterpret_cast<const char*>(tris), _MM_HINT_T0);
+  _mm_prefetch(reinterpret_cast<const char*>(corners), _MM_HINT_T0);
+  const kxLinear::PointFlt pf(p);
+  for (int first = 0; first < count; first += 16) {
+    const QuadBoxes& block = blocks[first / 16];
+    const float* lo[3] = {block.lo[0], block.lo[1], block.lo[2]};
+    const float* hi[3] = {block.hi[0], block.hi[1], block.hi[2]};
+    const unsigned nearQuads = boxesBefore(lo, hi, pf, std::min(best, cutoff) * (1 + 1e-12));
+    // The corner copies of the groups kept lie apart: ask for all at once.
+    for (unsigned ask = nearQuads; ask != 0; ask &= ask - 1) {
+      const char* c =
+          reinterpret_cast<const char*>(corners + 36 * (first / 4 + __builtin_ctz(ask)));
+      for (int line = 0; line < 3; ++line) _mm_prefetch(c + 64 * line, _MM_HINT_T0);
+    }
+    for (unsigned near = nearQuads; near != 0; near &= near - 1) {
+      const int quad = first / 4 + __builtin_ctz(near);
+      for (int i = 4 * quad, end = std::min(count, i + 4); i < end; ++i) {
+        const float* c = corners + 9 * std::size_t(i);
+        if (beyond(cornersBoxDistance2(c, p), std::min(best, cutoff))) continue;
+        const int t = tris[i];
+        if (!context_->visit(t)) continue;
+        MeshCoord coord;
+        double d2;
+        if (listedClosest(c, t, p, coord, d2) && d2 < best) {
+          best = d2;
+          if (result) *result = coord;
+        }
+      }
     }
   }
 }
@@ -639,13 +825,15 @@ double MeshClosestPoint::search(const kxLinear::Point& p, MeshCoord* result, dou
   double best = kLargestDouble;
   // The leaf of the greedy descent usually holds a near triangle: scanning
   // it first lets the walk below discard every cell beyond that distance
-  // from the start.
+  // from the start. Its nearest triangle corner bounds the distance from
+  // above before any triangle is measured, so the scan measures only the
+  // triangles that might be nearer (a corner is a point of its triangle,
+  // whose distance is then at most the corner's, up to rounding).
   const OctreeIterator seed = context_->greedyLeaf(octree_, p);
   if (seed.getNode() && seed.getVoxel() >= 0 && seed.getVoxel() < tris_.numVoxels()) {
-    scanLeaf(seed.getVoxel(), p, best, result);
+    scanLeaf(seed.getVoxel(), p, best, nearestCorner2(seed.getVoxel(), p) * (1 + 1e-9), result);
   }
-  OctreeClosestItImpl& walk = context_->walk();
-  OctreeClosestIt& it = context_->iterator();
+  BoundWalk& walk = context_->walk();
   const bool pruning = pruneFrom2 >= 0 && result;
   Side side = kNoSide;
   double sidedBest = kLargestDouble;
@@ -661,19 +849,33 @@ double MeshClosestPoint::search(const kxLinear::Point& p, MeshCoord* result, dou
     return true;
   };
   followSide();
-  context_->start(octree_, p, best, side, pruneFrom2);
+  walk.reset(p, best, side, pruneFrom2);
   for (;;) {
     if (!followSide()) {
       best = -1;
       break;
     }
-    if (!it.valid() || !(it.getDistance2() < best)) break;
-    scanLeaf(it.get().getVoxel(), p, best, result);
-    it.setLimit(best);
-    it.next();
+    if (!walk.valid() || !(walk.distance2() < best)) break;
+    scanLeaf(walk.voxel(), p, best, kLargestDouble, result);
+    walk.setLimit(best);
+    walk.next();
   }
-  context_->advanceStamp();
+  context_->forgetSeen();
   return best;
+}
+
+double MeshClosestPoint::nearestCorner2(int voxel, const kxLinear::Point& p) const {
+  const int* tris = tris_.firstTri(voxel);
+  const float* corners = context_->cornersAt(std::size_t(tris - tris_.getData().members()));
+  double nearest = kLargestDouble;
+  for (int i = 0, n = tris_.numTris(voxel); i < n; ++i, corners += 9) {
+    // A triangle with a non-finite corner has no closest point to offer.
+    if (!std::all_of(corners, corners + 9, [](float x) { return std::isfinite(x); })) continue;
+    for (int k = 0; k < 3; ++k) {
+      nearest = std::min(nearest, (kxLinear::Point::from(corners + 3 * k) - p).length2());
+    }
+  }
+  return nearest;
 }
 
 double meshClosestPoint(const CompactMesh& mesh, const Octree& vertexOctree,

@@ -104,8 +104,8 @@ BoundingBox layOutLeaf(const float* vertices, const int* triangles, const int* l
 // The cell records, depth first, from the leaf boxes.
 class CellBuilder {
  public:
-  CellBuilder(const kx::vector<BoundingBox>& leafBoxes, kx::vector<CellChildren>& cells)
-      : leafBoxes_(leafBoxes), cells_(cells) {}
+  CellBuilder(const kx::vector<BoundingBox>& leafBoxes, OctreeTrisLayout& layout)
+      : leafBoxes_(leafBoxes), layout_(layout) {}
 
   // The boxes of the triangles below `cell`, and its record (inner) or voxel
   // (leaf), -1 when nothing is listed below it.
@@ -116,44 +116,51 @@ class CellBuilder {
       clipped = intersection(tight, padded(cell.getBox()));
       return tight.isValid() ? voxel : -1;
     }
-    const std::size_t record = cells_.size();
-    cells_.emplace_back();
+    const std::size_t record = layout_.links.size();
+    layout_.links.emplace_back();
+    layout_.tight.emplace_back();
+    layout_.clipped.emplace_back();
     tight.setInvalid();
     clipped.setInvalid();
-    CellChildren children;
-    children.listing = 0;
-    children.leaves = 0;
+    ChildLinks links;
+    ChildBoxes tightBoxes, clippedBoxes;
+    links.listing = 0;
+    links.leaves = 0;
     for (int k = 0; k < 8; ++k) {
       OctreeIterator child = cell;
       child.descend(k);
       BoundingBox childTight, childClipped;
-      children.next[k] = build(child, childTight, childClipped);
-      setColumn(children.tightLo, children.tightHi, k, childTight);
-      setColumn(children.clippedLo, children.clippedHi, k, childClipped);
-      if (children.next[k] < 0) continue;
-      children.listing |= std::uint8_t(1u << k);
-      if (child.isLeaf()) children.leaves |= std::uint8_t(1u << k);
+      links.next[k] = build(child, childTight, childClipped);
+      setColumn(tightBoxes, k, childTight);
+      setColumn(clippedBoxes, k, childClipped);
+      if (links.next[k] < 0) continue;
+      links.listing |= std::uint8_t(1u << k);
+      if (child.isLeaf()) links.leaves |= std::uint8_t(1u << k);
       tight.extend(childTight);
       clipped.extend(childClipped);
     }
-    if (children.listing == 0) {
-      cells_.pop_back();  // the last record: no child below made one
+    if (links.listing == 0) {  // the last record: no child below made one
+      layout_.links.pop_back();
+      layout_.tight.pop_back();
+      layout_.clipped.pop_back();
       return -1;
     }
-    cells_[record] = children;
+    layout_.links[record] = links;
+    layout_.tight[record] = tightBoxes;
+    layout_.clipped[record] = clippedBoxes;
     return int(record);
   }
 
  private:
-  static void setColumn(float lo[3][8], float hi[3][8], int k, const BoundingBox& box) {
+  static void setColumn(ChildBoxes& boxes, int k, const BoundingBox& box) {
     for (int axis = 0; axis < 3; ++axis) {
-      lo[axis][k] = box.isValid() ? box[axis] : kInfinity;
-      hi[axis][k] = box.isValid() ? box[axis + 3] : kInfinity;
+      boxes.lo[axis][k] = box.isValid() ? box[axis] : kInfinity;
+      boxes.hi[axis][k] = box.isValid() ? box[axis + 3] : kInfinity;
     }
   }
 
   const kx::vector<BoundingBox>& leafBoxes_;
-  kx::vector<CellChildren>& cells_;
+  OctreeTrisLayout& layout_;
 };
 
 }  // namespace
@@ -163,31 +170,34 @@ std::shared_ptr<const OctreeTrisLayout> layOutOctreeTris(const CompactMesh& mesh
                                                          const ArrayOfSets& lists) {
   auto layout = std::make_shared<OctreeTrisLayout>();
   const int numVoxels = std::min(octree.numLeaves, lists.getNumSets());
-  layout->quadStart.resize(std::size_t(numVoxels) + 1);
-  layout->boxStart.resize(std::size_t(numVoxels) + 1);
-  layout->triangleCount.resize(std::size_t(numVoxels));
-  layout->quadStart[0] = layout->boxStart[0] = 0;
+  layout->leaves.resize(std::size_t(numVoxels));
+  int quads = 0, blocks = 0;
   for (int v = 0; v < numVoxels; ++v) {
-    const int count = lists.getSetSize(v), quads = (count + 3) / 4;
-    layout->triangleCount[std::size_t(v)] = count;
-    layout->quadStart[std::size_t(v) + 1] = layout->quadStart[std::size_t(v)] + quads;
-    layout->boxStart[std::size_t(v) + 1] = layout->boxStart[std::size_t(v)] + (quads + 3) / 4;
+    const int count = lists.getSetSize(v);
+    layout->leaves[std::size_t(v)] =
+        LeafData{quads, blocks, count, int(lists.getSet(v) - lists.members())};
+    quads += (count + 3) / 4;
+    blocks += ((count + 3) / 4 + 3) / 4;
   }
-  layout->quads.resize(std::size_t(layout->quadStart.back()));
-  layout->boxes.resize(std::size_t(layout->boxStart.back()));
+  layout->quads.resize(std::size_t(quads));
+  layout->boxes.resize(std::size_t(blocks));
   kx::vector<BoundingBox> leafBoxes(static_cast<std::size_t>(numVoxels));
   OctreeTrisLayout& out = *layout;
   kxUtil::forEachRange(kxUtil::ThreadPool::get(), numVoxels, [&](int, int begin, int end) {
     for (int v = begin; v < end; ++v) {
       leafBoxes[std::size_t(v)] =
           layOutLeaf(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), lists.getSet(v),
-                     lists.getSetSize(v), out.quads.data() + out.quadStart[std::size_t(v)],
-                     out.boxes.data() + out.boxStart[std::size_t(v)]);
+                     lists.getSetSize(v), out.quads.data() + out.leaves[std::size_t(v)].firstQuad,
+                     out.boxes.data() + out.leaves[std::size_t(v)].firstBox);
     }
   });
   const OctreeIterator root = octree.getRoot();
   if (root.getNode()) {
-    const int top = CellBuilder(leafBoxes, out.cells).build(root, out.rootTight, out.rootClipped);
+    const std::size_t innerCells = std::size_t(octree.getNumNodes() - 1) / 8 + 1;
+    out.links.reserve(innerCells);
+    out.tight.reserve(innerCells);
+    out.clipped.reserve(innerCells);
+    const int top = CellBuilder(leafBoxes, out).build(root, out.rootTight, out.rootClipped);
     if (root.isLeaf()) out.rootVoxel = top;
   }
   return layout;

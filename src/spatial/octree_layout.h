@@ -3,7 +3,7 @@
 // leaf's triangles four at a time with their edges precomputed.
 //
 // Cells. One record per inner cell that lists triangles below it, in depth-
-// first order from the root (record 0), holds its children's boxes as
+// first order from the root (record 0), holds its children's links and boxes as
 // structure-of-arrays floats (one 4-wide pass tests four children against a
 // ray, one pass tests a child against a packet) in two versions: the box of
 // the triangles listed below the child ("tight"), and that box clipped to the
@@ -51,16 +51,32 @@ struct alignas(16) QuadBoxes {
   float hi[3][4];
 };
 
-/// The eight children of an inner cell, child k (the octree's numbering) in
-/// column k; a child that lists nothing has the point at +infinity as boxes.
-struct alignas(16) CellChildren {
-  float tightLo[3][8], tightHi[3][8];
-  float clippedLo[3][8], clippedHi[3][8];
+/// The boxes of the eight children of an inner cell, child k (the octree's
+/// numbering) in column k; a child that lists nothing has the point at
+/// +infinity.
+struct alignas(16) ChildBoxes {
+  float lo[3][8];
+  float hi[3][8];
+};
+
+/// Where the eight children of an inner cell lead.
+struct ChildLinks {
   /// Child k: its record when an inner cell, its voxel when a leaf; -1 when
   /// it lists no triangle.
   std::int32_t next[8];
   std::uint8_t listing;  ///< bit k: child k lists triangles
   std::uint8_t leaves;   ///< bit k: child k is a leaf
+
+  /// Child k as the walks keep it: its record, or ~voxel for a leaf.
+  int cell(int k) const { return (leaves >> k) & 1 ? ~next[k] : next[k]; }
+};
+
+/// One leaf's part of the layout: its quads are [firstQuad, firstQuad +
+/// ceil(count / 4)), their boxes in the blocks from firstBox (quad i of the
+/// leaf in lane i % 4 of block i / 4), and its list starts at entry
+/// firstListed of the lists' members.
+struct LeafData {
+  int firstQuad, firstBox, count, firstListed;
 };
 
 /// The laid-out lists of one mesh over one octree. Immutable once built.
@@ -69,24 +85,23 @@ struct OctreeTrisLayout {
   /// root leaf, its voxel (-1 for an inner root, whose record is 0).
   BoundingBox rootTight, rootClipped;
   int rootVoxel = -1;
-  kx::vector<CellChildren> cells;
-  /// Voxel v's quads are [quadStart[v], quadStart[v + 1]); their boxes the
-  /// blocks from boxStart[v], quad i of the leaf in lane i % 4 of block i / 4.
-  kx::vector<int> quadStart, boxStart;
-  /// Voxel v lists triangleCount[v] triangles.
-  kx::vector<int> triangleCount;
+  /// Per inner cell record: the links, the tight boxes and the clipped
+  /// boxes of its children (three arrays, so a walk reads only the boxes it
+  /// tests).
+  kx::vector<ChildLinks> links;
+  kx::vector<ChildBoxes> tight, clipped;
+  /// Per voxel: where its quads and their boxes start, and its list.
+  kx::vector<LeafData> leaves;
   kx::vector<TriangleQuad> quads;
   kx::vector<QuadBoxes> boxes;
 
-  int numTriangles(int voxel) const { return triangleCount[std::size_t(voxel)]; }
+  int numTriangles(int voxel) const { return leaves[std::size_t(voxel)].count; }
+  int numQuads(int voxel) const { return (numTriangles(voxel) + 3) / 4; }
   const TriangleQuad* firstQuad(int voxel) const {
-    return quads.data() + quadStart[std::size_t(voxel)];
-  }
-  int numQuads(int voxel) const {
-    return quadStart[std::size_t(voxel) + 1] - quadStart[std::size_t(voxel)];
+    return quads.data() + leaves[std::size_t(voxel)].firstQuad;
   }
   const QuadBoxes* firstBoxes(int voxel) const {
-    return boxes.data() + boxStart[std::size_t(voxel)];
+    return boxes.data() + leaves[std::size_t(voxel)].firstBox;
   }
 };
 

@@ -275,25 +275,24 @@ void QuadRayTracer::intersectLeafNearest(QuadRay& packet, int voxel) {
 }
 
 void QuadRayTracer::pushChildren(const QuadRay& packet, int cell) {
-  const CellChildren& children = layout_->cells[std::size_t(cell)];
+  const ChildLinks& links = layout_->links[std::size_t(cell)];
+  const ChildBoxes& boxes = layout_->clipped[std::size_t(cell)];
   const Rays rays(packet.ox_, packet.oy_, packet.oz_, reciprocal_);
   const __m128 nearest = load(packet.t_);
   const int first = numPending_;
   for (int k = 0; k < 8; ++k) {
-    if (!((children.listing >> k) & 1)) continue;
-    const __m128 lo[3] = {_mm_set1_ps(children.clippedLo[0][k]),
-                          _mm_set1_ps(children.clippedLo[1][k]),
-                          _mm_set1_ps(children.clippedLo[2][k])};
-    const __m128 hi[3] = {_mm_set1_ps(children.clippedHi[0][k]),
-                          _mm_set1_ps(children.clippedHi[1][k]),
-                          _mm_set1_ps(children.clippedHi[2][k])};
+    if (!((links.listing >> k) & 1)) continue;
+    const __m128 lo[3] = {_mm_set1_ps(boxes.lo[0][k]), _mm_set1_ps(boxes.lo[1][k]),
+                          _mm_set1_ps(boxes.lo[2][k])};
+    const __m128 hi[3] = {_mm_set1_ps(boxes.hi[0][k]), _mm_set1_ps(boxes.hi[1][k]),
+                          _mm_set1_ps(boxes.hi[2][k])};
     __m128 entry;
     if (!rays.reach(lo, hi, nearest, entry)) continue;
     // Insertion by the nearest entry of any ray, farthest deepest.
     Pending child;
     store(child.entry, entry);
     child.nearest = *std::min_element(child.entry.lane, child.entry.lane + 4);
-    child.cell = (children.leaves >> k) & 1 ? ~children.next[k] : children.next[k];
+    child.cell = links.cell(k);
     int at = numPending_++;
     for (; at > first && pending_[at - 1].nearest < child.nearest; --at) {
       pending_[at] = pending_[at - 1];
@@ -341,7 +340,7 @@ void QuadRayTracer::intersect(QuadRay& packet) {
   }
   for (leaves_.reset(packet, ordered_); leaves_.valid(); leaves_.next()) {
     const int voxel = leaves_.get().getVoxel();
-    if (voxel >= int(layout_->triangleCount.size())) continue;
+    if (voxel >= int(layout_->leaves.size())) continue;
     if (!intersectLeafInOrder(packet, voxel)) break;
   }
 }

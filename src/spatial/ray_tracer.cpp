@@ -44,6 +44,14 @@ inline __m128 upperHalves(int axis, int group) {
                                         -((lane[1] >> axis) & 1), -((lane[0] >> axis) & 1)));
 }
 
+// Asks for the cache lines of [data, data + bytes) ahead of their use.
+inline void prefetch(const void* data, std::size_t bytes) {
+  const char* first = static_cast<const char*>(data);
+  for (std::size_t offset = 0; offset < bytes; offset += 64) {
+    _mm_prefetch(first + offset, _MM_HINT_T0);
+  }
+}
+
 bool isFinite(const kxLinear::PointFlt& p) {
   return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
 }
@@ -188,15 +196,26 @@ bool RayTracer::testTriangle(const Trace& trace, const float v0[3], const float 
 
 bool RayTracer::scanLeaf(const Trace& trace, int voxel) {
   const OctreeTrisLayout& layout = *layout_;
-  const TriangleQuad* quads = layout.firstQuad(voxel);
-  const QuadBoxes* boxes = layout.firstBoxes(voxel);
-  const int* list = tris_->firstTri(voxel);
-  const int count = layout.numTriangles(voxel);
-  for (int first = 0, numQuads = layout.numQuads(voxel); first < numQuads; first += 4) {
+  const LeafData& leaf = layout.leaves[std::size_t(voxel)];
+  const TriangleQuad* quads = layout.quads.data() + leaf.firstQuad;
+  const QuadBoxes* boxes = layout.boxes.data() + leaf.firstBox;
+  const int* members = tris_->getData().members();
+  const int count = leaf.count;
+  const int numQuads = (count + 3) / 4;
+  prefetch(boxes, sizeof(QuadBoxes) * std::size_t((numQuads + 3) / 4));
+  for (int first = 0; first < numQuads; first += 4) {
     const QuadBoxes& block = boxes[first / 4];
     const float* lo[3] = {block.lo[0], block.lo[1], block.lo[2]};
     const float* hi[3] = {block.hi[0], block.hi[1], block.hi[2]};
-    for (unsigned met = trace.boxesMet(lo, hi, bound_); met != 0; met &= met - 1) {
+    const unsigned reached = trace.boxesMet(lo, hi, bound_);
+    // The quads are far apart in memory: ask for all of them at once, and
+    // for their triangle numbers.
+    for (unsigned met = reached; met != 0; met &= met - 1) {
+      const int q = first + __builtin_ctz(met);
+      prefetch(quads + q, sizeof(TriangleQuad));
+      prefetch(members + leaf.firstListed + 4 * q, 4 * sizeof(int));
+    }
+    for (unsigned met = reached; met != 0; met &= met - 1) {
       const int q = first + __builtin_ctz(met);
       const TriangleQuad& quad = quads[q];
       unsigned candidates = trace.screen(quad, bound_);
@@ -206,7 +225,8 @@ bool RayTracer::scanLeaf(const Trace& trace, int voxel) {
         const float v0[3] = {quad.v0[0][lane], quad.v0[1][lane], quad.v0[2][lane]};
         const float e1[3] = {quad.e1[0][lane], quad.e1[1][lane], quad.e1[2][lane]};
         const float e2[3] = {quad.e2[0][lane], quad.e2[1][lane], quad.e2[2][lane]};
-        if (testTriangle(trace, v0, e1, e2, list[4 * q + lane]) && !findNearest_) return true;
+        const int triangle = members[leaf.firstListed + 4 * q + lane];
+        if (testTriangle(trace, v0, e1, e2, triangle) && !findNearest_) return true;
       }
     }
   }
@@ -214,27 +234,31 @@ bool RayTracer::scanLeaf(const Trace& trace, int voxel) {
 }
 
 void RayTracer::pushChildren(const Trace& trace, const Pending& parent) {
-  const CellChildren& children = layout_->cells[std::size_t(parent.cell)];
+  const ChildLinks& links = layout_->links[std::size_t(parent.cell)];
+  const ChildBoxes& boxes = layout_->tight[std::size_t(parent.cell)];
   alignas(16) float entries[8];
   __m128 entry[2];
-  unsigned reached = trace.cellsEntered(parent.box, entry) & children.listing;
+  unsigned reached = trace.cellsEntered(parent.box, entry) & links.listing;
   _mm_store_ps(entries, entry[0]);
   _mm_store_ps(entries + 4, entry[1]);
-  for (int g = 0; g < 2 && reached != 0; ++g) {
-    const float* lo[3] = {children.tightLo[0] + 4 * g, children.tightLo[1] + 4 * g,
-                          children.tightLo[2] + 4 * g};
-    const float* hi[3] = {children.tightHi[0] + 4 * g, children.tightHi[1] + 4 * g,
-                          children.tightHi[2] + 4 * g};
-    reached &= ~((~trace.boxesMet(lo, hi, bound_) & 0xFu) << (4 * g));
+  for (int g = 0; g < 2; ++g) {
+    const unsigned group = 0xFu << (4 * g);
+    if (!(reached & group)) continue;
+    const float* lo[3] = {boxes.lo[0] + 4 * g, boxes.lo[1] + 4 * g, boxes.lo[2] + 4 * g};
+    const float* hi[3] = {boxes.hi[0] + 4 * g, boxes.hi[1] + 4 * g, boxes.hi[2] + 4 * g};
+    reached &= ~group | trace.boxesMet(lo, hi, bound_) << (4 * g);
   }
-  // Pushed last, visited first: order[0] ends on top.
-  for (int j = 7; j >= 0; --j) {
+  // Bit j: child order[j] is reached. Pushed last, visited first, so the
+  // children go on from order[7] down to order[0].
+  unsigned inOrder = 0;
+  for (int j = 0; j < 8; ++j) inOrder |= ((reached >> trace.order[j]) & 1u) << j;
+  while (inOrder != 0) {
+    const int j = 31 - __builtin_clz(inOrder);
+    inOrder &= ~(1u << j);
     const int k = trace.order[j];
-    if (!((reached >> k) & 1)) continue;
-    Pending& child = pending_[numPending_++];
-    child.box = OctreeIterator::childBox(parent.box, k);
-    child.entry = entries[k];
-    child.cell = (children.leaves >> k) & 1 ? ~children.next[k] : children.next[k];
+    const int cell = links.cell(k);
+    if (cell < 0) prefetch(&layout_->leaves[std::size_t(~cell)], sizeof(LeafData));
+    pending_[numPending_++] = Pending{OctreeIterator::childBox(parent.box, k), entries[k], cell};
   }
 }
 

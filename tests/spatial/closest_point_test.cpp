@@ -400,34 +400,6 @@ TEST(ClosestIterator, LeavesInNonDecreasingDistanceCoveringAll) {
 
 namespace {
 
-// Brute-force containment: the side given by every triangle's own closest
-// point, the nearer side winning; nullopt-like -1 when the two sides are
-// too close to call or the point is within the tolerance.
-int bruteForceSide(const CompactMesh& mesh, const Point& p, double tolerance) {
-  double nearest[2] = {kMax, kMax};
-  const kxGeom::MeshNormal* normals = mesh.getNormals();
-  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
-    const MeshCoord c =
-        kxGeom::meshTriClosestPt(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), t, p);
-    const kxGeom::MeshTriangle& tri = mesh.getTriangles()[t];
-    kxLinear::Vector n;
-    for (int k = 0; k < 3; ++k) {
-      n += normals ? normals[tri[k]].asVector() * c.w[k]
-                   : kxGeom::meshTriNormal(mesh.getVerticesRaw(), tri.v).vector() * c.w[k];
-    }
-    const kxLinear::Vector toSurface = c.evaluate(mesh.getVertices(), mesh.getTriangles()) - p;
-    const int side = kxLinear::dot(toSurface, n) >= 0 ? kxGeom::MeshPtInside::Inside
-                                                      : kxGeom::MeshPtInside::Outside;
-    nearest[side] = std::min(nearest[side], toSurface.length());
-  }
-  const double d = std::min(nearest[0], nearest[1]);
-  if (d < tolerance) return kxGeom::MeshPtInside::OnSurface;
-  if (std::fabs(nearest[0] - nearest[1]) < 1e-9 * (1 + d) || std::fabs(d - tolerance) < 1e-9) {
-    return -1;
-  }
-  return nearest[0] < nearest[1] ? kxGeom::MeshPtInside::Inside : kxGeom::MeshPtInside::Outside;
-}
-
 // A sphere whose vertices move radially by up to `noise` and whose normals
 // are radial plus random vectors of up to `normalNoise`.
 CompactMesh roughSphere(double noise, double normalNoise, unsigned seed) {
@@ -474,7 +446,7 @@ TEST(PointInside, AgreesWithTheBruteForceNearestSide) {
     pts.insert(pts.end(), near.begin(), near.end());
     int checked = 0;
     for (const Point& p : pts) {
-      const int expected = bruteForceSide(s.mesh, p, 1e-3);
+      const int expected = kxtest::bruteForceSide(s.mesh, p, 1e-3);
       const int result = inside.evaluate(p);
       if (expected < 0) continue;
       if (!kxGeom::contains(boxOf(s.mesh), kxLinear::PointFlt(p))) {

@@ -148,4 +148,34 @@ inline std::vector<kxLinear::Point> pointsNearSurface(const kxGeom::CompactMesh&
   return pts;
 }
 
+/// Brute-force containment: the side (`MeshPtInside::Result`) given by every
+/// triangle's own closest point, the nearer side winning; -1 when the two
+/// sides are too close to call.
+inline int bruteForceSide(const kxGeom::CompactMesh& mesh, const kxLinear::Point& p,
+                          double tolerance) {
+  double nearest[2] = {std::numeric_limits<double>::max(), std::numeric_limits<double>::max()};
+  const kxGeom::MeshNormal* normals = mesh.getNormals();
+  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
+    const kxGeom::MeshCoord c =
+        kxGeom::meshTriClosestPt(mesh.getVerticesRaw(), mesh.getTrianglesRaw(), t, p);
+    if (!c.isValid()) continue;  // a non-finite corner
+    const kxGeom::MeshTriangle& tri = mesh.getTriangles()[t];
+    kxLinear::Vector n;
+    for (int k = 0; k < 3; ++k) {
+      n += normals ? normals[tri[k]].asVector() * c.w[k]
+                   : kxGeom::meshTriNormal(mesh.getVerticesRaw(), tri.v).vector() * c.w[k];
+    }
+    const kxLinear::Vector toSurface = c.evaluate(mesh.getVertices(), mesh.getTriangles()) - p;
+    const int side = kxLinear::dot(toSurface, n) >= 0 ? kxGeom::MeshPtInside::Inside
+                                                      : kxGeom::MeshPtInside::Outside;
+    nearest[side] = std::min(nearest[side], toSurface.length());
+  }
+  const double d = std::min(nearest[0], nearest[1]);
+  if (d < tolerance) return kxGeom::MeshPtInside::OnSurface;
+  if (std::fabs(nearest[0] - nearest[1]) < 1e-9 * (1 + d) || std::fabs(d - tolerance) < 1e-9) {
+    return -1;
+  }
+  return nearest[0] < nearest[1] ? kxGeom::MeshPtInside::Inside : kxGeom::MeshPtInside::Outside;
+}
+
 }  // namespace kxtest
