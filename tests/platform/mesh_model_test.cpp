@@ -266,6 +266,7 @@ TEST(BoundingBoxModel, CubeCornersAndRotatedBox) {
   cube.extendToCube();
   EXPECT_TRUE(cube.contains(box));
   EXPECT_TRUE(equivalent(cube, BoundingBox(-2.0f, -2.0f, -2.0f, 2.0f, 2.0f, 2.0f), 0.0f));
+  EXPECT_FALSE(equivalent(box, BoundingBox(-1.5f, -2.0f, -0.5f, 1.0f, 2.0f, 0.5f), 0.4f));
   // Rotation about z by t: half-widths become |a cos t| + |b sin t| and
   // |a sin t| + |b cos t| for half-widths a, b.
   const double t = 0.3, c = std::cos(t), s = std::sin(t);

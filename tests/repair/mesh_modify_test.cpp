@@ -58,8 +58,19 @@ TEST(MeshModifyRep, ExtractEditAndMergeBack) {
   }
   ASSERT_TRUE(shrink.merge());
   EXPECT_EQ(m.getNumTriangles(), 13);
-  EXPECT_EQ(m.getNumVertices(), 13);  // vertex 0 stays itself, no copy appended
+  EXPECT_EQ(m.getNumVertices(), 13);     // vertex 0 stays itself, no copy appended
   EXPECT_EQ(m.getTriangles()[1][0], 1);  // what was triangle 2 moved down
+  // A face that is not a triangle cannot go back: the merge refuses.
+  BitVector first(13);
+  first.setBit(0);
+  MeshModifyRep quad(m, first);
+  const kxGeom::MeshTriangle t0 = m.getTriangles()[0];
+  const TopoMeshVertex q[4] = {quad.getTopoVertex(t0[0]), quad.getTopoVertex(t0[1]),
+                               quad.getTopoVertex(t0[2]), quad.getTopoMesh().addVertex({9, 9, 9})};
+  quad.getTopoMesh().addFace(q, 4);
+  EXPECT_FALSE(quad.merge());
+  EXPECT_EQ(m.getNumTriangles(), 13);
+  EXPECT_EQ(m.getNumVertices(), 13);
 }
 
 }  // namespace
