@@ -222,6 +222,21 @@ TEST(CompactMeshModel, TriangleRenumberingRemapsTriangleNormalsAndSelection) {
 
 // --- BoundingBox ------------------------------------------------------------------
 
+TEST(CompactMeshModel, InvalidRangeIsTheUnionSinceTheLastClear) {
+  MeshAttributes a("values", 1, 10);
+  int begin, end;
+  a.invalidateRange(3, 5);
+  a.getInvalidRange(begin, end);
+  EXPECT_EQ(std::make_pair(begin, end), std::make_pair(3, 5));  // not joined to an empty [0, 0)
+  a.invalidateRange(7, 8);
+  a.getInvalidRange(begin, end);
+  EXPECT_EQ(std::make_pair(begin, end), std::make_pair(3, 8));
+  a.clearInvalidRange();
+  a.invalidateRange(6, 9);
+  a.getInvalidRange(begin, end);
+  EXPECT_EQ(std::make_pair(begin, end), std::make_pair(6, 9));
+}
+
 TEST(BoundingBoxModel, ExtendContainsIntersectAndDistanceAgreeWithSecondFormulas) {
   std::mt19937 rng(4);
   std::uniform_real_distribution<float> u(-3, 3);
