@@ -105,12 +105,19 @@ struct OctreeTrisLayout {
   }
 };
 
-/// Lays out `lists` (the triangles of `mesh` per voxel of `octree`), in
-/// parallel on the shared thread pool (the same layout for every thread
-/// count). Cost O(listed pairs + octree nodes) time and memory.
-std::shared_ptr<const OctreeTrisLayout> layOutOctreeTris(const CompactMesh& mesh,
-                                                         const Octree& octree,
-                                                         const ArrayOfSets& lists);
+/// Sorts (voxel, triangle) pairs into per-voxel lists, each keeping the
+/// order of its pairs (as `ArrayOfSets::assignFromPairs` does), and lays the
+/// lists out in the same pass, in parallel on the shared thread pool (the
+/// same lists and layout for every thread count).
+/// [in] mesh, octree  the lists' mesh and octree.
+/// [in] numVoxels     voxels to list (at most the octree's leaves).
+/// [in] numPairs, pairs  2 * numPairs ints (voxel, triangle); fastest when
+///                    the pairs run in triangle order.
+/// [out] lists        replaced by the lists.
+/// Cost O(pairs + octree nodes) time and memory.
+std::shared_ptr<const OctreeTrisLayout> listAndLayOut(const CompactMesh& mesh, const Octree& octree,
+                                                      int numVoxels, int numPairs, const int* pairs,
+                                                      ArrayOfSets& lists);
 
 /// The layout carried by `tris`, or, for lists made without one, a new one.
 std::shared_ptr<const OctreeTrisLayout> layoutOf(const CompactMesh& mesh, const Octree& octree,

@@ -290,12 +290,16 @@ class PartitionAlg : public kxUtil::ThreadedAlg<PartitionRecord> {
       : ThreadedAlg(numElements), octree_(octree), links_(nodeLinks(octree)), elements_(elements) {}
 
   void finalize() override {
-    std::size_t total = 0;
-    for (const PartitionRecord& r : results()) total += r.pairs.size();
-    pairs_.reserve(total);
-    for (const PartitionRecord& r : results()) {
-      pairs_.insert(pairs_.end(), r.pairs.begin(), r.pairs.end());
-      coherent_ += r.coherent;
+    for (const PartitionRecord& r : results()) coherent_ += r.coherent;
+    if (results().size() == 1) {
+      pairs_.swap(results()[0].pairs);
+    } else {
+      std::size_t total = 0;
+      for (const PartitionRecord& r : results()) total += r.pairs.size();
+      pairs_.reserve(total);
+      for (const PartitionRecord& r : results()) {
+        pairs_.insert(pairs_.end(), r.pairs.begin(), r.pairs.end());
+      }
     }
     results().clear();
   }
@@ -341,15 +345,16 @@ struct PartitionReport {
 };
 
 // Partitions `numElements` elements into the leaves of `octree` (which has
-// some) and fills `sets` with the lists.
-template <class Elements>
+// some) and hands the (voxel, element) pairs, in element order, to
+// `list(numPairs, pairs)`.
+template <class Elements, class List>
 PartitionReport partition(const Octree& octree, const Elements& elements, int numElements,
-                          ArrayOfSets& sets) {
+                          List list) {
   kxOS::StopWatch watch;
   PartitionAlg<Elements> alg(octree, elements, numElements);
   kxUtil::ThreadPool::get().run(alg);
-  sets.assignFromPairs(octree.numLeaves, alg.numPairs(), alg.pairs());
   const double seconds = watch.stop();
+  list(alg.numPairs(), alg.pairs());
   const float n = float(numElements);
   return {numElements,
           octree.numLeaves,
@@ -364,15 +369,20 @@ PartitionReport partition(const Octree& octree, const Elements& elements, int nu
 void computeOctreeTris(const CompactMesh& mesh, const Octree& octree, OctreeTris& result) {
   if (octree.numLeaves <= 0) return;
   ArrayOfSets sets;
+  std::shared_ptr<const OctreeTrisLayout> layout;
+  kxOS::StopWatch watch;
   const PartitionReport r =
       partition(octree, TriangleElements{mesh.getVerticesRaw(), mesh.getTrianglesRaw()},
-                mesh.getNumTriangles(), sets);
-  kxOS::StopWatch watch;
-  OctreeTris lists(sets, layOutOctreeTris(mesh, octree, sets));
+                mesh.getNumTriangles(), [&](int numPairs, const int* pairs) {
+                  watch.clear();
+                  layout = listAndLayOut(mesh, octree, octree.numLeaves, numPairs, pairs, sets);
+                });
+  OctreeTris lists(sets, std::move(layout));
   result.swap(lists);
   debugChannel().print(
       "OctreeTris:  Partitioned %d triangles into %d voxels in %.3f seconds.\n"
-      "             (%.2f coherence, %.2f voxels/tri, %.0f tri/sec; laid out in %.3f seconds)\n",
+      "             (%.2f coherence, %.2f voxels/tri, %.0f tri/sec; listed and laid out in %.3f "
+      "seconds)\n",
       r.elements, r.voxels, r.seconds, r.coherence, r.pairsPerElement, r.rate, watch.stop());
 }
 
@@ -380,7 +390,9 @@ void meshOctreeLines(const CompactMesh& mesh, const Octree& octree, OctreeLines&
   if (octree.numLeaves <= 0) return;
   ArrayOfSets sets;
   const PartitionReport r = partition(octree, LineElements{mesh.getVerticesRaw(), mesh.getLines()},
-                                      mesh.getNumLines(), sets);
+                                      mesh.getNumLines(), [&](int numPairs, const int* pairs) {
+                                        sets.assignFromPairs(octree.numLeaves, numPairs, pairs);
+                                      });
   OctreeLines lists(sets);
   result.swap(lists);
   debugChannel().print(
