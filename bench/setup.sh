@@ -6,5 +6,5 @@ sudo_cmd=""
 [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
 $sudo_cmd apt-get update -qq
 DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq libbenchmark-dev \
-  libopenmesh-dev libcgal-dev libembree-dev libeigen3-dev libtinyobjloader-dev \
+  libopenmesh-dev libcgal-dev libcgal-demo libembree-dev libeigen3-dev libtinyobjloader-dev \
   libmeshoptimizer-dev libassimp-dev
