@@ -374,14 +374,20 @@ bool looksLikePly(const Head& h) {
   return startsWith(h.text, h.size, "ply\n") || startsWith(h.text, h.size, "ply\r\n");
 }
 
-bool looksLikeOff(const Head& h) {
+// The first blank-separated word of the first line that is not blank or a
+// "#" comment; false when there is none.
+bool firstWord(const Head& h, const char*& word, const char*& wordEnd) {
   const char* begin;
   const char* end;
   if (!firstContentLine(h, begin, end)) return false;
   fileio::LineFields fields(begin, end);
+  return fields.word(word, wordEnd);
+}
+
+bool looksLikeOff(const Head& h) {
   const char* word;
   const char* wordEnd;
-  return fields.word(word, wordEnd) && fileio::isOffKeyword(word, wordEnd);
+  return firstWord(h, word, wordEnd) && fileio::isOffKeyword(word, wordEnd);
 }
 
 bool looksLikeStl(const Head& h) {
@@ -390,13 +396,9 @@ bool looksLikeStl(const Head& h) {
 }
 
 bool looksLikeObj(const Head& h) {
-  const char* begin;
-  const char* end;
-  if (!firstContentLine(h, begin, end)) return false;
-  fileio::LineFields fields(begin, end);
   const char* word;
   const char* wordEnd;
-  if (!fields.word(word, wordEnd)) return false;
+  if (!firstWord(h, word, wordEnd)) return false;
   const std::string keyword(word, wordEnd);
   for (const char* k : {"v", "vn", "vt", "vp", "f", "l", "o", "g", "s", "mtllib", "usemtl"}) {
     if (keyword == k) return true;
