@@ -31,6 +31,7 @@
 #include <CGAL/Side_of_triangle_mesh.h>
 #include <CGAL/Simple_cartesian.h>
 #include <CGAL/Surface_mesh.h>
+#include "support/cgal_mesh.h"
 #endif
 
 namespace {
@@ -247,26 +248,13 @@ BENCHMARK_CAPTURE(BM_EmbreeClosestPoint, near_surface, true)
     ->Unit(benchmark::kMillisecond);
 
 // ---- CGAL: AABB tree over a Surface_mesh with double coordinates.
-using Kernel = CGAL::Simple_cartesian<double>;
-using SurfaceMesh = CGAL::Surface_mesh<Kernel::Point_3>;
+using Kernel = kxbench::CgalKernel;
+using SurfaceMesh = kxbench::CgalSurfaceMesh;
 using Primitive = CGAL::AABB_face_graph_triangle_primitive<SurfaceMesh>;
 using Tree = CGAL::AABB_tree<CGAL::AABB_traits<Kernel, Primitive>>;
 
 const SurfaceMesh& cgalMesh() {
-  static const SurfaceMesh mesh = [] {
-    const kxGeom::CompactMesh& m = model();
-    SurfaceMesh s;
-    std::vector<SurfaceMesh::Vertex_index> v;
-    for (int i = 0; i < m.getNumVertices(); ++i) {
-      const kxGeom::MeshVertex& p = m.getVertices()[i];
-      v.push_back(s.add_vertex(Kernel::Point_3(p.x, p.y, p.z)));
-    }
-    for (int t = 0; t < m.getNumTriangles(); ++t) {
-      const kxGeom::MeshTriangle& tri = m.getTriangles()[t];
-      s.add_face(v[tri[0]], v[tri[1]], v[tri[2]]);
-    }
-    return s;
-  }();
+  static const SurfaceMesh mesh = kxbench::toCgalSurfaceMesh(model());
   return mesh;
 }
 
