@@ -121,21 +121,6 @@ TEST(TriClosestPoint, DegenerateTrianglesAgainstDenseSampling) {
   EXPECT_FALSE(kxGeom::meshTriClosestPt(v, tri, 0, Point(0, std::nan(""), 0)).isValid());
 }
 
-TEST(MeshClosestPoint, AgreesWithBruteForceForEveryQueryPoint) {
-  for (CompactMesh& m : testMeshes()) {
-    Searchable s(std::move(m));
-    kxGeom::MeshClosestPoint search(s.mesh, s.octree, s.tris);
-    for (const Point& p : queryPoints(s.mesh, 3)) {
-      MeshCoord c;
-      const double d = search.compute(p, &c);
-      const double expected = std::sqrt(kxtest::bruteClosest2(s.mesh, p));
-      ASSERT_TRUE(c.isValid());
-      ASSERT_NEAR(d, expected, 1e-9 * (1 + expected)) << p.x << " " << p.y << " " << p.z;
-      ASSERT_NEAR(coordDistance(s.mesh, c, p), d, 1e-12 * (1 + d));
-    }
-  }
-}
-
 TEST(MeshClosestPoint, SurfacePointsAndEmptyMeshes) {
   Searchable s(kxtest::makeGrid(6, 6));
   kxGeom::MeshClosestPoint search(s.mesh, s.octree, s.tris);
@@ -396,66 +381,4 @@ TEST(ClosestIterator, LeavesInNonDecreasingDistanceCoveringAll) {
   const Octree empty;
   kxGeom::OctreeClosestIt none(empty, Point());
   EXPECT_FALSE(none.valid());
-}
-
-namespace {
-
-// A sphere whose vertices move radially by up to `noise` and whose normals
-// are radial plus random vectors of up to `normalNoise`.
-CompactMesh roughSphere(double noise, double normalNoise, unsigned seed) {
-  CompactMesh m = kxtest::makeLatLongSphere(24, 48);
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> u(-1, 1);
-  kxGeom::MeshNormal* normals = m.allocNormalArray();
-  for (int v = 0; v < m.getNumVertices(); ++v) {
-    const Point p = m.getVertices()[v].asPoint();
-    const kxLinear::Vector radial = kxLinear::normalized(p - Point());
-    const Point moved = Point() + radial * (1 + noise * u(rng));
-    m.getVertices()[v].set(float(moved.x), float(moved.y), float(moved.z));
-    const kxLinear::Vector n = radial + kxLinear::Vector(u(rng), u(rng), u(rng)) * normalNoise;
-    normals[v].set(float(n.x), float(n.y), float(n.z));
-  }
-  return m;
-}
-
-}  // namespace
-
-// Containment skips cells by the side their normals force; every answer
-// must still be the side of the true nearest point.
-TEST(PointInside, AgreesWithTheBruteForceNearestSide) {
-  std::vector<CompactMesh> meshes;
-  meshes.push_back(roughSphere(0.08, 0.3, 3));
-  meshes.push_back(roughSphere(0.02, 1.5, 4));  // normals that often face inward
-  CompactMesh random = kxtest::makeRandomMesh(200, 400, 21);
-  kxGeom::MeshNormal* normals = random.allocNormalArray();
-  std::mt19937 rng(5);
-  std::uniform_real_distribution<float> u(-1, 1);
-  for (int v = 0; v < random.getNumVertices(); ++v) normals[v].set(u(rng), u(rng), u(rng));
-  meshes.push_back(std::move(random));
-  const CompactMesh& rough = meshes[0];
-  CompactMesh bare(rough.getNumVertices(), rough.getVertices(), nullptr, nullptr, nullptr);
-  bare.copyTriangles(rough.getNumTriangles(), rough.getTrianglesRaw());
-  meshes.push_back(std::move(bare));
-  for (std::size_t i = 0; i < meshes.size(); ++i) {
-    Searchable s(meshes[i]);
-    kxGeom::MeshPtInside inside(s.mesh, s.octree, s.tris, 1e-3);
-    std::vector<Point> pts = queryPoints(s.mesh, 40 + unsigned(i));
-    const auto deep = kxtest::randomPoints(200, boxOf(s.mesh), 0.3, 50 + unsigned(i));
-    const auto near = kxtest::pointsNearSurface(s.mesh, 1500, 0.05, 60 + unsigned(i));
-    pts.insert(pts.end(), deep.begin(), deep.end());
-    pts.insert(pts.end(), near.begin(), near.end());
-    int checked = 0;
-    for (const Point& p : pts) {
-      const int expected = kxtest::bruteForceSide(s.mesh, p, 1e-3);
-      const int result = inside.evaluate(p);
-      if (expected < 0) continue;
-      if (!kxGeom::contains(boxOf(s.mesh), kxLinear::PointFlt(p))) {
-        ASSERT_EQ(result, kxGeom::MeshPtInside::Outside);
-        continue;
-      }
-      ASSERT_EQ(result, expected) << "mesh " << i << " at " << p.x << " " << p.y << " " << p.z;
-      ++checked;
-    }
-    EXPECT_GT(checked, 300) << i;
-  }
 }

@@ -343,79 +343,6 @@ QuadRay randomPacket(const BoundingBox& box, bool inside, bool nearest, std::mt1
   return makePacket(o, d, nearest);
 }
 
-TEST(QuadRayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
-  std::mt19937 rng(17);
-  for (const CompactMesh& model :
-       {kxtest::makeLatLongSphere(24, 48), kxtest::makeRandomMesh(300, 600, 21)}) {
-    const IndexedMesh m(model);
-    QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
-    int sureHits = 0, uncertain = 0, lanes = 0;
-    for (int i = 0; i < 300; ++i) {
-      PointFlt o;
-      Directions d;
-      QuadRay packet = randomPacket(m.box, i % 4 == 0, true, rng, o, d);
-      tracer.intersect(packet);
-      for (int k = 0; k < 4; ++k) {
-        const auto oracle = kxtest::bruteForceRay(m.mesh, wide(o), wide(d[k]), 1e-6);
-        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4))
-            << "packet " << i << " lane " << k << " t " << packet.triIntersectionRayParam(k)
-            << " oracle " << oracle.nearestSure;
-        sureHits += oracle.surelyHit;
-        uncertain += !oracle.certain();
-        ++lanes;
-      }
-    }
-    EXPECT_GT(sureHits, lanes / 3);
-    EXPECT_LT(uncertain, lanes / 20);
-  }
-}
-
-// Traces with the iterator alone, testing every triangle of every leaf
-// (repeats included), in the given child order.
-void traceWithoutStamps(QuadRay& packet, const IndexedMesh& m, bool ordered) {
-  OctreeQuadRayIntersectIt leaves(m.octree);
-  for (leaves.reset(packet, ordered); leaves.valid(); leaves.next()) {
-    const int voxel = leaves.get().getVoxel();
-    for (int i = 0; i < m.tris.numTris(voxel); ++i)
-      packet.intersect(m.mesh.getTriangles()[m.tris.firstTri(voxel)[i]], m.mesh.getVertices());
-  }
-}
-
-TEST(QuadRayTracer, OrderedAndUnorderedWalksFindTheSameNearestHits) {
-  std::mt19937 rng(41);
-  const IndexedMesh m(kxtest::makeRandomMesh(500, 1200, 43));
-  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
-  QuadRayTracer orderedTracer(m.octree, m.tris, &m.mesh);
-  EXPECT_FALSE(tracer.orderedTraversal());
-  orderedTracer.setOrderedTraversal(true);
-  int identical = 0, lanes = 0;
-  for (int i = 0; i < 500; ++i) {
-    PointFlt o;
-    Directions d;
-    QuadRay traced = randomPacket(m.box, i % 3 == 0, true, rng, o, d);
-    QuadRay ordered = traced, unordered = traced, tracedOrdered = traced;
-    tracer.intersect(traced);
-    orderedTracer.intersect(tracedOrdered);
-    traceWithoutStamps(ordered, m, true);
-    traceWithoutStamps(unordered, m, false);
-    ASSERT_EQ(traced.hitMask(), ordered.hitMask());
-    ASSERT_EQ(traced.hitMask(), unordered.hitMask());
-    ASSERT_EQ(tracedOrdered.hitMask(), ordered.hitMask());
-    for (int k = 0; k < 4; ++k) {
-      // Same triangles in the same order: the stamps only drop repeats.
-      ASSERT_EQ(traced.triIntersectionRayParam(k), unordered.triIntersectionRayParam(k));
-      ASSERT_EQ(tracedOrdered.triIntersectionRayParam(k), ordered.triIntersectionRayParam(k));
-      // Another order may prune a near-tie differently (reciprocal estimates).
-      const float t = traced.triIntersectionRayParam(k),
-                  tOrdered = ordered.triIntersectionRayParam(k);
-      ASSERT_NEAR(t, tOrdered, 1e-3f * std::fabs(t));
-      identical += t == tOrdered;
-      ++lanes;
-    }
-  }
-  EXPECT_GT(identical, lanes * 99 / 100);
-}
-
 // Two triangles in one leaf, listed far first: the far one at z = 5, and a
 // larger near one at z = 2. Both face rays along +z.
 CompactMesh farThenNear() {
@@ -449,34 +376,6 @@ TEST(QuadRayTracer, FirstHitModeStopsOnceAllRaysHaveHit) {
   tracer.intersect(packet);
   EXPECT_EQ(packet.hitMask(), 15u);
   for (int k = 0; k < 4; ++k) EXPECT_NEAR(packet.triIntersectionRayParam(k), 2.0f, 1e-5f);
-}
-
-TEST(QuadRayTracer, FirstHitsLieOnTheSurfaceAndAgreeOnWhichRaysHit) {
-  std::mt19937 rng(47);
-  const IndexedMesh m(kxtest::makeLatLongSphere(32, 64));
-  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
-  int fartherThanNearest = 0, hits = 0;
-  for (int i = 0; i < 400; ++i) {
-    PointFlt o;
-    Directions d;
-    QuadRay first = randomPacket(m.box, false, false, rng, o, d);
-    QuadRay nearest = makePacket(o, d, true);
-    tracer.intersect(first);
-    tracer.intersect(nearest);
-    ASSERT_EQ(first.hitMask(), nearest.hitMask());
-    for (int k = 0; k < 4; ++k) {
-      if (!first.triHit(k)) continue;
-      const float t = first.triIntersectionRayParam(k);
-      ASSERT_GE(t, nearest.triIntersectionRayParam(k));
-      // Every hit point lies on the unit sphere, up to the facets' sag.
-      const Point hit = wide(o + d[k] * t);
-      ASSERT_NEAR(hit.length(), 1.0, 3e-3);
-      fartherThanNearest += t > nearest.triIntersectionRayParam(k) * 1.01f;
-      ++hits;
-    }
-  }
-  EXPECT_GT(hits, 400);
-  EXPECT_GT(fartherThanNearest, 0);  // some walks stopped on the far side
 }
 
 TEST(QuadRayTracer, PacketsThatMissEverythingReportNothing) {

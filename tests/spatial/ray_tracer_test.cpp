@@ -42,65 +42,6 @@ TracedRay randomRay(const BoundingBox& box, bool inside, std::mt19937& rng) {
   return {o, Vector(kxtest::randomPointInBox(box, 1.25f, rng) - o)};
 }
 
-TEST(RayTracer, NearestHitsMatchBruteForceOnSpheresAndRandomMeshes) {
-  std::mt19937 rng(71);
-  for (const CompactMesh& model :
-       {kxtest::makeLatLongSphere(24, 48), kxtest::makeRandomMesh(300, 600, 73)}) {
-    const IndexedMesh m(model);
-    RayTracer tracer(m.octree, m.tris, &m.mesh);
-    int sureHits = 0, sameTriangle = 0, certain = 0;
-    for (int i = 0; i < 1200; ++i) {
-      const TracedRay r = randomRay(m.box, i % 4 == 0, rng);
-      const auto oracle = kxtest::bruteForceRay(m.mesh, Point(r.origin), r.direction, 1e-6, kMinT);
-      const bool hit = tracer.intersect(r.origin, r.direction);
-      const double t = tracer.intersectionDist() / r.direction.length();
-      ASSERT_TRUE(oracle.accepts(hit, t, 1e-6))
-          << "ray " << i << " t " << t << " oracle " << oracle.nearestSure;
-      EXPECT_EQ(hit, tracer.intersectionTriangle() >= 0);
-      if (!hit) {
-        EXPECT_EQ(tracer.intersectionDist(), kxGeom::Ray::kNoHit);
-      }
-      if (oracle.certain()) {
-        ++certain;
-        sameTriangle += tracer.intersectionTriangle() == oracle.nearestSureTriangle;
-      }
-      sureHits += oracle.surelyHit;
-    }
-    EXPECT_EQ(sameTriangle, certain);
-    EXPECT_GT(certain, 1200 * 95 / 100);
-    EXPECT_GT(sureHits, 1200 / 3);
-  }
-}
-
-TEST(RayTracer, FirstHitsAreRealHitsAndAgreeOnWhetherTheRayHits) {
-  std::mt19937 rng(79);
-  const IndexedMesh m(kxtest::makeLatLongSphere(32, 64));
-  RayTracer nearest(m.octree, m.tris, &m.mesh), first(m.octree, m.tris, &m.mesh);
-  first.setFindNearestHit(false);
-  int hits = 0;
-  for (int i = 0; i < 1000; ++i) {
-    const TracedRay r = randomRay(m.box, i % 3 == 0, rng);
-    const bool hitNearest = nearest.intersect(r.origin, r.direction);
-    ASSERT_EQ(first.intersect(r.origin, r.direction), hitNearest);
-    if (!hitNearest) continue;
-    ++hits;
-    ASSERT_GE(first.intersectionDist(), nearest.intersectionDist() * (1 - 1e-12));
-    // The reported triangle is hit at the reported distance, and the hit
-    // point lies on the unit sphere up to the facets' sag.
-    const double t = first.intersectionDist() / r.direction.length();
-    const kxGeom::MeshTriangle& tri = m.mesh.getTriangles()[first.intersectionTriangle()];
-    const kxGeom::MeshVertex* v = m.mesh.getVertices();
-    double tTriangle = 0;
-    const auto k = kxtest::classifyRayTriangle(Point(r.origin), r.direction, v[tri[0]].asPoint(),
-                                               v[tri[1]].asPoint(), v[tri[2]].asPoint(), 1e-6,
-                                               tTriangle, kMinT);
-    ASSERT_NE(k, kxtest::RayTriClass::Miss);
-    ASSERT_NEAR(t, tTriangle, 1e-6 * (1 + t));
-    ASSERT_NEAR((Point(r.origin) + r.direction * t).length(), 1.0, 3e-3);
-  }
-  EXPECT_GT(hits, 500);
-}
-
 TEST(RayTracer, MissesResetTheHitRecord) {
   const IndexedMesh m(kxtest::makeLatLongSphere(16, 32));
   RayTracer tracer(m.octree, m.tris, &m.mesh);
