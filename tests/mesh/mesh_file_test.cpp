@@ -571,39 +571,6 @@ TEST_F(MeshFileTest, HostileFilesFailWithOneLineNamingThePlaceAndLeaveTheMeshUnt
   }
 }
 
-TEST_F(MeshFileTest, MutatedFilesFailCleanlyOrYieldValidIndices) {
-  const CompactMesh m = attributedSphere(true, true, true);
-  std::vector<std::string> files;
-  for (const char* name : {"m.ply", "m.stl", "m.off"}) {
-    for (bool binary : {true, false}) {
-      kxGeom::MeshWriteOptions w;
-      w.binary = binary;
-      ASSERT_TRUE(meshWriteFile(m, path(name), w));
-      files.push_back(read(path(name)));
-    }
-  }
-  std::mt19937 rng(3);
-  const char alphabet[] = "0123456789-.e \n\x03\xff";
-  for (int round = 0; round < 300; ++round) {
-    std::string a = files[round % files.size()];
-    std::uniform_int_distribution<std::size_t> pos(0, a.size() - 1);
-    for (int k = 0; k < 1 + round % 4; ++k) a[pos(rng)] = alphabet[rng() % (sizeof alphabet - 1)];
-    if (round % 7 == 0) a.resize(pos(rng));
-    CompactMesh back = m;
-    kxtest::LogCapture log;
-    if (!meshReadFile(back, write(round % 6 < 2   ? "x.ply"
-                                  : round % 6 < 4 ? "x.stl"
-                                                  : "x.off",
-                                  a))) {
-      expectSameMesh(m, back);
-      continue;
-    }
-    for (int i = 0; i < 3 * back.getNumTriangles(); ++i) {
-      ASSERT_LT(unsigned(back.getTrianglesRaw()[i]), unsigned(back.getNumVertices()));
-    }
-  }
-}
-
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(MeshFileTest, ClaimedCountsAllocateNothingLarge) {
   for (const Hostile& h : hostileFiles()) {
