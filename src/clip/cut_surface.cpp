@@ -4,6 +4,8 @@
 #include <numeric>
 #include <utility>
 
+#include "mesh/disjoint_sets.h"
+
 namespace kxGeom {
 namespace cutSurface {
 
@@ -121,11 +123,6 @@ void cutTwoEdges(const kx::vector<Edge>& edges, kx::vector<char>& cut) {
   }
 }
 
-int find(kx::vector<int>& parent, int i) {
-  while (parent[i] != i) i = parent[i] = parent[parent[i]];
-  return i;
-}
-
 }  // namespace
 
 bool makeDisk(CompactMesh& mesh, kx::vector<int>* source) {
@@ -140,8 +137,7 @@ bool makeDisk(CompactMesh& mesh, kx::vector<int>* source) {
     cutTwoEdges(edges, cut);
   }
   // Corners (3 t + k) around one vertex stay together across uncut edges.
-  kx::vector<int> parent(3 * std::size_t(m));
-  std::iota(parent.begin(), parent.end(), 0);
+  detail::DisjointSets corner(3 * m);
   const MeshTriangle* tris = mesh.getTriangles();
   for (int i = 0; i < int(edges.size()); ++i) {
     const Edge& e = edges[i];
@@ -152,7 +148,7 @@ bool makeDisk(CompactMesh& mesh, kx::vector<int>* source) {
         const MeshTriangle& t = tris[e.faces[s]];
         c[s] = 3 * e.faces[s] + (t[0] == v ? 0 : (t[1] == v ? 1 : 2));
       }
-      parent[find(parent, c[0])] = find(parent, c[1]);
+      corner.join(c[0], c[1]);
     }
   }
   // One vertex per class of corners: the first class met keeps the index.
@@ -162,7 +158,7 @@ bool makeDisk(CompactMesh& mesh, kx::vector<int>* source) {
   kx::vector<char> taken(std::size_t(n), 0);
   kx::vector<int> corners(3 * std::size_t(m));
   for (int c = 0; c < 3 * m; ++c) {
-    const int root = find(parent, c), v = tris[c / 3][c % 3];
+    const int root = corner.find(c), v = tris[c / 3][c % 3];
     if (vertexOf[root] < 0) {
       vertexOf[root] = taken[v] ? int(origin.size()) : v;
       if (taken[v]) origin.push_back(v);

@@ -4,35 +4,15 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <numeric>
 #include <vector>
+
+#include "mesh/disjoint_sets.h"
 
 namespace kxGeom {
 
 namespace {
 
-// Union-find with path halving; small enough to keep here.
-class DisjointSets {
- public:
-  explicit DisjointSets(int n) : parent_(static_cast<std::size_t>(n)) {
-    std::iota(parent_.begin(), parent_.end(), 0);
-  }
-  int find(int i) {
-    while (parent_[std::size_t(i)] != i) {
-      parent_[std::size_t(i)] = parent_[std::size_t(parent_[std::size_t(i)])];
-      i = parent_[std::size_t(i)];
-    }
-    return i;
-  }
-  void join(int a, int b) {
-    a = find(a);
-    b = find(b);
-    if (a != b) parent_[std::size_t(std::max(a, b))] = std::min(a, b);
-  }
-
- private:
-  std::vector<int> parent_;
-};
+using detail::DisjointSets;
 
 std::uint32_t coordinateKey(float f) {
   if (f == 0.0f) f = 0.0f;  // -0 and +0 are one position

@@ -7,6 +7,8 @@
 #include <kxgeom/mesh_select.h>
 #include <kxgeom/platform/os.h>
 
+#include "mesh/disjoint_sets.h"
+
 namespace kxGeom {
 
 namespace {
@@ -83,11 +85,6 @@ class VertexFan {
     }
     return false;
   }
-  int find(int i) {
-    while (parent_[i] != i) i = parent_[i] = parent_[parent_[i]];
-    return i;
-  }
-
   // Walks the fan in order: a triangle joins the first earlier triangle it
   // touches (shares a non-centre vertex with), then merges at most one other
   // component, the first touching it between the two. With no spoke counted
@@ -98,19 +95,17 @@ class VertexFan {
   // first triangle, which is what renumbering after each merge produces.
   void labelComponents() {
     const int n = int(rotated_.size());
-    parent_.resize(std::size_t(n));
-    for (int j = 0; j < n; ++j) parent_[j] = j;
+    parts_.reset(n);
     for (std::size_t i = 0; i + 1 < spokes_.size(); ++i) {
-      if (spokes_[i].first != spokes_[i + 1].first) continue;
-      const int a = find(spokes_[i].second), b = find(spokes_[i + 1].second);
-      parent_[std::max(a, b)] = std::min(a, b);
+      if (spokes_[i].first == spokes_[i + 1].first)
+        parts_.join(spokes_[i].second, spokes_[i + 1].second);
     }
     labels_.assign(std::size_t(n), 0);
     kx::vector<int>& rank = rank_;
     rank.assign(std::size_t(n), -1);
     numComponents_ = 0;
     for (int j = 0; j < n; ++j) {
-      const int root = find(j);
+      const int root = parts_.find(j);
       if (rank[root] < 0) rank[root] = numComponents_++;
       labels_[j] = rank[root];
     }
@@ -119,7 +114,8 @@ class VertexFan {
   int v_ = -1;
   kx::vector<MeshTriangle> rotated_;
   kx::vector<std::pair<int, int>> spokes_;  // (other end, fan triangle), sorted
-  kx::vector<int> parent_, labels_, rank_;  // reused from fan to fan
+  detail::DisjointSets parts_;              // reused from fan to fan
+  kx::vector<int> labels_, rank_;
   int numComponents_ = 1;
 };
 
