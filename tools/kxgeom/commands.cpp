@@ -193,6 +193,17 @@ int runClosest(const ClosestOptions& o) {
   return 0;
 }
 
+RenderStats renderToPng(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
+                        const std::string& path) {
+  TerminalProgress progress;
+  progress.setCaption("Tracing");
+  RenderStats stats;
+  const Image image = renderMesh(mesh, options, progress, stats);
+  throwIfInterrupted();
+  writeOutput(path, [&](const std::string& file) { return writePng(image, file); });
+  return stats;
+}
+
 int runRender(const RenderCommandOptions& o) {
   const kxGeom::CompactMesh mesh = readMesh(o.input);
   RenderOptions options = o.render;
@@ -201,18 +212,13 @@ int runRender(const RenderCommandOptions& o) {
     colourValues(o, mesh, values, options.valueRange);
     options.vertexValues = &values;
   }
-  TerminalProgress progress;
-  progress.setCaption("Tracing");
-  RenderStats stats;
-  const Image image = renderMesh(mesh, options, progress, stats);
-  throwIfInterrupted();
-  writeOutput(o.output, [&](const std::string& file) { return writePng(image, file); });
+  const RenderStats stats = renderToPng(mesh, options, o.output);
   kxGeom::debugChannel().print("render: %lld rays in %f s (%.0f rays/s)\n", stats.rays,
                                stats.traceSeconds,
                                stats.traceSeconds > 0 ? stats.rays / stats.traceSeconds : 0.0);
   if (o.json) {
     Json j;
-    j.set("output", o.output).set("width", image.width).set("height", image.height);
+    j.set("output", o.output).set("width", options.width).set("height", options.height);
     j.set("hit_pixels", stats.hitPixels).set("rays", stats.rays);
     if (!o.colour.empty()) {
       Json range;
@@ -221,8 +227,8 @@ int runRender(const RenderCommandOptions& o) {
     }
     j.print();
   } else {
-    std::printf("wrote %s (%dx%d, %d pixels on the mesh)\n", o.output.c_str(), image.width,
-                image.height, stats.hitPixels);
+    std::printf("wrote %s (%dx%d, %d pixels on the mesh)\n", o.output.c_str(), options.width,
+                options.height, stats.hitPixels);
   }
   return 0;
 }

@@ -99,6 +99,10 @@ int runWeld(const ConvertOptions& o);
 int runNormals(const ConvertOptions& o);
 int runClosest(const ClosestOptions& o);
 int runRender(const RenderCommandOptions& o);
+/// Traces `mesh` under a "Tracing" progress bar and writes the picture to
+/// `path` as a PNG (see `writeOutput`); throws on Ctrl-C or a failed write.
+RenderStats renderToPng(const kxGeom::CompactMesh& mesh, const RenderOptions& options,
+                        const std::string& path);
 /// The per-vertex values `render --color` paints, and the range of its
 /// legend: mean curvature (2nd to 98th percentile) or the distance to the
 /// reference mesh (0 to the largest).

@@ -7,7 +7,6 @@
 #include "cli.h"
 #include "commands.h"
 #include "json.h"
-#include "png_writer.h"
 #include "render.h"
 
 namespace kxtool {
@@ -166,12 +165,7 @@ int runCompare(const CompareOptions& o) {
     render.vertexValues = &distances;
     render.valueRange[0] = 0;
     render.valueRange[1] = ab.maximum;
-    TerminalProgress progress;
-    progress.setCaption("Tracing");
-    RenderStats stats;
-    const Image image = renderMesh(a, render, progress, stats);
-    throwIfInterrupted();
-    writeOutput(o.image, [&](const std::string& file) { return writePng(image, file); });
+    renderToPng(a, render, o.image);
   }
   if (o.json) {
     Json j;
