@@ -5,9 +5,10 @@
 // KXGEOM_BENCH_PEERS the same work with Embree 3 (BVH build at its default
 // medium quality, rtcPointQuery with the library's per-triangle closest
 // point in the callback) and CGAL (AABB tree build, closest_point,
-// Side_of_triangle_mesh). Everything runs on one thread; each row answers
-// the whole query set per iteration, timed in processor time, and the run
-// ends with peer time / kxgeom time per pair.
+// Side_of_triangle_mesh). Everything runs on one thread but the batch rows
+// (1 and 2 threads, wall time); each row answers the whole query set per
+// iteration, timed in processor time, and the run ends with peer time /
+// kxgeom time per pair (for the batch rows also 1 thread / 2 threads).
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -159,6 +160,54 @@ void BM_PointInside(benchmark::State& state) {
       });
 }
 BENCHMARK(BM_PointInside)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+// The batch entry points on the shared pool, sized per row; wall time, so
+// the two-thread rows show what the second core gives.
+std::string batchName(const char* what, int threads) {
+  return std::string(what) + " " + std::to_string(threads) +
+         (threads == 1 ? " thread" : " threads");
+}
+
+void BM_ClosestPointsBatch(benchmark::State& state) {
+  const int threads = int(state.range(0));
+  kxUtil::ThreadPool::setNumThreads(threads);
+  const std::vector<Point>& points = queryPoints(true);
+  std::vector<double> distances(points.size());
+  std::vector<kxGeom::MeshCoord> coords(points.size());
+  kxbench::timeIterations(
+      state, batchName("kxgeom meshClosestPoints near surface", threads), [] { return 0; },
+      [&](int) {
+        kxGeom::meshClosestPoints(model(), index().octree, index().tris, points.data(),
+                                  int(points.size()), distances.data(), coords.data());
+      });
+  kxUtil::ThreadPool::setNumThreads(1);
+}
+BENCHMARK(BM_ClosestPointsBatch)
+    ->Arg(1)
+    ->Arg(2)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+
+void BM_PointsInsideBatch(benchmark::State& state) {
+  const int threads = int(state.range(0));
+  kxUtil::ThreadPool::setNumThreads(threads);
+  const std::vector<Point>& points = queryPoints(false);
+  std::vector<kxGeom::MeshPtInside::Result> results(points.size());
+  kxbench::timeIterations(
+      state, batchName("kxgeom meshPointsInside in box", threads), [] { return 0; },
+      [&](int) {
+        kxGeom::meshPointsInside(model(), index().octree, index().tris, 1e-6, points.data(),
+                                 int(points.size()), results.data());
+      });
+  kxUtil::ThreadPool::setNumThreads(1);
+}
+BENCHMARK(BM_PointsInsideBatch)
+    ->Arg(1)
+    ->Arg(2)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
 
 #ifdef KXGEOM_BENCH_PEERS
 
@@ -332,5 +381,13 @@ int main(int argc, char** argv) {
                      variant("kxgeom MeshClosestPoint", nearSurface)});
   }
   pairs.push_back({"CGAL Side_of_triangle_mesh in box", "kxgeom MeshPtInside in box"});
+  for (const char* batch :
+       {"kxgeom meshClosestPoints near surface", "kxgeom meshPointsInside in box"}) {
+    pairs.push_back({batchName(batch, 1), batchName(batch, 2)});
+  }
+  pairs.push_back({variant("Embree rtcPointQuery", true),
+                   batchName("kxgeom meshClosestPoints near surface", 2)});
+  pairs.push_back(
+      {"CGAL Side_of_triangle_mesh in box", batchName("kxgeom meshPointsInside in box", 2)});
   return kxbench::runAndPrintRatios(argc, argv, pairs);
 }
