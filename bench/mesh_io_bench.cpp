@@ -1,5 +1,6 @@
-// OBJ reading speed on a dense sphere of about 830k triangles, written once
-// to temporary files (positions only, and with "i/i/i" normals and UVs).
+// OBJ reading speed on the benchmark model (the armadillo refined twice,
+// 832k triangles; see support/off_mesh.h), written once to temporary files
+// (positions only, and with "i/i/i" vertex normals and projected UVs).
 // With KXGEOM_BENCH_PEERS the same files are read by tinyobjloader in the
 // same run and the ratio of the best CPU times is printed at the end; with
 // CGAL, writing the positions-only file is timed against CGAL's OBJ writer.
@@ -16,7 +17,9 @@
 
 #include <kxgeom/mesh_io.h>
 
-#include "support/bench_meshes.h"
+#include <kxgeom/normals.h>
+
+#include "support/off_mesh.h"
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <tiny_obj_loader.h>
@@ -38,16 +41,15 @@ struct BenchFiles {
   BenchFiles() {
     dir = fs::temp_directory_path() / ("kxgeom_mesh_io_bench_" + std::to_string(::getpid()));
     fs::create_directories(dir);
-    kxGeom::CompactMesh mesh = kxbench::makeDenseSphere(830000);
+    kxGeom::CompactMesh mesh = kxbench::benchModel().mesh;
     triangles = mesh.getNumTriangles();
     plain = (dir / "plain.obj").string();
     kxGeom::meshWriteObj(mesh, plain);
-    kxGeom::MeshNormal* n = mesh.allocNormalArray();
+    kxGeom::meshComputeNormals(mesh);
     kxGeom::MeshUV* uv = mesh.allocUVArray();
     for (int i = 0; i < mesh.getNumVertices(); ++i) {
-      const kxLinear::Vector d = kxLinear::normalized(mesh.getVertices()[i].asPoint());
-      n[i] = {float(d.x), float(d.y), float(d.z)};
-      uv[i] = {float(0.5 + 0.5 * d.x), float(0.5 + 0.5 * d.y)};
+      const kxLinear::Point& p = mesh.getVertices()[i].asPoint();
+      uv[i] = {float(p.x), float(p.y)};
     }
     attributed = (dir / "attributed.obj").string();
     kxGeom::meshWriteObj(mesh, attributed);
