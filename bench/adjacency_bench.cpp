@@ -18,6 +18,7 @@
 
 #include "support/bench_meshes.h"
 #include "support/off_mesh.h"
+#include "support/peak_memory.h"
 
 #ifdef KXGEOM_BENCH_PEERS
 #include <OpenMesh/Core/Mesh/TriMesh_ArrayKernelT.hh>
@@ -34,12 +35,7 @@ using namespace kxGeom;
 
 // The armadillo refined twice (the noisy sphere when the data is missing);
 // with KXGEOM_BENCH_S3 set, refined once more.
-const CompactMesh& sphere() {
-  static const CompactMesh mesh = std::getenv("KXGEOM_BENCH_S3")
-                                      ? kxbench::subdivideMidpoints(kxbench::benchModel().mesh)
-                                      : kxbench::benchModel().mesh;
-  return mesh;
-}
+const CompactMesh& sphere() { return kxbench::benchModelOrFiner(); }
 
 const MeshAdjTris& sphereAdjTris() {
   static const MeshAdjTris adj = [] {
@@ -228,6 +224,20 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   sphere();
+  kxbench::printPeakMemory(
+      "the three tables", sphere(), [] { return 0; },
+      [](int) {
+        struct Tables {
+          MeshAdjTris adj;
+          MeshAdjVertices adjV;
+          MeshTriAdjTris triAdj;
+        };
+        auto tables = std::make_unique<Tables>();
+        meshAdjTris(sphere(), tables->adj);
+        meshAdjVertices(sphere(), tables->adj, tables->adjV);
+        meshTriAdjTris(sphere(), tables->triAdj);
+        return tables;
+      });
   SummaryReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   printSummary(reporter.seconds);

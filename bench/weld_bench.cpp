@@ -1,15 +1,19 @@
-// Welding a triangle soup (three vertices per triangle, ~2.5M vertices) of the
-// dense sphere: meshCompact on the shared pool and on one thread, a plain
-// one-thread std::sort + scan, and (with peers) CGAL's soup point merging and
+// Welding a triangle soup (three vertices per triangle) of the benchmark
+// model (the armadillo refined twice, 2.5M soup vertices; three times, 10M,
+// with KXGEOM_BENCH_S3 set; see support/off_mesh.h): meshCompact on the shared pool and on one
+// thread, a plain one-thread std::sort + scan, and (with peers) CGAL's soup point merging and
 // meshoptimizer's hash-based vertex remap.
 #include <kxgeom/weld.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
+#include <cstdlib>
 #include <numeric>
 #include <vector>
 
-#include "support/bench_meshes.h"
+#include "support/off_mesh.h"
+#include "support/peak_memory.h"
 #include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -27,7 +31,7 @@ using kxGeom::MeshVertex;
 
 const CompactMesh& soup() {
   static const CompactMesh mesh = [] {
-    const CompactMesh sphere = kxbench::makeDenseSphere(830000);
+    const CompactMesh& sphere = kxbench::benchModelOrFiner();
     const int m = sphere.getNumTriangles();
     std::vector<MeshVertex> v(3 * std::size_t(m));
     std::vector<int> t(3 * std::size_t(m));
@@ -155,6 +159,16 @@ BENCHMARK(BM_MeshoptRemap)->UseManualTime()->Iterations(6)->Unit(benchmark::kMil
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::printf("model: %s%s, soup of %d vertices\n", kxbench::benchModel().name.c_str(),
+              std::getenv("KXGEOM_BENCH_S3") ? " and once more" : "", soup().getNumVertices());
+  kxbench::printPeakMemory(
+      "the weld with its remap", soup(), [] { return soup(); },
+      [](CompactMesh& mesh) {
+        kxUtil::Progress progress;
+        kxGeom::Remap remap;
+        kxGeom::meshCompact(mesh, progress, remap);
+        return remap;
+      });
   return kxbench::runAndPrintRatios(argc, argv,
                                     {{"CGAL merge_duplicate_points", "meshCompact"},
                                      {"std::sort + scan", "meshCompact"},

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <unordered_map>
@@ -116,6 +117,14 @@ inline BenchModel loadBenchModel() {
 inline const BenchModel& benchModel() {
   static const BenchModel model = loadBenchModel();
   return model;
+}
+
+/// The benchmark model, refined once more (the armadillo three times) when
+/// the environment variable KXGEOM_BENCH_S3 is set.
+inline const kxGeom::CompactMesh& benchModelOrFiner() {
+  static const kxGeom::CompactMesh mesh =
+      std::getenv("KXGEOM_BENCH_S3") ? subdivideMidpoints(benchModel().mesh) : benchModel().mesh;
+  return mesh;
 }
 
 }  // namespace kxbench
