@@ -625,6 +625,10 @@ TEST_F(MeshFileTest, ContentDecidesWhereTheExtensionLiesOrIsMissing) {
   EXPECT_FALSE(meshReadFile(back, path("off_as.obj"), r));
   r.format = MeshFileFormat::Off;
   EXPECT_TRUE(meshReadFile(back, path("off_as.obj"), r));
+  // The bare word "solid" is an ascii STL (without its endsolid).
+  kxtest::LogCapture bare;
+  EXPECT_FALSE(meshReadFile(back, write("bare.dat", "solid")));
+  EXPECT_NE(bare.all().find("no endsolid"), std::string::npos) << bare.all();
 }
 
 // Cancels once a fifth of the file is read.

@@ -248,6 +248,9 @@ TEST(Primitives, FlatShapesFaceTheirNormalsWithExpectedArea) {
   expectWindingMatchesNormals(m);
   EXPECT_EQ(m.getNormals()[0].y, -1.0f);  // (0,0,-1) x (1,0,0) = (0,-1,0)
   EXPECT_EQ(m.getUVs()[3].u, 2.0f);
+  kxGeom::BoundingBox cornerBox;
+  kxGeom::meshBoundingBox(m, cornerBox);
+  for (int k = 0; k < 6; ++k) EXPECT_EQ(cornerBox[k], k % 3 == 1 ? 0.0f : k / 3);
 }
 
 TEST(Primitives, TopologicalShapesAreClosedOrLinkedAsExpected) {

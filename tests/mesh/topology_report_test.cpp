@@ -55,6 +55,7 @@ TEST(TopologyReport, FlippedTrianglesChangeOrientationOnly) {
   for (int i = 0; i < sphere.getNumTriangles(); i += 3) std::swap(t[i][0], t[i][1]);
   const MeshTopologyReport after = kxGeom::meshTopologyReport(sphere);
   EXPECT_FALSE(after.oriented);
+  EXPECT_EQ(after.seamEdges, 0);
   EXPECT_EQ(after.genus, -1);
   EXPECT_EQ(after.boundaryEdges, 0);
   EXPECT_EQ(after.boundaryLoops, 0);

@@ -297,3 +297,19 @@ TEST(BoundingBoxModel, CubeCornersAndRotatedBox) {
 }
 
 }  // namespace
+
+TEST(LinearModel, LinePlaneIntersectionJudgesParallelLinesByAngleAtAnyLength) {
+  const kxLinear::Plane ground(kxLinear::Point(0, 0, 0), kxLinear::Vector(0, 0, 2));
+  const kxLinear::Point origin(1, 2, 3);
+  for (double scale : {1e-3, 1.0, 1e3}) {
+    kxLinear::Point hit(7, 7, 7);
+    ASSERT_TRUE(kxLinear::intersect(kxLinear::Line(origin, kxLinear::Vector(1, 0, -1) * scale),
+                                    ground, hit, 1e-6));
+    EXPECT_NEAR((hit - kxLinear::Point(4, 2, 0)).length(), 0, 1e-12) << scale;
+    const double x = hit.x;
+    // (d.n)^2 = 1e-8 |d|^2: parallel within the tolerance, hit untouched.
+    EXPECT_FALSE(kxLinear::intersect(kxLinear::Line(origin, kxLinear::Vector(1, 0, -1e-4) * scale),
+                                     ground, hit, 1e-6));
+    EXPECT_EQ(hit.x, x);
+  }
+}
