@@ -99,6 +99,15 @@ TEST(EdgeSwap, VetoesBoundariesAndExistingDiagonalsStopSwaps) {
   const bool restored = (mesh.origin(second.edge) == a && mesh.target(second.edge) == b) ||
                         (mesh.origin(second.edge) == b && mesh.target(second.edge) == a);
   EXPECT_TRUE(restored);
+  // On a tetrahedron every swap would double an edge that exists.
+  const MeshVertex corners[4] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  const int faces[12] = {0, 2, 1, 0, 1, 3, 0, 3, 2, 1, 2, 3};
+  CompactMesh tetra(4, corners, nullptr, nullptr, nullptr);
+  tetra.copyTriangles(4, faces);
+  TopoMesh closed;
+  closed.assign(tetra);
+  MeshEdgeSwapper tetraSwapper(closed);
+  for (TopoMeshHalfEdge h : interiorEdges(closed)) EXPECT_FALSE(tetraSwapper.swap(h));
 }
 
 CompactMesh kite(float lift) {

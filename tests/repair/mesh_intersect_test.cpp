@@ -117,6 +117,7 @@ TEST(SelfIntersect, SharedCornersCountOnlyWhenTheTrianglesMeetBeyondThem) {
   EXPECT_TRUE(meet({0, 1, 2}, {0, 3, 6}));   // a vertex, overlapping corners
   EXPECT_FALSE(meet({0, 1, 5}, {0, 6, 2}));  // a vertex, other planes meeting only there
   EXPECT_TRUE(meet({0, 1, 2}, {0, 5, 7}));   // a vertex, piercing beyond it
+  EXPECT_TRUE(meet({0, 5, 7}, {0, 1, 2}));   // the same, in the other order
   EXPECT_TRUE(meet({0, 1, 2}, {2, 0, 1}));   // the same triangle
   // A triangle with a NaN corner is skipped, even where its other corners
   // would cross a neighbour.

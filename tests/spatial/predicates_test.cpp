@@ -167,6 +167,8 @@ TEST_F(RayTriangleCases, ForwardOverloadNeedsTBeyondTolerance) {
   // The origin on the triangle itself: t = 0 is not in front.
   EXPECT_FALSE(forward({0, 0, -1}, {0.2f, 0.2f, 0}));
   EXPECT_TRUE(forward({0, 0, -1}, {0.2f, 0.2f, 1e-3f}));
+  EXPECT_FALSE(forward({0, 0, -1}, {0.2f, 0.2f, 5e-9f}));  // within the library's tolerance
+  EXPECT_TRUE(forward({0, 0, -1}, {0.2f, 0.2f, 2e-8f}));
 }
 
 // --- Planar point in triangle ----------------------------------------------
