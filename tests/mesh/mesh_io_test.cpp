@@ -242,28 +242,6 @@ TEST_F(MeshIoTest, ObjWriterTextsAreByteExactForEveryAttributeCombination) {
   EXPECT_EQ(read(path("w.obj")), cases[0].text);
 }
 
-TEST_F(MeshIoTest, ObjWriterWithMaterialsWritesSubsetsAndLibrary) {
-  CompactMesh m = kxtest::makeGrid(1, 1);  // triangles (0 1 3) and (0 3 2)
-  kx::list<kx::Reference<kxGeom::MeshSubset>> subsets;
-  const int second[1] = {1}, first[1] = {0};
-  subsets.push_back(new kxGeom::MeshSubset(0, nullptr, 1, second));
-  subsets.push_back(new kxGeom::MeshSubset(0, nullptr, 1, first));
-  kx::list<kxUtil::Color> colours = {kxUtil::Color(0.5f, 0.25f, 1.0f), kxUtil::Color(0, 0, 0)};
-  ASSERT_TRUE(kxGeom::meshWriteObj(m, subsets, colours, path("model.obj")));
-  EXPECT_EQ(read(path("model.obj")),
-            "mtllib model.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 1 0\n"
-            "usemtl mat0\nf 1  4  3 \nusemtl mat1\nf 1  2  4 \n");
-  const std::string block = "Ns 100.0\nd 1.0\nillum 2\n";
-  const std::string tail = "Ka 1.0 1.0 1.0\nKs 1.0 1.0 1.0\nKe 0.0 0.0 0.0\n\n";
-  EXPECT_EQ(read(path("model.mtl")), "newmtl mat0\n" + block + "Kd 0.5 0.25 1\n" + tail +
-                                         "newmtl mat1\n" + block + "Kd 0 0 0\n" + tail);
-
-  const int outside[1] = {2};
-  subsets.push_back(new kxGeom::MeshSubset(0, nullptr, 1, outside));
-  EXPECT_FALSE(kxGeom::meshWriteObj(m, subsets, colours, path("bad.obj")));
-  EXPECT_FALSE(fs::exists(path("bad.obj")));
-}
-
 // ---- OBJ reading ----------------------------------------------------------------
 
 TEST_F(MeshIoTest, ObjRoundTripWithNormalsAndUVs) {

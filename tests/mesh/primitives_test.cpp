@@ -171,24 +171,6 @@ TEST(Primitives, CuboidLayoutNormalsAndVolume) {
   EXPECT_NEAR(signedVolume(cube), 1.0, 1e-6);
 }
 
-TEST(Primitives, BuildersReplaceStaleArraysAndUniformNormalsKeepThem) {
-  CompactMesh m = kxtest::makeGrid(4, 4);
-  m.allocUVArray();
-  m.allocColourArray();
-  m.allocTriangleNormalArray();
-  kxGeom::constructSphere({0, 0, 0}, 1, 2, m);
-  EXPECT_EQ(m.getUVs(), nullptr);
-  EXPECT_EQ(m.getColours(), nullptr);
-  EXPECT_EQ(m.getTriangleNormals(), nullptr);
-
-  kxGeom::addUniformNormals(m, {0, 0, 2});
-  ASSERT_EQ(m.getNumVertices(), 8 * 3 + 2);
-  for (int i = 0; i < m.getNumVertices(); ++i) {
-    EXPECT_EQ(m.getNormals()[i].z, 2.0f);  // not normalised
-    EXPECT_EQ(m.getNormals()[i].x, 0.0f);
-  }
-}
-
 TEST(Primitives, FlatShapesFaceTheirNormalsWithExpectedArea) {
   CompactMesh m;
   kxGeom::constructDisk({1, 1, 4}, 2.0f, 64, 3, m);

@@ -40,79 +40,11 @@ CompactMesh makeSoup(const CompactMesh& mesh) {
 using Key = std::tuple<float, float, float>;
 Key keyOf(const MeshVertex& v) { return Key(v.x, v.y, v.z); }
 
-// The expected new index of each vertex under exact welding: the rank of
-// its position among the distinct positions in lexicographic order.
-std::vector<int> expectedRanks(const CompactMesh& mesh) {
-  std::map<Key, int> rank;
-  for (int i = 0; i < mesh.getNumVertices(); ++i) rank.emplace(keyOf(mesh.getVertices()[i]), 0);
-  int next = 0;
-  for (auto& entry : rank) entry.second = next++;
-  std::vector<int> out;
-  for (int i = 0; i < mesh.getNumVertices(); ++i) out.push_back(rank[keyOf(mesh.getVertices()[i])]);
-  return out;
-}
-
-// The corner positions of every triangle, to check that welding keeps them.
-std::vector<Key> cornerPositions(const CompactMesh& mesh) {
-  std::vector<Key> out;
-  for (int i = 0; i < mesh.getNumTriangles(); ++i) {
-    for (int c = 0; c < 3; ++c) out.push_back(keyOf(mesh.getVertices()[mesh.getTriangles()[i][c]]));
-  }
-  return out;
-}
-
 Remap weld(CompactMesh& mesh) {
   kxUtil::Progress progress;
   Remap remap;
   kxGeom::meshCompact(mesh, progress, remap);
   return remap;
-}
-
-TEST(Weld, DistinctVerticesLeaveTheMeshUntouched) {
-  CompactMesh mesh = kxtest::makeGrid(3, 3);
-  const CompactMesh before = mesh;
-  kxtest::LogCapture log;
-  const Remap remap = weld(mesh);
-  EXPECT_TRUE(remap.isSequential());
-  EXPECT_EQ(16, remap.getDomainSize());
-  EXPECT_EQ(16, remap.getRangeSize());
-  EXPECT_EQ(0, mesh.getModificationCount());
-  ASSERT_EQ(16, mesh.getNumVertices());
-  EXPECT_EQ(cornerPositions(before), cornerPositions(mesh));
-  for (int i = 0; i < 3 * mesh.getNumTriangles(); ++i) {
-    EXPECT_EQ(before.getTrianglesRaw()[i], mesh.getTrianglesRaw()[i]);
-  }
-  ASSERT_EQ(3u, log.lines().size());
-  EXPECT_EQ("meshCompact: 16 vertices, 18 triangles\n", log.lines()[0]);
-  EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[1], "sorted vertices: ", " s\n"));
-  EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[2], "initialized remap: ", " s\n"));
-}
-
-TEST(Weld, SoupOfASphereWeldsToItsDistinctPositions) {
-  const CompactMesh sphere = kxtest::makeLatLongSphere(12, 20);
-  CompactMesh soup = makeSoup(sphere);
-  const std::vector<int> ranks = expectedRanks(soup);
-  const std::vector<Key> corners = cornerPositions(soup);
-  kxtest::LogCapture log;
-  kxUtil::Progress progress;
-  Remap remap;
-  kxGeom::meshCompact(soup, progress, remap);
-  EXPECT_DOUBLE_EQ(1.0, progress.get());
-  ASSERT_EQ(sphere.getNumVertices(), soup.getNumVertices());
-  ASSERT_EQ(int(ranks.size()), remap.getDomainSize());
-  EXPECT_EQ(sphere.getNumVertices(), remap.getRangeSize());
-  for (int i = 0; i < remap.getDomainSize(); ++i) ASSERT_EQ(ranks[i], remap(i)) << i;
-  EXPECT_EQ(corners, cornerPositions(soup));
-  EXPECT_EQ(1, soup.getModificationCount());
-  EXPECT_EQ(1, soup.getLastModificationType());
-  // No normals line without normals.
-  ASSERT_EQ(5u, log.lines().size());
-  EXPECT_EQ("meshCompact: 1320 vertices, 440 triangles\n", log.lines()[0]);
-  const char* phases[] = {
-      "sorted vertices: ", "initialized remap: ", "remapped vertices: ", "remapped triangles: "};
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[i + 1], phases[i], " s\n")) << i;
-  }
 }
 
 TEST(Weld, GivenNormalsKeepVerticesApartDerivedOnesDoNot) {
@@ -147,25 +79,6 @@ TEST(Weld, GivenNormalsKeepVerticesApartDerivedOnesDoNot) {
   weld(equalNormals);
   EXPECT_EQ(3, equalNormals.getNumVertices());
   EXPECT_NE(std::string::npos, log.all().find("remapped normals: "));
-}
-
-TEST(Weld, ComputedNormalsStayConsistentAfterWelding) {
-  CompactMesh soup = makeSoup(kxtest::makeLatLongSphere(8, 12));
-  kxGeom::meshComputeNormals(soup);
-  const std::vector<kxGeom::MeshNormal> before(soup.getNormals(),
-                                               soup.getNormals() + soup.getNumVertices());
-  const Remap remap = weld(soup);
-  ASSERT_NE(nullptr, soup.getNormals());
-  ASSERT_TRUE(soup.getNormalsComputed());
-  std::vector<int> highest(soup.getNumVertices(), -1);
-  for (int i = 0; i < remap.getDomainSize(); ++i) highest[remap(i)] = i;
-  for (int j = 0; j < soup.getNumVertices(); ++j) {
-    const kxGeom::MeshNormal& got = soup.getNormals()[j];
-    const kxGeom::MeshNormal& want = before[highest[j]];
-    ASSERT_EQ(want.x, got.x);
-    ASSERT_EQ(want.y, got.y);
-    ASSERT_EQ(want.z, got.z);
-  }
 }
 
 TEST(Weld, UVsWithoutGivenNormalsMergeKeepingTheHighestIndex) {

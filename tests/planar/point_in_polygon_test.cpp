@@ -140,48 +140,4 @@ TEST(ToleranceClassification, BandMatchesTheDistanceToTheBoundary) {
   EXPECT_EQ(classify({0.5, 0.5}, {}, 0.1), kxGeom::PointOutside);
 }
 
-TEST(PointOnEdge, MatchesSegmentDistanceAndPadsTheEnds) {
-  std::mt19937 rng(29);
-  std::uniform_real_distribution<double> u(-2, 2);
-  const double tol = 0.1;
-  for (int i = 0; i < 5000; ++i) {
-    const Point2 a(u(rng), u(rng)), b(u(rng), u(rng)), p(u(rng) * 0.5, u(rng) * 0.5);
-    const double dist = segmentDistance(p, a, b);
-    if (dist < tol * 0.999 || dist > tol * 1.415) {
-      ASSERT_EQ(kxGeom::isPointOnEdge(a, b, p, tol), dist < tol) << dist;
-    }
-  }
-  EXPECT_TRUE(kxGeom::isPointOnEdge({0, 0}, {1, 0}, {1.09, 0.09}, tol));  // padded end
-  EXPECT_FALSE(kxGeom::isPointOnEdge({0, 0}, {1, 0}, {1.11, 0}, tol));
-  EXPECT_FALSE(kxGeom::isPointOnEdge({0, 0}, {1, 0}, {0.5, 0.1}, tol));   // strict in distance
-  EXPECT_TRUE(kxGeom::isPointOnEdge({1, 1}, {1, 1}, {1.05, 1.08}, tol));  // zero length
-  EXPECT_FALSE(kxGeom::isPointOnEdge({1, 1}, {1, 1}, {1.08, 1.08}, tol));
-}
-
-TEST(Polyline, OpenPolylinesAreClosedByTheirFirstVertexAndBoxedWithTolerance) {
-  std::mt19937 rng(31);
-  std::uniform_real_distribution<double> u(-1.2, 1.2);
-  const Polygon star = randomStar(rng, 40);
-  const kxGeom::Polyline2d open(kx::vector<Point2>(star.begin(), star.end() - 1), false);
-  const kxGeom::Polyline2d closed(kx::vector<Point2>(star.begin(), star.end()), true);
-  EXPECT_EQ(open.getNumVertices(), 40);
-  for (const Point2& p : star) EXPECT_TRUE(open.getBoundingBox().contains(p));
-  pointPolygonRelation a, b;
-  for (int i = 0; i < 3000; ++i) {
-    const Point2 p(u(rng), u(rng));
-    kxGeom::intersectPointWithPolygon(p, open, a, 0.01);
-    kxGeom::intersectPointWithPolygon(p, closed, b, 0.01);
-    ASSERT_EQ(a, b);
-    ASSERT_EQ(a, classify(p, star, 0.01));
-  }
-  const kxGeom::Polyline2d sq(kx::vector<Point2>(kUnitSquare.begin(), kUnitSquare.end() - 1));
-  kxGeom::intersectPointWithPolygon({-0.005, 0.5}, sq, a, 0.01);  // outside the box, in the band
-  EXPECT_EQ(a, kxGeom::PointOnBoundary);
-  kxGeom::intersectPointWithPolygon({-0.02, 0.5}, sq, a, 0.01);
-  EXPECT_EQ(a, kxGeom::PointOutside);
-  a = kxGeom::PointInside;
-  kxGeom::intersectPointWithPolygon({0, 0}, kxGeom::Polyline2d(), a, 1.0);
-  EXPECT_EQ(a, kxGeom::PointOutside);
-}
-
 }  // namespace

@@ -1,7 +1,5 @@
-// The platform mesh model: bit layout of BitVector, ArrayOfSets builders,
-// Remap, CompactMesh copies and swaps, the renumbering notice, and boxes.
-// Each is checked against a plain reference (std::vector<bool>, nested
-// vectors, a second formula for box measures).
+// The platform mesh model: BitVector resizing, the renumbering notice,
+// invalid ranges, boxes against a second formula, and line-plane meets.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,41 +12,8 @@
 namespace {
 
 using namespace kxGeom;
-using Sets = std::vector<std::vector<int>>;
-
-Sets setsOf(const ArrayOfSets& a) {
-  Sets s(static_cast<std::size_t>(a.getNumSets()));
-  for (int i = 0; i < a.getNumSets(); ++i) s[i].assign(a.getSet(i), a.getSet(i) + a.getSetSize(i));
-  return s;
-}
 
 // --- BitVector ---------------------------------------------------------------
-
-TEST(BitVectorModel, WordLayoutAndOperationsMatchABoolArray) {
-  std::mt19937 rng(1);
-  for (int n : {0, 1, 31, 32, 33, 100, 1000}) {
-    BitVector bits(n), other(n);
-    std::vector<bool> ref(std::size_t(n), false), refOther(std::size_t(n), false);
-    for (int k = 0; k < n; ++k) {
-      const int i = int(rng() % unsigned(n));
-      (k % 3 ? bits : other).setBit(i);
-      (k % 3 ? ref : refOther)[i] = true;
-      if (k % 5 == 0) bits.clearBit(i), ref[i] = false;
-    }
-    bits |= other;
-    int numSet = 0;
-    for (int i = 0; i < n; ++i) {
-      const bool want = ref[i] || refOther[i];
-      numSet += want;
-      EXPECT_EQ(bits.isBitSet(i) != 0, want);
-      EXPECT_EQ((bits.words()[i / 32] >> (i % 32)) & 1u, want ? 1u : 0u);
-    }
-    EXPECT_EQ(bits.countSetBits(), numSet);
-    bits.setAllBits();
-    EXPECT_EQ(bits.countSetBits(), n);  // no bits beyond size() in the last word
-    EXPECT_EQ(bits.numWords(), (n + 31) / 32);
-  }
-}
 
 TEST(BitVectorModel, ResizeKeepsBitsAndClearsTheTail) {
   BitVector bits(70);
@@ -67,57 +32,7 @@ TEST(BitVectorModel, ResizeKeepsBitsAndClearsTheTail) {
 
 // --- ArrayOfSets ----------------------------------------------------------------
 
-TEST(ArrayOfSetsModel, PairsKeepOrderAndInverseTransposes) {
-  std::mt19937 rng(2);
-  for (int numSets : {1, 7, 50}) {
-    const int numPairs = 5 * numSets;
-    std::vector<int> pairs;
-    Sets want(static_cast<std::size_t>(numSets));
-    for (int p = 0; p < numPairs; ++p) {
-      const int s = int(rng() % unsigned(numSets)), m = int(rng() % 20);
-      pairs.insert(pairs.end(), {s, m});
-      want[s].push_back(m);
-    }
-    ArrayOfSets sets;
-    sets.assignFromPairs(numSets, numPairs, pairs.data());
-    EXPECT_EQ(setsOf(sets), want);
-    EXPECT_EQ(sets.getNumMembers(), numPairs);
-    Sets transposed(20);  // member m lists every set holding it, per holding
-    for (int s = 0; s < numSets; ++s) {
-      for (int m : want[s]) transposed[m].push_back(s);
-    }
-    ArrayOfSets inverse;
-    inverse.assignInverse(20, sets);
-    EXPECT_EQ(setsOf(inverse), transposed);
-    ArrayOfSets copy(inverse), swapped;
-    swapped.swap(copy);
-    EXPECT_EQ(setsOf(swapped), transposed);
-    EXPECT_EQ(copy.getNumSets(), 0);
-  }
-}
-
 // --- Remap ---------------------------------------------------------------------
-
-TEST(RemapModel, DeleteMapNumbersSurvivorsInOrder) {
-  BitVector deleted(10);
-  for (int i : {0, 3, 4, 9}) deleted.setBit(i);
-  Remap map;
-  map.setDeleteMap(deleted);
-  const std::vector<int> want{-1, 0, 1, -1, -1, 2, 3, 4, 5, -1};
-  ASSERT_EQ(map.getDomainSize(), 10);
-  EXPECT_EQ(map.getRangeSize(), 6);
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(map(i), want[i]);
-  std::vector<int> indices{8, 1, 5};
-  map(indices.data(), 3);
-  EXPECT_EQ(indices, (std::vector<int>{5, 0, 2}));
-  EXPECT_FALSE(map.isSequential());
-  map.setSequential();
-  EXPECT_TRUE(map.isSequential());
-  EXPECT_EQ(map.getRangeSize(), 10);
-  EXPECT_EQ(map(7), 7);
-  Remap fresh(4, 2);
-  EXPECT_EQ(fresh(3), -1);
-}
 
 // --- CompactMesh ------------------------------------------------------------------
 
@@ -139,32 +54,6 @@ CompactMesh makeDecoratedMesh(int n) {
   float* w = mesh.allocAttributes("weight", 1)->asFloat();
   for (int i = 0; i < n; ++i) w[i] = 10.0f * float(i);
   return mesh;
-}
-
-TEST(CompactMeshModel, CopyIsDeepAndSwapExchangesEverything) {
-  CompactMesh a = makeDecoratedMesh(6), b = makeDecoratedMesh(3);
-  a.getSelectedVertices().setBit(4);
-  CompactMesh copy(a);
-  copy.getVertices()[0].x = 99;
-  copy.getNormals()[0].x = 99;
-  copy.getTriangles()[0][0] = 5;
-  copy.getSelectedVertices().clearBit(4);
-  EXPECT_EQ(a.getVertices()[0].x, 0.0f);
-  EXPECT_EQ(a.getNormals()[0].x, 0.0f);
-  EXPECT_EQ(a.getTriangles()[0][0], 0);
-  EXPECT_TRUE(a.getSelectedVertices().isBitSet(4));
-  EXPECT_EQ(copy.getAttributes("weight")->asFloat()[5], 50.0f);
-
-  a.swap(b);
-  EXPECT_EQ(a.getNumVertices(), 3);
-  EXPECT_EQ(b.getNumVertices(), 6);
-  EXPECT_EQ(b.getNumTriangles(), 4);
-  EXPECT_EQ(b.getTriangleNormals()[3].x, 3.0f);
-  EXPECT_EQ(b.getUVs()[5].v, -5.0f);
-  EXPECT_EQ(b.getAttributes("weight")->asFloat()[5], 50.0f);
-  EXPECT_TRUE(b.getSelectedVertices().isBitSet(4));
-  EXPECT_EQ(a.getSelectedVertices().size(), 3);
-  EXPECT_EQ(a.getAttributes("weight")->getNumElements(), 3);
 }
 
 // A weld-like renumbering: vertices 0,1 -> 0; 2,4 -> 1; 3 -> 2. The caller
@@ -198,26 +87,6 @@ TEST(CompactMeshModel, RenumberingNoticeRemapsDerivedDataAndSelection) {
     EXPECT_EQ(mesh.getSelectedVertices().size(), 3);
     EXPECT_EQ(mesh.getSelectedVertices().words()[0], (1u << 0) | (1u << 2));
   }
-}
-
-TEST(CompactMeshModel, TriangleRenumberingRemapsTriangleNormalsAndSelection) {
-  CompactMesh mesh = makeDecoratedMesh(6);  // triangles 0..3
-  for (int t : {0, 3}) mesh.getSelectedTriangles().setBit(t);
-  BitVector deleted(4);
-  deleted.setBit(1);
-  Remap map;
-  map.setDeleteMap(deleted);
-  const MeshTriangle kept[] = {mesh.getTriangles()[0], mesh.getTriangles()[2],
-                               mesh.getTriangles()[3]};
-  mesh.copyTriangles(3, &kept[0][0]);
-  MeshRemap remap(nullptr, &map);
-  MeshModification mod(&mesh, MeshModification::TopologyChanged, &remap);
-  mesh.modified(mod);
-  ASSERT_NE(mesh.getTriangleNormals(), nullptr);
-  const float want[] = {0, 2, 3};
-  for (int t = 0; t < 3; ++t) EXPECT_EQ(mesh.getTriangleNormals()[t].x, want[t]);
-  EXPECT_EQ(mesh.getSelectedTriangles().size(), 3);
-  EXPECT_EQ(mesh.getSelectedTriangles().words()[0], (1u << 0) | (1u << 2));
 }
 
 // --- BoundingBox ------------------------------------------------------------------

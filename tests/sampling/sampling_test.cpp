@@ -64,58 +64,6 @@ TEST(HammersleyPermutation2, TablesAreBitReversalsUpToFifteenBits) {
   EXPECT_EQ(p.size(), 0);
 }
 
-TEST(HammersleyPermutation2, GridMapsAndDeepCopies) {
-  kxGeom::HammersleyPermutation2 p;
-  p.calculate(4);
-  std::set<int> cells;
-  for (int x = 0; x < 16; ++x) {
-    for (int y = 0; y < 16; ++y) {
-      const int c = p.map2d(x, y);
-      EXPECT_EQ(c, x * 16 + bitReverse(y, 4));
-      cells.insert(c);
-    }
-  }
-  EXPECT_EQ(cells.size(), 256u);
-  for (int i : {0, 5, 37, 255, 1000}) {
-    EXPECT_EQ(p.mapPeriodic(i, 7), ((i % 7) & 15) * 16 + bitReverse((i / 7) & 15, 4));
-  }
-  kxGeom::HammersleyPermutation2 copy(p), assigned;
-  assigned = p;
-  p.calculate(2);
-  EXPECT_EQ(copy(1), 8);
-  EXPECT_EQ(assigned(3), 12);
-  EXPECT_NE(copy.table(), assigned.table());
-}
-
-TEST(ScrambledHammersleySequence, ExampleAndStratificationOfFullPeriods) {
-  kxGeom::ScrambledHammersleySequence s;
-  s.calculate(5, 6);
-  const double example[] = {0, 0.6, 0.4, 0.2, 0.8, 0.12};
-  for (int i = 0; i < 6; ++i) EXPECT_NEAR(s(i), example[i], 1e-7) << i;
-  EXPECT_EQ(s(7), s(1));
-  // A bijective digit scramble keeps the radical inverse's defining property:
-  // for count = b^3 each cell [j/b^3, (j+1)/b^3) holds exactly one value, and
-  // the leading digit is the scramble of i's last digit.
-  const int scramble[8][7] = {
-      {}, {}, {}, {0, 1, 2}, {}, {0, 3, 2, 1, 4}, {}, {0, 2, 5, 3, 1, 4, 6}};
-  for (int base : {3, 5, 7}) {
-    const int count = base * base * base;
-    s.calculate(base, count);
-    std::vector<int> hits(count, 0);
-    for (int i = 0; i < count; ++i) {
-      ASSERT_GE(s(i), 0.0f);
-      ASSERT_LT(s(i), 1.0f);
-      ++hits[int(s(i) * count + 1e-3)];
-      ASSERT_EQ(int(s(i) * base + 1e-4), scramble[base][i % base]);
-    }
-    EXPECT_EQ(std::count(hits.begin(), hits.end(), 1), count) << base;
-  }
-  kxGeom::ScrambledHammersleySequence copy(s);
-  s.calculate(4, 10);  // no scrambling table: no values
-  EXPECT_EQ(s.count(), 0);
-  EXPECT_EQ(copy.count(), 343);
-}
-
 TEST(SphereMappings, PolesUnitLengthUniformCapsAndInverse) {
   VectorFlt d;
   kxGeom::mapSphericalToUniformCartesian(0, 1, d);
@@ -176,37 +124,6 @@ TEST(Rand48, MatchesTheGeneratorComputedByHand) {
     }
   }
   EXPECT_EQ(kxUtil::Rand48().state(), 0x1234ABCD330Eull);
-}
-
-TEST(RandomDirections, SeededZYXDrawsUniformSphereAndHemispheres) {
-  kxUtil::srand48(7);
-  HandRand48 hand(7);
-  const int n = 40000;
-  Vector mean;
-  double z2 = 0;
-  for (int i = 0; i < n; ++i) {
-    Vector v;
-    kxGeom::randomUnitVector(v);
-    ASSERT_EQ(v, hand.unitVector());
-    mean += v;
-    z2 += v.z * v.z;
-  }
-  EXPECT_LT(mean.length() / n, 0.015);
-  EXPECT_NEAR(z2 / n, 1.0 / 3.0, 0.01);
-
-  const Vector normal(0, 3, 4);  // not unit length
-  kx::vector<Vector> dirs(5000, Vector(9, 9, 9));
-  kxGeom::computeHemisphereVectors(normal, dirs);
-  double meanCos = 0;
-  for (const Vector& d : dirs) {
-    Vector e = hand.unitVector();
-    ASSERT_EQ(d, kxLinear::dot(e, normal) < 0 ? -e : e);
-    meanCos += kxLinear::dot(d, normal) / 5.0;
-  }
-  EXPECT_NEAR(meanCos / dirs.size(), 0.5, 0.02);  // mean cosine over a hemisphere
-  kx::vector<Vector> none;
-  kxGeom::computeHemisphereVectors(normal, none);
-  EXPECT_TRUE(none.empty());
 }
 
 }  // namespace

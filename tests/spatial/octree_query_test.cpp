@@ -75,23 +75,6 @@ TEST(OctreeQuery, BoxAndSphereIteratorsMatchBruteForce) {
       });
 }
 
-TEST(OctreeQuery, FrustumIteratorMatchesBruteForce) {
-  Fixture f;
-  std::mt19937 rng(5);
-  std::normal_distribution<double> g(0, 1);
-  std::vector<kxGeom::Frustum> frusta;
-  for (const kxLinear::Point& o : randomCentres(150, 6)) {
-    kxGeom::Frustum fr;
-    const kxLinear::Line ray(o * 2.0, kxLinear::Vector(g(rng), g(rng), g(rng)));
-    ASSERT_TRUE(kxGeom::makePickFrustum(ray, 0.05, 0.1, 4.0, fr));
-    frusta.push_back(fr);
-  }
-  expectLeafSets<kxGeom::OctreeIntersectIt>(f, frusta,
-                                            [](const BoundingBox& cell, const kxGeom::Frustum& q) {
-                                              return kxGeom::intersects(cell, q);
-                                            });
-}
-
 // Entry parameter of the forward ray into a box in double; NaN on a miss.
 double entry(const kxGeom::Ray& r, const BoundingBox& b) {
   double t0 = 0, t1 = std::numeric_limits<double>::infinity();
@@ -163,23 +146,6 @@ TEST(OctreeQuery, MissesRootLeavesAndReuse) {
   // An octree without leaves yields nothing.
   const Octree none;
   EXPECT_FALSE(kxGeom::OctreeBBoxIntersectIt(none, far).valid());
-}
-
-TEST(OctreeQuery, ThreadsWalkOneOctreeAtOnce) {
-  Fixture f;
-  std::vector<kxGeom::Sphere> spheres;
-  for (const kxLinear::Point& c : randomCentres(400, 12)) spheres.emplace_back(c, 0.3);
-  auto run = [&](std::vector<std::vector<int>>& out) {
-    kxGeom::OctreeSphereIntersectIt it(f.octree);
-    for (const auto& s : spheres) out.push_back(enumerate(it, s));
-  };
-  std::vector<std::vector<int>> reference;
-  run(reference);
-  std::vector<std::vector<std::vector<int>>> results(4);
-  std::vector<std::thread> threads;
-  for (auto& r : results) threads.emplace_back(run, std::ref(r));
-  for (auto& t : threads) t.join();
-  for (const auto& r : results) EXPECT_EQ(r, reference);
 }
 
 namespace {

@@ -1,5 +1,5 @@
-// The point octree: tiling, permutation, leaf capacity, depth cap,
-// non-finite points, child ordering and the leaf iterator.
+// The point octree: tiling, permutation, leaf capacity, depth cap and
+// non-finite points.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -196,37 +196,6 @@ double entryParameter(const kxLinear::Point& o, const kxLinear::Vector& d, const
   return t0 <= t1 ? t0 : std::numeric_limits<double>::infinity();
 }
 
-TEST(Octree, NodeOrderingIsFrontToBackForEveryRay) {
-  std::mt19937 rng(11);
-  std::normal_distribution<double> g(0, 1);
-  const BoundingBox cell(-1.f, -1.f, -1.f, 1.f, 1.f, 1.f);
-  for (int trial = 0; trial < 2000; ++trial) {
-    const kxLinear::Vector d(g(rng), g(rng), g(rng));
-    int order[8];
-    Octree::getNodeOrdering(d, order);
-    std::vector<int> seen(8, 0);
-    for (int k : order) ++seen[k];
-    ASSERT_EQ(seen, std::vector<int>(8, 1));
-    // Any ray along d crosses the children it meets in `order` order.
-    for (int r = 0; r < 20; ++r) {
-      const kxLinear::Point o = kxLinear::Point(g(rng), g(rng), g(rng)) * 0.5 - d * 10.0;
-      double last = -std::numeric_limits<double>::infinity();
-      for (int k : order) {
-        const double t = entryParameter(o, d, OctreeIterator::childBox(cell, k));
-        if (std::isinf(t)) continue;
-        ASSERT_GE(t, last - 1e-9) << "trial " << trial;
-        last = t;
-      }
-    }
-  }
-  int order[8];
-  Octree::getNodeOrdering(kxLinear::xAxis, order);
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(order[i] & 1, 0);
-  for (int i = 4; i < 8; ++i) EXPECT_EQ(order[i] & 1, 1);
-  Octree::getNodeOrdering(kxLinear::Vector(), order);
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(order[i], i);
-}
-
 // The leaf iterator: depth first with the highest child first, copyable.
 void reverseLeaves(OctreeIterator cell, std::vector<int>& out) {
   if (cell.isLeaf()) {
@@ -238,36 +207,6 @@ void reverseLeaves(OctreeIterator cell, std::vector<int>& out) {
     child.descend(k);
     reverseLeaves(child, out);
   }
-}
-
-TEST(Octree, LeafIteratorOrderAndCopies) {
-  const auto xyz = randomCloud(3000, 5, true);
-  const Octree tree(3000, xyz.data(), boxOf(xyz), true, 16);
-  std::vector<int> expected;
-  reverseLeaves(tree.getRoot(), expected);
-  std::vector<int> got, fromCopy;
-  kxGeom::OctreeLeafIterator it(tree);
-  std::vector<int> copyStart;
-  for (int i = 0; it.valid(); it.next(), ++i) {
-    got.push_back(it.get().getVoxel());
-    if (i == int(expected.size()) / 2) {
-      kxGeom::OctreeLeafIterator copy = it;
-      for (; copy.valid(); copy.next()) fromCopy.push_back(copy.get().getVoxel());
-    }
-  }
-  EXPECT_EQ(got, expected);
-  EXPECT_EQ(fromCopy, std::vector<int>(expected.begin() + expected.size() / 2, expected.end()));
-  it.next();  // exhausted: no effect
-  EXPECT_FALSE(it.valid());
-  it.reset(tree);
-  EXPECT_EQ(it.get().getVoxel(), expected.front());
-  // A root leaf is returned once.
-  const Octree single(1, xyz.data(), boxOf(xyz), true, 16);
-  kxGeom::OctreeLeafIterator one(single);
-  ASSERT_TRUE(one.valid());
-  EXPECT_EQ(one.get().getVoxel(), 0);
-  one.next();
-  EXPECT_FALSE(one.valid());
 }
 
 TEST(Octree, SharedThroughReferences) {

@@ -21,26 +21,6 @@ using kxLinear::Point;
 using kxLinear::PointFlt;
 using kxLinear::Vector;
 
-TEST(RayShape, SlabDataAndHitFields) {
-  const Ray ray(PointFlt(1, 2, 3), Vector(2, -4, -0.0));
-  EXPECT_EQ(Vector(2, -4, -0.0), ray.direction());
-  EXPECT_EQ(PointFlt(1, 2, 3), ray.origin());
-  EXPECT_EQ(0.5f, ray.reciprocal(0));
-  EXPECT_EQ(-0.25f, ray.reciprocal(1));
-  EXPECT_EQ(-3.4028235e38f, ray.reciprocal(2));  // 1 / -0 clamped: no NaN in slab tests
-  EXPECT_EQ(0, ray.nearIndex(0));
-  EXPECT_EQ(3, ray.farIndex(0));
-  EXPECT_EQ(4, ray.nearIndex(1));
-  EXPECT_EQ(1, ray.farIndex(1));
-  EXPECT_EQ(5, ray.nearIndex(2));
-  EXPECT_EQ(2, ray.farIndex(2));
-  EXPECT_EQ(3.4028234663852886e38, ray.hitParameter());
-  EXPECT_EQ(0u, ray.hitWord(0));
-  EXPECT_EQ(0u, ray.hitWord(1));
-  // The reciprocal is taken in double and then rounded once.
-  EXPECT_EQ(float(1.0 / 3.0000001), Ray(PointFlt(), Vector(3.0000001, 1, 1)).reciprocal(0));
-}
-
 TEST(RayShape, BoxTestAgreesWithDoubleSlabs) {
   std::mt19937 rng(13);
   std::uniform_real_distribution<float> coord(-2.0f, 2.0f), size(0.05f, 1.0f);

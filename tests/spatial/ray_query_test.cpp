@@ -141,27 +141,6 @@ TEST(RayPick, FirstHitIsATrueHitAndMissesAgreeWithBruteForce) {
   EXPECT_GT(hits, 100);
 }
 
-TEST(RayPick, MissingTheOctreeTestsNothing) {
-  Pickable s(kxtest::makeGrid(8, 8));
-  kxGeom::Frustum frustum;
-  ASSERT_TRUE(
-      kxGeom::makePickFrustum(Line(Point(20, 20, 5), Vector(0, 0, -1)), 0.1, 0.0, 10.0, frustum));
-  kxLinear::PointFlt hit(1, 2, 3);
-  kxtest::LogCapture log;
-  EXPECT_FALSE(kxGeom::meshRayIntersect(s.mesh, s.octree, s.adj, frustum, hit, nullptr));
-  EXPECT_EQ(hit, kxLinear::PointFlt(1, 2, 3));
-  ASSERT_EQ(log.lines().size(), 1u);
-  EXPECT_TRUE(
-      kxtest::matchesLogLine(log.lines()[0], "meshRayIntersect:  no intersection ", " s\n"));
-  // Straight down onto the grid: hits at the ray's foot on z = 0.
-  ASSERT_TRUE(
-      kxGeom::makePickFrustum(Line(Point(3.3, 4.6, 5), Vector(0, 0, -1)), 0.1, 0.0, 10.0, frustum));
-  EXPECT_TRUE(kxGeom::meshRayIntersect(s.mesh, s.octree, s.adj, frustum, hit, nullptr));
-  EXPECT_NEAR(hit.x, 3.3, 1e-6);
-  EXPECT_NEAR(hit.y, 4.6, 1e-6);
-  EXPECT_EQ(hit.z, 0.0f);
-}
-
 TEST(RayClosestPoint, SearchesFromTheFootOfThePerpendicular) {
   Pickable s(kxtest::makeLatLongSphere(16, 32));
   const double longest = kxGeom::meshLongestEdge(s.mesh);
