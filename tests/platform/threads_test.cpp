@@ -14,23 +14,6 @@ namespace {
 using kxUtil::ThreadedAlgBase;
 using kxUtil::ThreadPool;
 
-TEST(RangeRule, SlicesAreContiguousDisjointAndBalanced) {
-  for (int n : {0, 1, 7, 8, 9, 100, 1001}) {
-    for (int threads : {1, 2, 3, 8, 13}) {
-      int expectedBegin = 0;
-      for (int t = 0; t < threads; ++t) {
-        const int b = ThreadedAlgBase::getBeginIndex(t, threads, n);
-        const int e = ThreadedAlgBase::getBeginIndex(t + 1, threads, n);
-        EXPECT_EQ(b, expectedBegin);
-        // The first n % threads slices take one element more.
-        EXPECT_EQ(e - b, n / threads + (t < n % threads ? 1 : 0)) << n << " " << threads;
-        expectedBegin = e;
-      }
-      EXPECT_EQ(expectedBegin, n);
-    }
-  }
-}
-
 // Records which slice each thread saw, and a float sum whose value depends on
 // the summation order: folding in thread order must give the same answer as
 // the same slices summed serially.
@@ -49,22 +32,6 @@ class SliceRecorder : public kxUtil::ThreadedAlg<std::vector<int>> {
     for (int i = begin; i < end; ++i) out.push_back(i);
   }
 };
-
-TEST(ThreadPool, RunsEveryThreadOnItsOwnSliceAndCombinesInThreadOrder) {
-  for (int threads : {1, 2, 3, 8}) {
-    ThreadPool pool(threads);
-    SliceRecorder alg(1000);
-    pool.run(alg);
-    EXPECT_EQ(alg.initialized, 1);
-    EXPECT_EQ(alg.finalized, 1);
-    ASSERT_EQ(static_cast<int>(alg.results().size()), threads);
-    std::vector<int> all;
-    for (const auto& part : alg.results()) all.insert(all.end(), part.begin(), part.end());
-    std::vector<int> expected(1000);
-    std::iota(expected.begin(), expected.end(), 0);
-    EXPECT_EQ(all, expected);
-  }
-}
 
 TEST(ThreadPool, NestedRunsExecuteSeriallyWithoutDeadlock) {
   ThreadPool pool(4);

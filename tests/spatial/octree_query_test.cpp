@@ -75,51 +75,6 @@ TEST(OctreeQuery, BoxAndSphereIteratorsMatchBruteForce) {
       });
 }
 
-// Entry parameter of the forward ray into a box in double; NaN on a miss.
-double entry(const kxGeom::Ray& r, const BoundingBox& b) {
-  double t0 = 0, t1 = std::numeric_limits<double>::infinity();
-  for (int k = 0; k < 3; ++k) {
-    const double a = (b[k] - r.origin()[k]) / r.direction()[k];
-    const double c = (b[k + 3] - r.origin()[k]) / r.direction()[k];
-    t0 = std::max(t0, std::min(a, c));
-    t1 = std::min(t1, std::max(a, c));
-  }
-  return t0 <= t1 ? t0 : std::numeric_limits<double>::quiet_NaN();
-}
-
-TEST(OctreeQuery, RayIteratorIsExactAndFrontToBack) {
-  Fixture f;
-  std::mt19937 rng(8);
-  std::normal_distribution<double> g(0, 1);
-  std::vector<kxGeom::Ray> rays;
-  for (const kxLinear::Point& o : randomCentres(300, 9)) {
-    rays.emplace_back(kxLinear::PointFlt(o), kxLinear::Vector(g(rng), g(rng), g(rng)));
-  }
-  expectLeafSets<kxGeom::OctreeRayIntersectIt>(
-      f, rays, [](const BoundingBox& c, const kxGeom::Ray& r) {
-        return r.intersects(c, 0.0f, BoundingBox::kMaxFloat);
-      });
-  kxGeom::OctreeRayIntersectIt it(f.octree);
-  int startsInside = 0;
-  for (const kxGeom::Ray& r : rays) {
-    double last = -1;
-    bool first = true;
-    for (it.reset(r); it.valid(); it.next()) {
-      const BoundingBox box = it.get().getBox();
-      if (first && kxGeom::contains(f.octree.getBox(), r.origin())) {
-        EXPECT_TRUE(kxGeom::contains(box, r.origin()));
-        ++startsInside;
-      }
-      first = false;
-      const double t = entry(r, box);
-      if (std::isnan(t)) continue;  // grazing box accepted by the float slab test
-      EXPECT_GE(t, last - 1e-6);
-      last = std::max(last, t);
-    }
-  }
-  EXPECT_GT(startsInside, 50);
-}
-
 TEST(OctreeQuery, MissesRootLeavesAndReuse) {
   Fixture f;
   const BoundingBox far(5.f, 5.f, 5.f, 6.f, 6.f, 6.f);

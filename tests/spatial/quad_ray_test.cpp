@@ -201,36 +201,6 @@ TEST(OctreeQuadRayIntersectIt, OrderedWalkVisitsLeavesFrontToBack) {
 
 // --- Tracer ---------------------------------------------------------------------
 
-TEST(QuadRayTracer, BackFacesFromInsideASphereObeyTheCullDistance) {
-  QuadCullGuard guard;
-  std::mt19937 rng(59);
-  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
-  const IndexedMesh m(kxtest::makeLatLongSphere(24, 48));
-  QuadRayTracer tracer(m.octree, m.tris, &m.mesh);
-  const PointFlt o(0.1f, -0.2f, 0.05f);
-  // Unit directions: every hit is a back face at t in about [0.78, 1.22].
-  for (const float cull : {0.5f, 1.0f, 1.5f}) {
-    QuadRay::setBackfaceCullDistance(cull);
-    int hits = 0;
-    for (int i = 0; i < 200; ++i) {
-      Directions d;
-      for (auto& dk : d) dk = kxLinear::normalized(VectorFlt(unit(rng), unit(rng), unit(rng)));
-      QuadRay packet = makePacket(o, d, true);
-      tracer.intersect(packet);
-      for (int k = 0; k < 4; ++k) {
-        const auto oracle = kxtest::bruteForceRay(m.mesh, wide(o), wide(d[k]), cull);
-        ASSERT_TRUE(oracle.accepts(packet.triHit(k), packet.triIntersectionRayParam(k), 1e-4));
-        hits += packet.triHit(k);
-      }
-    }
-    if (cull < 0.75f) {
-      EXPECT_EQ(hits, 800);
-    } else if (cull > 1.25f) {
-      EXPECT_EQ(hits, 0);
-    }
-  }
-}
-
 TEST(QuadRayTracer, AxisAlignedRaysInOctreeSplitPlanesStillHit) {
   // The sphere's octree splits at x = 0, y = 0 and z = 0; these rays run
   // inside those planes with zero direction components.
