@@ -498,6 +498,8 @@ std::vector<Hostile> hostileFiles() {
        "line 11: vertex 1 is not a finite point"},
       {"range.ply", h + binaryTriangle(0, 3), "face refers to missing vertex 3"},
       {"twocorners.ply", h + binaryTriangle(0, 2, 2), "a face of 2 corners"},
+      {"type.ply", "ply\nformat ascii 1.0\nelement vertex 1\nproperty real x\nend_header\n0\n",
+       "line 4: malformed property line"},
       {"noend.ply", "ply\nformat ascii 1.0\nelement vertex 0\n",
        "the header has no end_header line"},
       {"trailing.ply", h + binaryTriangle() + "x", "1 bytes after the last element"},

@@ -244,33 +244,6 @@ TEST_F(MeshIoTest, ObjWriterTextsAreByteExactForEveryAttributeCombination) {
 
 // ---- OBJ reading ----------------------------------------------------------------
 
-TEST_F(MeshIoTest, ObjRoundTripWithNormalsAndUVs) {
-  CompactMesh m = kxtest::makeRandomMesh(200, 400, 3);
-  std::mt19937 rng(5);
-  std::uniform_real_distribution<float> d(-1, 1);
-  kxGeom::MeshNormal* n = m.allocNormalArray();
-  kxGeom::MeshUV* uv = m.allocUVArray();
-  for (int i = 0; i < 200; ++i) {
-    n[i] = {d(rng), d(rng), d(rng)};
-    uv[i] = {d(rng), d(rng)};
-  }
-  ASSERT_TRUE(kxGeom::meshWriteObj(m, path("r.obj")));
-  CompactMesh back;
-  ASSERT_TRUE(kxGeom::meshReadObj(back, path("r.obj")));
-  ASSERT_EQ(back.getNumVertices(), 200);  // one index serves all: no splits
-  ASSERT_EQ(back.getNumTriangles(), 400);
-  ASSERT_NE(back.getNormals(), nullptr);
-  ASSERT_NE(back.getUVs(), nullptr);
-  for (int i = 0; i < 200; ++i) {  // six significant digits survive the stream format
-    EXPECT_NEAR(back.getVertices()[i].x, m.getVertices()[i].x, 1e-5f);
-    EXPECT_NEAR(back.getNormals()[i].z, n[i].z, 1e-5f);
-    EXPECT_NEAR(back.getUVs()[i].v, uv[i].v, 1e-5f);
-  }
-  for (int t = 0; t < 400; ++t) {
-    for (int k = 0; k < 3; ++k) EXPECT_EQ(back.getTriangles()[t][k], m.getTriangles()[t][k]);
-  }
-}
-
 // The corner table of a file: expected position, uv and normal per corner.
 struct CornerOracle {
   int vi, ti, ni;  // 0-based indices as written, -1 for none
@@ -375,41 +348,6 @@ TEST_F(MeshIoTest, ObjFailuresReturnFalseLeaveMeshAndLogOneLineWithLineNumber) {
   ASSERT_EQ(log.lines().size(), 2u);
   EXPECT_NE(log.lines()[0].find("cannot open"), std::string::npos);
   EXPECT_NE(log.lines()[1].find("cannot open"), std::string::npos);
-}
-
-TEST_F(MeshIoTest, MutatedFilesNeverYieldOutOfRangeIndices) {
-  const CompactMesh sphere = kxtest::makeLatLongSphere(5, 7);
-  CompactMesh withNormals = sphere;
-  kxGeom::addUniformNormals(withNormals, {0, 1, 0});
-  kxGeom::meshWriteObj(withNormals, path("s.obj"));
-  kxGeom::meshWrite(sphere, path("s.txt"));
-  const std::string obj = read(path("s.obj")), txt = read(path("s.txt"));
-  std::mt19937 rng(99);
-  const char alphabet[] = "0123456789-+./ \n\rvfnte#x";
-  for (int round = 0; round < 400; ++round) {
-    std::string a = round % 2 ? obj : txt;
-    std::uniform_int_distribution<std::size_t> pos(0, a.size() - 1);
-    for (int k = 0; k < 1 + round % 8; ++k) a[pos(rng)] = alphabet[rng() % (sizeof alphabet - 1)];
-    if (round % 5 == 0) a.resize(pos(rng));
-    const std::string file = write("mut", a);
-    CompactMesh m;
-    kxtest::LogCapture log;
-    if (round % 2) {
-      kxGeom::meshReadObj(m, file);
-    } else {
-      kxGeom::meshRead(m, file);
-      kxGeom::TopoMesh topo;
-      kxGeom::meshRead(topo, file);
-      for (kxGeom::TopoMeshFace f : topo.faces()) ASSERT_GE(topo.getFaceSize(f), 3);
-    }
-    for (int t = 0; t < m.getNumTriangles(); ++t) {
-      for (int k = 0; k < 3; ++k) {
-        ASSERT_GE(m.getTriangles()[t][k], 0);
-        ASSERT_LT(m.getTriangles()[t][k], m.getNumVertices());
-      }
-    }
-    ASSERT_LE(m.getNumVertices(), int(a.size()));
-  }
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

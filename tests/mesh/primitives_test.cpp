@@ -206,6 +206,8 @@ TEST(Primitives, FlatShapesFaceTheirNormalsWithExpectedArea) {
   EXPECT_NEAR(area(m), 3.0, 1e-6);
   expectWindingMatchesNormals(m);
   EXPECT_EQ(m.getUVs()[15].u, 2.0f);
+  EXPECT_FLOAT_EQ(m.getUVs()[1].u, 2.0f / 3);
+  EXPECT_FLOAT_EQ(m.getUVs()[4].v, 1.0f / 3);
   EXPECT_EQ(m.getVertices()[15].x, 4.0f);
 
   const float mirroredMin[2] = {4, 2}, mirroredMax[2] = {-1, 3};  // x reversed: faces -z

@@ -159,6 +159,10 @@ TEST(BoundingBoxModel, CubeCornersAndRotatedBox) {
   turned.transform(rot);
   const float hx = float(1 * c + 2 * s), hy = float(1 * s + 2 * c);
   EXPECT_TRUE(equivalent(turned, BoundingBox(5 - hx, -hy, -0.5f, 5 + hx, hy, 0.5f), 1e-5f));
+  // A shear whose extremes come from the first and last corners alone.
+  BoundingBox sheared = box;
+  sheared.transform(kxLinear::AffineMatrix::frame({0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {1, 0, 1}));
+  EXPECT_TRUE(equivalent(sheared, BoundingBox(-3.5f, -2.0f, -0.5f, 3.5f, 2.0f, 0.5f), 0.0f));
   BoundingBox empty;
   empty.transform(rot);
   EXPECT_FALSE(empty.isValid());

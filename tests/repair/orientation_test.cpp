@@ -169,13 +169,13 @@ TEST(Reversal, WholeSelectedAndConnectedReversalsFlipExactlyWhatTheySay) {
     EXPECT_EQ(m.getTriangles()[t][1], original[3 * t]);
   }
   // An even strip longer than 4 is rebuilt with its first index repeated.
-  m.resizeTriStripArrays(1, 6);
-  m.getTriStripLengths()[0] = 6;
-  for (int i = 0; i < 6; ++i) m.getTriStripPoints()[i] = i;
+  m.resizeTriStripArrays(1, 8);
+  m.getTriStripLengths()[0] = 8;
+  for (int i = 0; i < 8; ++i) m.getTriStripPoints()[i] = i;
   meshReverseWinding(m, true);
   EXPECT_EQ(cornersOf(m), original);
   EXPECT_EQ(m.getNormals()[3].x, -1.0f);
-  ASSERT_EQ(m.getNumTriStripPoints(), 7);
+  ASSERT_EQ(m.getNumTriStripPoints(), 9);
   EXPECT_EQ(m.getTriStripPoints()[0], 0);
   EXPECT_EQ(m.getTriStripPoints()[1], 0);
   // The connected reversal turns only the second sphere, whose vertex
