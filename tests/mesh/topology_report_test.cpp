@@ -12,12 +12,6 @@ using kxGeom::MeshTopologyReport;
 
 namespace {
 
-CompactMesh fromArrays(const std::vector<kxGeom::MeshVertex>& v, const std::vector<int>& t) {
-  CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
-  m.copyTriangles(int(t.size() / 3), t.data());
-  return m;
-}
-
 void expectReport(const MeshTopologyReport& r, int positions, int edges, int boundaryEdges,
                   int loops, int components, int genus) {
   EXPECT_EQ(r.positions, positions);
@@ -75,7 +69,7 @@ TEST(TopologyReport, OpenPiecesHolesAndDegenerateTriangles) {
     if (square != 5) t.push_back(t[std::size_t(i)] + 20);  // square (1, 1) of the copy is a hole
   }
   t.insert(t.end(), {20, 21, 21});
-  const MeshTopologyReport r = kxGeom::meshTopologyReport(fromArrays(v, t));
+  const MeshTopologyReport r = kxGeom::meshTopologyReport(kxtest::meshFrom(v, t));
   expectReport(r, 40, 2 * 43 - 1, 14 + 18, 3, 2, 0);  // the hole loses only its diagonal
   EXPECT_EQ(r.degenerateTriangles, 1);
 }
@@ -85,14 +79,15 @@ TEST(TopologyReport, NonManifoldEdgesAndPinchedVertices) {
   const std::vector<kxGeom::MeshVertex> fin = {
       {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1}};
   const MeshTopologyReport e =
-      kxGeom::meshTopologyReport(fromArrays(fin, {0, 1, 2, 1, 0, 3, 0, 1, 4}));
+      kxGeom::meshTopologyReport(kxtest::meshFrom(fin, {0, 1, 2, 1, 0, 3, 0, 1, 4}));
   EXPECT_EQ(e.nonManifoldEdges, 1);
   EXPECT_EQ(e.boundaryEdges, 6);
   EXPECT_EQ(e.genus, -1);
   // Two triangles touching at one corner: a pinch, one connected boundary.
   const std::vector<kxGeom::MeshVertex> bow = {
       {0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {-1, 0, 0}, {-1, -1, 0}};
-  const MeshTopologyReport p = kxGeom::meshTopologyReport(fromArrays(bow, {0, 1, 2, 0, 3, 4}));
+  const MeshTopologyReport p =
+      kxGeom::meshTopologyReport(kxtest::meshFrom(bow, {0, 1, 2, 0, 3, 4}));
   EXPECT_EQ(p.nonManifoldVertices, 1);
   EXPECT_EQ(p.nonManifoldEdges, 0);
   EXPECT_EQ(p.components, 1);

@@ -39,12 +39,6 @@ class OutputCapture {
   std::vector<std::string> errors, infos;
 };
 
-CompactMesh meshFrom(std::vector<MeshVertex> v, const std::vector<int>& c) {
-  CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
-  m.copyTriangles(int(c.size() / 3), c.data());
-  return m;
-}
-
 // The northern half of a sphere (rings 0..rings/2), open at the equator.
 CompactMesh hemisphere(int rings, int segments) {
   const CompactMesh s = kxtest::makeLatLongSphere(rings, segments);
@@ -98,7 +92,8 @@ TEST(Reparameterize, CurvedAndHoleyDisksFlattenWithoutFlips) {
     MeshVertex& p = grid.getVertices()[v];
     p.z = 0.05f * (p.x - 4) * (p.x - 4);
   }
-  CompactMesh holey = meshFrom({grid.getVertices(), grid.getVertices() + grid.getNumVertices()}, c);
+  CompactMesh holey =
+      kxtest::meshFrom({grid.getVertices(), grid.getVertices() + grid.getNumVertices()}, c);
   const int triangles = holey.getNumTriangles();
   reparameterizeMesh flattenHoley(holey);
   ASSERT_TRUE(flattenHoley.flatten());
@@ -106,7 +101,7 @@ TEST(Reparameterize, CurvedAndHoleyDisksFlattenWithoutFlips) {
   EXPECT_EQ(meshUVLayoutQuality(holey).flipped, 0);
   // A flat triangle standing on its edge along z: no plane normal, the z
   // axis taken instead runs along the fixed vertices, so another is chosen.
-  CompactMesh upright = meshFrom({{0, 0, -1}, {0, 0, 0.5f}, {0, 0, 1}}, {0, 1, 2});
+  CompactMesh upright = kxtest::meshFrom({{0, 0, -1}, {0, 0, 0.5f}, {0, 0, 1}}, {0, 1, 2});
   OutputCapture uprightOutput;
   reparameterizeMesh(upright).flatten();
   EXPECT_TRUE(uprightOutput.saw(
@@ -115,7 +110,7 @@ TEST(Reparameterize, CurvedAndHoleyDisksFlattenWithoutFlips) {
       "Parameterization: calculated planeNormal is (anti-)parallel to the vector between the fixed "
       "vertices of the 3D-boundary.  Choosing a random orthogonal vector instead.\n"));
   // One triangle: the two fixed corners keep their places, the third follows.
-  CompactMesh one = meshFrom({{0, 0, 0}, {2, 0, 0}, {0, 1, 0}}, {0, 1, 2});
+  CompactMesh one = kxtest::meshFrom({{0, 0, 0}, {2, 0, 0}, {0, 1, 0}}, {0, 1, 2});
   reparameterizeMesh single(one);
   ASSERT_TRUE(single.flatten());
   EXPECT_LT(meshUVLayoutQuality(one).worstAngleError, 1e-6);
@@ -142,17 +137,18 @@ TEST(Reparameterize, RefusalsPrintTheirTextsAndLeaveTheMesh) {
     std::string error;
   };
   std::vector<Case> cases;
-  cases.push_back({meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {0, 1, 1}),
+  cases.push_back({kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {0, 1, 1}),
                    "Found degenerate triangle 0 (0,1,1), mesh not changed. \n"});
-  cases.push_back({meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}}, {0, 1, 2, 0, 1, 3}),
-                   "Invalid mesh, reverse wound triangle 1 (0,1,3) \n"});
-  cases.push_back({meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {0, 0, 1}},
-                            {0, 1, 2, 1, 0, 3, 0, 1, 4}),
-                   "Invalid mesh, non-manifold triangle 2 (0,1,4) \n"});
   cases.push_back(
-      {meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {2, 2, 0}}, {0, 1, 2, 0, 3, 4}),
-       "A degenerate boundary found, mesh not changed. \n"});
-  cases.push_back({meshFrom({{0, 0, 0}, {1, NAN, 0}, {0, 1, 0}}, {0, 1, 2}),
+      {kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}}, {0, 1, 2, 0, 1, 3}),
+       "Invalid mesh, reverse wound triangle 1 (0,1,3) \n"});
+  cases.push_back({kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {0, 0, 1}},
+                                    {0, 1, 2, 1, 0, 3, 0, 1, 4}),
+                   "Invalid mesh, non-manifold triangle 2 (0,1,4) \n"});
+  cases.push_back({kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {2, 2, 0}},
+                                    {0, 1, 2, 0, 3, 4}),
+                   "A degenerate boundary found, mesh not changed. \n"});
+  cases.push_back({kxtest::meshFrom({{0, 0, 0}, {1, NAN, 0}, {0, 1, 0}}, {0, 1, 2}),
                    "Found vertex 1 with a non-finite position, mesh not changed. \n"});
   for (Case& c : cases) {
     c.mesh.allocUVArray()[0] = {7, 7};
@@ -206,7 +202,7 @@ TEST(CutSurface, ClosedSurfacesOfAnyGenusBecomeOneDisk) {
       c.insert(c.end(), {p, q, s, p, s, r});
     }
   }
-  surfaces.push_back(meshFrom(v, c));
+  surfaces.push_back(kxtest::meshFrom(v, c));
   for (CompactMesh& m : surfaces) {
     const std::vector<MeshVertex> before(m.getVertices(), m.getVertices() + m.getNumVertices());
     kx::vector<int> source;

@@ -15,12 +15,6 @@ namespace {
 
 using namespace kxGeom;
 
-CompactMesh meshFrom(std::vector<MeshVertex> v, const std::vector<int>& corners) {
-  CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
-  m.copyTriangles(int(corners.size() / 3), corners.data());
-  return m;
-}
-
 MeshAdjTris adjacencyOf(const CompactMesh& m) {
   MeshAdjTris adj;
   meshAdjTris(m, adj);
@@ -38,7 +32,7 @@ CompactMesh twoSpheres() {
   v.insert(v.end(), b.getVertices(), b.getVertices() + b.getNumVertices());
   std::vector<int> c = cornersOf(a);
   for (int i : cornersOf(b)) c.push_back(i + a.getNumVertices());
-  return meshFrom(v, c);
+  return kxtest::meshFrom(v, c);
 }
 
 // A band of `n` quads closed into a loop, with a half twist when `mobius`.
@@ -52,7 +46,7 @@ CompactMesh band(int n, bool mobius) {
     if (mobius && i == n - 1) std::swap(d, e);
     c.insert(c.end(), {a, d, e, a, e, b});
   }
-  return meshFrom(v, c);
+  return kxtest::meshFrom(v, c);
 }
 
 TEST(Orientation, FlippedTrianglesFollowTheFirstOfTheirComponent) {
@@ -88,7 +82,7 @@ TEST(Orientation, MobiusBandCannotBeOrientedAndReportsItsRegion) {
   EXPECT_FALSE(again.isOrientable());
   EXPECT_EQ(again.getAffectedTriangles().countSetBits(), strip.getNumTriangles());
   // Two copies of one triangle run every edge the same way.
-  CompactMesh twice = meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {0, 1, 2, 1, 2, 0});
+  CompactMesh twice = kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {0, 1, 2, 1, 2, 0});
   EXPECT_FALSE(meshOriented(twice, adjacencyOf(twice)));
 }
 
@@ -96,7 +90,7 @@ TEST(Manifold, OversharedEdgeKeepsThePagesWithBusiestOppositeVertices) {
   // Pages (0,1,2), (1,0,3), (0,1,4) on edge 0-1; vertices 3 and 4 carry an
   // extra triangle each, so page 0 goes.
   std::vector<MeshVertex> v(7, MeshVertex{0, 0, 0});
-  CompactMesh m = meshFrom(v, {0, 1, 2, 1, 0, 3, 0, 1, 4, 3, 5, 6, 4, 6, 5});
+  CompactMesh m = kxtest::meshFrom(v, {0, 1, 2, 1, 0, 3, 0, 1, 4, 3, 5, 6, 4, 6, 5});
   MeshAdjTris adj = adjacencyOf(m);
   MeshManifoldResult result;
   kxtest::LogCapture log;
@@ -116,7 +110,7 @@ TEST(Manifold, PinchedVerticesSplitOneNewVertexPerExtraFan) {
   // the first triangle of each (t0: fan A, t1: fan B, t2: fan A, t3: fan C).
   std::vector<MeshVertex> v;
   for (int i = 0; i < 8; ++i) v.push_back({float(i), float(i * i % 5), 0});
-  CompactMesh m = meshFrom(v, {0, 1, 2, 0, 4, 5, 0, 2, 3, 0, 6, 7});
+  CompactMesh m = kxtest::meshFrom(v, {0, 1, 2, 0, 4, 5, 0, 2, 3, 0, 6, 7});
   MeshAdjTris adj = adjacencyOf(m);
   MeshManifoldResult result;
   meshManifold(m, adj, result);
@@ -133,7 +127,7 @@ TEST(Manifold, PinchedVerticesSplitOneNewVertexPerExtraFan) {
   std::vector<int> star;
   const int n = 20000;
   for (int i = 0; i < n; ++i) star.insert(star.end(), {0, 2 * i + 1, 2 * i + 2});
-  CompactMesh hub = meshFrom(std::vector<MeshVertex>(2 * n + 1, MeshVertex{0, 0, 0}), star);
+  CompactMesh hub = kxtest::meshFrom(std::vector<MeshVertex>(2 * n + 1, MeshVertex{0, 0, 0}), star);
   meshMakeManifold(hub);
   EXPECT_EQ(hub.getNumVertices(), 3 * n);
 }

@@ -22,12 +22,6 @@ namespace {
 
 using namespace kxGeom;
 
-CompactMesh meshFrom(const std::vector<MeshVertex>& v, const std::vector<int>& corners) {
-  CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
-  m.copyTriangles(int(corners.size() / 3), corners.data());
-  return m;
-}
-
 std::vector<int> sortedTriple(const MeshTriangle& t) {
   std::vector<int> s{t[0], t[1], t[2]};
   std::sort(s.begin(), s.end());
@@ -85,7 +79,7 @@ TEST(DuplicateTris, MatchBruteForceGroupingForEveryThreadCount) {
 
 TEST(Characteristics, CoincidentOnlyFailureCouplesTheTwoTriangleChecks) {
   std::vector<MeshVertex> v{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 0, 0}};
-  CompactMesh m = meshFrom(v, {0, 1, 2, 0, 3, 1});  // the second has two equal positions
+  CompactMesh m = kxtest::meshFrom(v, {0, 1, 2, 0, 3, 1});  // the second has two equal positions
   MeshCharacteristics c(m);
   EXPECT_EQ(c.check(MeshCharacteristics::TopoGoodTriangles),
             MeshCharacteristics::TopoGoodTriangles);
@@ -163,7 +157,7 @@ Broken brokenMesh() {
   for (std::size_t i = 0; i < bad.size(); i += 3) {
     all.insert(all.begin() + 3 * (7 * i / 3 + 5), bad.begin() + i, bad.begin() + i + 3);
   }
-  out.mesh = meshFrom(v, all);
+  out.mesh = kxtest::meshFrom(v, all);
   for (std::size_t i = 0; i < good.size(); i += 3) {
     std::array<float, 9> t;
     for (int k = 0; k < 3; ++k) {
@@ -236,7 +230,7 @@ TEST(Repair, OptionalStepsAndHopelessInputs) {
   EXPECT_LT(folded.getNumTriangles(), 4);
   // A sharp fold of two triangles goes when angles are checked.
   CompactMesh fold =
-      meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0.1f, 1, 0.001f}}, {0, 1, 2, 1, 0, 3});
+      kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0.1f, 1, 0.001f}}, {0, 1, 2, 1, 0, 3});
   MeshRepair angles(fold);
   EXPECT_FALSE(angles.needsRepair());
   angles.checkGoodAngles(true);
@@ -245,7 +239,7 @@ TEST(Repair, OptionalStepsAndHopelessInputs) {
   EXPECT_TRUE(angles.repairAll(&clean));
   EXPECT_EQ(fold.getNumTriangles(), 0);
   // All degenerate: everything goes. NaN positions: no crash, still repaired.
-  CompactMesh junk = meshFrom({{0, 0, 0}, {0, 0, 0}}, {0, 0, 1, 1, 1, 1});
+  CompactMesh junk = kxtest::meshFrom({{0, 0, 0}, {0, 0, 0}}, {0, 0, 1, 1, 1, 1});
   EXPECT_TRUE(MeshRepair(junk).repairAll(nullptr));
   EXPECT_EQ(junk.getNumTriangles(), 0);
   CompactMesh nan = kxtest::makeLatLongSphere(6, 8);
@@ -255,8 +249,9 @@ TEST(Repair, OptionalStepsAndHopelessInputs) {
   withNaN.repairAll(&clean);
   EXPECT_TRUE(clean);
   // A mesh that is one Möbius band is never deleted: the loop gives up.
-  CompactMesh band = meshFrom({{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {2, 0, 0}, {2, 1, 0}},
-                              {0, 1, 2, 0, 2, 3, 1, 4, 5, 1, 5, 2, 4, 3, 0, 4, 0, 5});
+  CompactMesh band =
+      kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {2, 0, 0}, {2, 1, 0}},
+                       {0, 1, 2, 0, 2, 3, 1, 4, 5, 1, 5, 2, 4, 3, 0, 4, 0, 5});
   MeshRepair mobius(band);
   mobius.repairAll(&clean);
   EXPECT_EQ(band.getNumTriangles(), 6);

@@ -23,12 +23,6 @@ using kxLinear::Vector;
 
 const double kPi = 3.14159265358979323846;
 
-CompactMesh meshOf(const std::vector<kxGeom::MeshVertex>& v, const std::vector<int>& t) {
-  CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
-  m.copyTriangles(int(t.size() / 3), t.data());
-  return m;
-}
-
 // The box [lo, hi], eight shared corners, twelve outward triangles.
 CompactMesh makeBox(const Point& lo, const Point& hi) {
   std::vector<kxGeom::MeshVertex> v;
@@ -36,8 +30,8 @@ CompactMesh makeBox(const Point& lo, const Point& hi) {
     v.push_back(
         {float(i & 1 ? hi.x : lo.x), float(i & 2 ? hi.y : lo.y), float(i & 4 ? hi.z : lo.z)});
   }
-  return meshOf(v, {0, 2, 3, 0, 3, 1, 4, 5, 7, 4, 7, 6, 0, 1, 5, 0, 5, 4,
-                    2, 6, 7, 2, 7, 3, 0, 4, 6, 0, 6, 2, 1, 3, 7, 1, 7, 5});
+  return kxtest::meshFrom(v, {0, 2, 3, 0, 3, 1, 4, 5, 7, 4, 7, 6, 0, 1, 5, 0, 5, 4,
+                              2, 6, 7, 2, 7, 3, 0, 4, 6, 0, 6, 2, 1, 3, 7, 1, 7, 5});
 }
 
 // The integral of x_i x_j over the solid about the origin, recovered from
@@ -211,7 +205,7 @@ TEST(MeshCurvature, CylinderBendsAroundItsAxisOnly) {
     }
   }
   int rim = 0;
-  for (const MeshVertexCurvature& c : curvature(meshOf(v, t))) {
+  for (const MeshVertexCurvature& c : curvature(kxtest::meshFrom(v, t))) {
     rim += c.boundary;
     // The rim's one-sided estimate is exact here too.
     EXPECT_NEAR(c.k1, 1 / r, 1e-5);

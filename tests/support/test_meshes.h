@@ -124,6 +124,14 @@ inline kxGeom::CompactMesh makeTorus(int nu, int nv, double major, double minor,
   return m;
 }
 
+/// A mesh of the given positions and corner indices (three per triangle).
+inline kxGeom::CompactMesh meshFrom(const std::vector<kxGeom::MeshVertex>& v,
+                                    const std::vector<int>& corners) {
+  kxGeom::CompactMesh m(int(v.size()), v.data(), nullptr, nullptr, nullptr);
+  m.copyTriangles(int(corners.size() / 3), corners.data());
+  return m;
+}
+
 /// `numTriangles` random triangles over `numVertices` random vertices in
 /// [-1, 1]^3 (corners may repeat: degenerate triangles included).
 inline kxGeom::CompactMesh makeRandomMesh(int numVertices, int numTriangles, unsigned seed) {
