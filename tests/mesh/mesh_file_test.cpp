@@ -9,17 +9,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <kxgeom/mesh_file.h>
 
+#include "support/file_fixture.h"
 #include "support/memory_budget.h"
 #include "support/test_meshes.h"
 
@@ -31,29 +29,7 @@ using kxGeom::MeshFileFormat;
 using kxGeom::meshReadFile;
 using kxGeom::meshWriteFile;
 
-class MeshFileTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("kxgeom_mesh_file_test_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
-  std::string write(const std::string& name, const std::string& bytes) const {
-    std::ofstream(path(name), std::ios::binary) << bytes;
-    return path(name);
-  }
-  static std::string read(const std::string& p) {
-    std::stringstream ss;
-    ss << std::ifstream(p, std::ios::binary).rdbuf();
-    return ss.str();
-  }
-
-  fs::path dir_;
-};
+using MeshFileTest = kxtest::FileTest;
 
 // The bytes of a binary file, each value in the chosen byte order (the
 // tests run on little-endian hosts).

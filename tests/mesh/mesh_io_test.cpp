@@ -1,54 +1,27 @@
 // Mesh files: exact round trips, byte-exact writer texts, every OBJ corner
 // form, and failure paths that must leave the caller's mesh untouched.
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <locale>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <kxgeom/mesh_io.h>
 #include <kxgeom/primitives.h>
 
+#include "support/file_fixture.h"
 #include "support/memory_budget.h"
 #include "support/test_meshes.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using kxGeom::CompactMesh;
 
-class MeshIoTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("kxgeom_mesh_io_test_" + std::to_string(::getpid()) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  std::string path(const char* name) const { return (dir_ / name).string(); }
-  std::string write(const char* name, const std::string& text) const {
-    std::ofstream(path(name), std::ios::binary) << text;
-    return path(name);
-  }
-  static std::string read(const std::string& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
-
-  fs::path dir_;
-};
+using MeshIoTest = kxtest::FileTest;
 
 void expectSameMesh(const CompactMesh& a, const CompactMesh& b) {
   ASSERT_EQ(a.getNumVertices(), b.getNumVertices());
