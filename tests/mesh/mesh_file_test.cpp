@@ -201,6 +201,12 @@ TEST_F(MeshFileTest, TextWritersUseThePrecisionAsked) {
       "  vertex 0 0 0\n  vertex 1e-07 1.23e+05 -2.5\n  vertex 0.1 1 3\n"
       " endloop\nendfacet\nendsolid kxgeom\n";
   EXPECT_EQ(read(path("t.stl")), stl);
+  // Beyond the 17 digits that round-trip a double, more are not written.
+  for (int precision : {17, 30}) {
+    w.precision = precision;
+    ASSERT_TRUE(meshWriteFile(m, path(std::to_string(precision) + ".mesh"), w));
+  }
+  EXPECT_EQ(read(path("17.mesh")), read(path("30.mesh")));
 }
 
 // ---- Hand-made files of each variant ---------------------------------------------------
