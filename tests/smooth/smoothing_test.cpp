@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstring>
 #include <random>
-#include <set>
 #include <vector>
 
 #include "support/test_meshes.h"
@@ -16,32 +15,11 @@ using kxGeom::CompactMesh;
 using kxGeom::MeshAdjVertices;
 using kxGeom::MeshVertex;
 
-/// Vertex-to-vertices table built by brute force from the triangles
-/// (neighbours in ascending order), through the table's raw constructor.
+// The vertex-to-vertices table, as the library builds it.
 void buildAdjacency(const CompactMesh& mesh, MeshAdjVertices& out) {
-  const int n = mesh.getNumVertices();
-  std::vector<std::set<int>> sets(n);
-  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
-    const kxGeom::MeshTriangle& tri = mesh.getTriangles()[t];
-    for (int a = 0; a < 3; ++a) {
-      for (int b = 0; b < 3; ++b) {
-        if (tri[a] != tri[b]) sets[tri[a]].insert(tri[b]);
-      }
-    }
-  }
-  int* starts = new int[n];
-  std::vector<int> entries;
-  int maxCount = 0;
-  for (int v = 0; v < n; ++v) {
-    starts[v] = int(entries.size());
-    entries.push_back(int(sets[v].size()));
-    entries.insert(entries.end(), sets[v].begin(), sets[v].end());
-    maxCount = std::max(maxCount, int(sets[v].size()));
-  }
-  int* raw = new int[entries.size()];
-  std::copy(entries.begin(), entries.end(), raw);
-  MeshAdjVertices table(n, maxCount, starts, raw);
-  out.swap(table);
+  kxGeom::MeshAdjTris tris;
+  kxGeom::meshAdjTris(mesh, tris);
+  kxGeom::meshAdjVertices(mesh, tris, out);
 }
 
 std::vector<MeshVertex> positions(const CompactMesh& mesh) {

@@ -237,7 +237,7 @@ TEST(PointInTriangle3D, AgreesWithBarycentricAreasAndToleratesNearEdges) {
   EXPECT_FALSE(kxGeom::isPointInTriangleInclusive(Point(1, 0.5, 0), a, b, c, Vector(0, 0, -1)));
 }
 
-// --- Normals ----------------------------------------------------------------
+
 
 // --- Sphere against triangle ------------------------------------------------
 
