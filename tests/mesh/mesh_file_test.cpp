@@ -223,7 +223,8 @@ TEST_F(MeshFileTest, BinaryPlyInBothByteOrdersWithDoublesListsAndUnknownElements
            "property short flags\n" +
            (vertexList ? "property list uchar float extra\n" : "") +
            "element face 2\nproperty list uchar int vertex_indices\nproperty uchar material\n"
-           "element edge 1\nproperty list ushort uint vertex\nproperty float crease\nend_header\n");
+           "element material 3\nproperty uchar id\nproperty float shine\nelement edge 1\nproperty "
+           "list ushort uint vertex\nproperty float crease\nend_header\n");
     const double p[5][3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {0.1, 0.2, 0.3}};
     for (int i = 0; i < 5; ++i) {
       b.put(p[i][0]).put(p[i][1]).put(p[i][2]).put(0.f).put(0.f).put(1.f);
@@ -233,6 +234,7 @@ TEST_F(MeshFileTest, BinaryPlyInBothByteOrdersWithDoublesListsAndUnknownElements
     }
     b.put<std::uint8_t>(4).put(0).put(1).put(2).put(3).put<std::uint8_t>(7);
     b.put<std::uint8_t>(3).put(4).put(0).put(1).put<std::uint8_t>(7);
+    for (int i = 0; i < 3; ++i) b.put<std::uint8_t>(i).put(0.5f);
     b.put<std::uint16_t>(2).put<std::uint32_t>(0).put<std::uint32_t>(1).put(0.5f);
     CompactMesh m;
     ASSERT_TRUE(meshReadFile(m, write("b.ply", b.str())));
@@ -458,6 +460,8 @@ std::vector<Hostile> hostileFiles() {
   const std::string at = " byte " + std::to_string(h.size());
   const float nan = std::nanf("");
   const std::string tri = "3 1\n0 0 0\n1 0 0\n0 1 0\n";
+  std::string lateNan = binaryStl(2, 2);  // facet 1, corner 2, z
+  std::memcpy(&lateNan[84 + 50 + 12 + 24 + 8], &nan, 4);
   const std::string asciiStl =
       "solid s\nfacet normal 0 0 1\nouter loop\nvertex 0 0 0\nvertex 1 0 0\n";
   return {
@@ -491,6 +495,7 @@ std::vector<Hostile> hostileFiles() {
        "line 13: cannot parse a vertex index"},
       {"truncated.stl", binaryStl(2, 1), "byte 80: 2 facets need 184 bytes, the file holds 134"},
       {"huge.stl", binaryStl(4294967295u, 1), "byte 80: 4294967295 facets need"},
+      {"latenan.stl", lateNan, "byte 170: facet 1 has a corner that is not a finite point"},
       {"nan.stl", binaryStl(1, 1, nan), "byte 96: facet 0 has a corner that is not a finite point"},
       {"noendloop.stl", asciiStl + "vertex 0 1 0\nendfacet\n", "line 7: expected endloop"},
       {"nan_ascii.stl", asciiStl + "vertex 0 nan 0\n",
@@ -521,6 +526,7 @@ std::vector<Hostile> hostileFiles() {
       {"missing.obj", "v 0 0 0\nf 1 2 3\n", "line 2: face refers to missing vertex 2"},
       {"empty.ply", "", ": empty file"},
       {"junk.bin", "\x01\x02junk", ": not a mesh file of a known format"},
+      {"comments.dat", "# nothing\n\n", ": not a mesh file of a known format"},
   };
 }
 

@@ -72,6 +72,9 @@ TEST(TopologyReport, OpenPiecesHolesAndDegenerateTriangles) {
   const MeshTopologyReport r = kxGeom::meshTopologyReport(kxtest::meshFrom(v, t));
   expectReport(r, 40, 2 * 43 - 1, 14 + 18, 3, 2, 0);  // the hole loses only its diagonal
   EXPECT_EQ(r.degenerateTriangles, 1);
+  const CompactMesh loose =
+      kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {5, 5, 5}}, {0, 1, 2});
+  EXPECT_EQ(kxGeom::meshTopologyReport(loose).positions, 3);
 }
 
 TEST(TopologyReport, NonManifoldEdgesAndPinchedVertices) {

@@ -159,6 +159,9 @@ TEST(SparseMatrixTest, CholeskyFactorOfKnownMatrixAndDefinitenessTests) {
   // A graph Laplacian is only semi-definite; the shift makes it definite.
   const kxGeom::CompactMesh grid = kxtest::makeGrid(3, 3);
   EXPECT_FALSE(meshLaplacian(grid, 0.0).isPositiveDefinite());
+  SparseMatrix singular(2);  // [1 1; 1 1]: the second pivot is exactly zero
+  for (int i = 0; i < 4; ++i) singular.addToElement(i / 2, i % 2, 1.0);
+  EXPECT_FALSE(singular.choleskyFactorization(L));
   const SparseMatrix shifted = meshLaplacian(grid, 0.01);
   ASSERT_TRUE(shifted.choleskyFactorization(L));
   // L L^T reproduces A everywhere.

@@ -9,6 +9,8 @@
 
 #include <kxgeom/kxgeom.h>
 
+#include "support/test_meshes.h"
+
 namespace {
 
 using namespace kxGeom;
@@ -170,6 +172,15 @@ TEST(BoundingBoxModel, CubeCornersAndRotatedBox) {
 }
 
 }  // namespace
+
+TEST(CompactMeshModel, DroppingNormalsForgetsTheyWereComputed) {
+  CompactMesh mesh = kxtest::meshFrom({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {0, 1, 2});
+  mesh.allocNormalArray();
+  mesh.setNormalsComputed(true);
+  mesh.deleteNormals();
+  EXPECT_EQ(mesh.getNormals(), nullptr);
+  EXPECT_FALSE(mesh.getNormalsComputed());
+}
 
 TEST(LinearModel, LinePlaneIntersectionJudgesParallelLinesByAngleAtAnyLength) {
   const kxLinear::Plane ground(kxLinear::Point(0, 0, 0), kxLinear::Vector(0, 0, 2));

@@ -237,8 +237,6 @@ TEST(PointInTriangle3D, AgreesWithBarycentricAreasAndToleratesNearEdges) {
   EXPECT_FALSE(kxGeom::isPointInTriangleInclusive(Point(1, 0.5, 0), a, b, c, Vector(0, 0, -1)));
 }
 
-
-
 // --- Sphere against triangle ------------------------------------------------
 
 // Distance from p to triangle abc by testing the interior and the three edges.

@@ -109,6 +109,12 @@ TEST(QuadRayTriangles, EdgeOnTrianglesNeverHit) {
       true);
   across.intersect(MeshTriangle{{0, 1, 2}}, v.data());
   EXPECT_EQ(across.hitMask(), 15u);
+  // One lane crossing, three running parallel to the plane: only it hits.
+  QuadRay mixed = makePacket(
+      PointFlt(0, -5, 0),
+      {VectorFlt(0, 1, 0), VectorFlt(1, 0, 0), VectorFlt(0, 0, 1), VectorFlt(1, 0, 1)}, true);
+  mixed.intersect(MeshTriangle{{0, 1, 2}}, v.data());
+  EXPECT_EQ(mixed.hitMask(), 1u);
   EXPECT_NEAR(across.triIntersectionRayParam(0), 5.0f, 1e-5f);
 }
 
