@@ -176,8 +176,10 @@ TEST(MeshClosestPoint, IdenticalForEveryThreadCountAndConcurrentQueries) {
     // The batch answers each point as the one-by-one search does.
     std::vector<double> batch(pts.size());
     std::vector<MeshCoord> coords(pts.size());
+    kxUtil::Progress progress;
     ASSERT_TRUE(kxGeom::meshClosestPoints(mesh, octree, tris, pts.data(), int(pts.size()),
-                                          batch.data(), coords.data()));
+                                          batch.data(), coords.data(), &progress));
+    EXPECT_EQ(progress.get(), 1.0);
     EXPECT_EQ(batch, reference) << threads << " threads";
     for (std::size_t i = 0; i < pts.size(); ++i) {
       MeshCoord one;
