@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "mesh/thread_counts.h"
+#include "spatial/octree_oracles.h"
 #include "support/test_meshes.h"
 
 namespace {
@@ -25,11 +26,9 @@ CompactMesh makeTorus(int nu, int nv, float noise) {
   return kxtest::makeTorus(nu, nv, 1.0, 0.35, noise);
 }
 
-Point corner(const CompactMesh& m, int t, int k) {
-  return m.getVertices()[m.getTriangles()[t][k]].asPoint();
-}
 Vector normalOf(const CompactMesh& m, int t) {
-  return kxLinear::cross(corner(m, t, 1) - corner(m, t, 0), corner(m, t, 2) - corner(m, t, 0));
+  return kxLinear::cross(kxtest::corner(m, t, 1) - kxtest::corner(m, t, 0),
+                         kxtest::corner(m, t, 2) - kxtest::corner(m, t, 0));
 }
 
 /// Consistently oriented, manifold at every edge and vertex, no triangle
@@ -47,18 +46,11 @@ int checkManifoldOriented(const CompactMesh& m) {
 /// Largest distance from a vertex of `from` to the surface of `to`, by
 /// brute force over all triangles.
 double oneSidedHausdorff(const CompactMesh& from, const CompactMesh& to) {
-  double worst = 0;
+  double worst2 = 0;
   for (int v = 0; v < from.getNumVertices(); ++v) {
-    const Point p = from.getVertices()[v].asPoint();
-    double best = 1e300;
-    for (int t = 0; t < to.getNumTriangles(); ++t) {
-      const kxGeom::MeshCoord c =
-          kxGeom::meshTriClosestPt(to.getVerticesRaw(), to.getTrianglesRaw(), t, p);
-      best = std::min(best, (c.evaluate(to.getVertices(), to.getTriangles()) - p).length());
-    }
-    worst = std::max(worst, best);
+    worst2 = std::max(worst2, kxtest::bruteClosest2(to, from.getVertices()[v].asPoint()));
   }
-  return worst;
+  return std::sqrt(worst2);
 }
 
 void expectValidRemap(const kxGeom::Remap& map, const CompactMesh& before,
@@ -112,7 +104,9 @@ TEST(MeshReduceTest, ClosedMeshesReachTheCountKeepTopologyWindingAndShape) {
     EXPECT_EQ(c.mesh.getLastModificationType(), 1);
     // Outward normals stay outward: against the centre, or the tube's core.
     for (int t = 0; t < c.mesh.getNumTriangles(); ++t) {
-      const Point g = (corner(c.mesh, t, 0) + corner(c.mesh, t, 1) + corner(c.mesh, t, 2)) / 3.0;
+      const Point g = (kxtest::corner(c.mesh, t, 0) + kxtest::corner(c.mesh, t, 1) +
+                       kxtest::corner(c.mesh, t, 2)) /
+                      3.0;
       const Vector out =
           c.euler == 2 ? g - Point() : g - Point(g.x, g.y, 0) * (1 / std::hypot(g.x, g.y));
       EXPECT_GT(kxLinear::dot(kxLinear::normalized(normalOf(c.mesh, t)), kxLinear::normalized(out)),

@@ -12,6 +12,7 @@
 #include <kxgeom/deviation.h>
 
 #include "mesh/thread_counts.h"
+#include "spatial/octree_oracles.h"
 #include "support/test_meshes.h"
 
 namespace {
@@ -22,28 +23,6 @@ using kxGeom::MeshDeviationOptions;
 using kxLinear::Point;
 using kxLinear::Vector;
 
-Point corner(const CompactMesh& m, int t, int k) {
-  return m.getVertices()[m.getTriangles()[t][k]].asPoint();
-}
-
-// Distance from p to triangle t: to its plane when p projects inside it,
-// else to the nearest edge. A triangle with a NaN corner is never nearest.
-double triangleDistance(const Point& p, const CompactMesh& m, int t) {
-  const Point c[3] = {corner(m, t, 0), corner(m, t, 1), corner(m, t, 2)};
-  const Vector n = kxLinear::cross(c[1] - c[0], c[2] - c[0]);
-  if (std::isnan(n.x)) return 1e300;
-  double best = 1e300;
-  bool inside = n.length2() > 1e-20;
-  for (int k = 0; k < 3; ++k) {
-    const Vector e = c[(k + 1) % 3] - c[k];
-    inside = inside && kxLinear::dot(kxLinear::cross(e, p - c[k]), n) >= 0;
-    const double s =
-        e.length2() > 0 ? std::clamp(kxLinear::dot(p - c[k], e) / e.length2(), 0.0, 1.0) : 0;
-    best = std::min(best, (c[k] + e * s - p).length());
-  }
-  return inside ? std::fabs(kxLinear::dot(p - c[0], n)) / n.length() : best;
-}
-
 // The points the options document, finite ones only: the vertices, then per
 // triangle the centroids of its n^2 small triangles, n = ceil(longest edge /
 // spacing).
@@ -51,7 +30,8 @@ std::vector<Point> documentedPoints(const CompactMesh& a, double spacing) {
   std::vector<Point> points;
   for (int v = 0; v < a.getNumVertices(); ++v) points.push_back(a.getVertices()[v].asPoint());
   for (int t = 0; t < a.getNumTriangles() && spacing > 0; ++t) {
-    const Point c0 = corner(a, t, 0), c1 = corner(a, t, 1), c2 = corner(a, t, 2);
+    const Point c0 = kxtest::corner(a, t, 0), c1 = kxtest::corner(a, t, 1),
+                c2 = kxtest::corner(a, t, 2);
     const double longest = std::max({(c1 - c0).length(), (c2 - c1).length(), (c0 - c2).length()});
     const int n = std::max(1, int(std::ceil(longest / spacing)));
     for (int i = 0; i < n; ++i) {
@@ -80,8 +60,7 @@ TEST(MeshDeviation, MatchesBruteForceOnRandomMeshesForEveryThreadCount) {
       double maximum = 0, sum = 0, sum2 = 0;
       std::vector<double> oracle;
       for (const Point& p : points) {
-        double d = 1e300;
-        for (int t = 0; t < b.getNumTriangles(); ++t) d = std::min(d, triangleDistance(p, b, t));
+        const double d = std::sqrt(kxtest::bruteClosest2(b, p));
         oracle.push_back(d);
         maximum = std::max(maximum, d);
         sum += d;
