@@ -458,7 +458,13 @@ template <class Searcher>
 bool runBatch(BatchQuery<Searcher>& batch, kxUtil::Progress* progress) {
   batch.setProgress(progress);
   kxUtil::ThreadPool::get().run(batch);
-  return !(progress && progress->cancelled());
+  // Each thread reports the shared count and the pool publishes thread 0's
+  // view, which can stop short of the end: a finished batch is whole.
+  const bool finished = !(progress && progress->cancelled());
+  if (finished) {
+    if (progress) progress->set(1.0);
+  }
+  return finished;
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <limits>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "spatial/octree_oracles.h"
@@ -159,7 +158,7 @@ TEST(MeshClosestPoint, NaNVerticesAndIdenticalPoints) {
   EXPECT_NEAR(pileSearch.compute(Point(1.5, 0.5, 0.5), nullptr), 1.0, 1e-7);
 }
 
-TEST(MeshClosestPoint, IdenticalForEveryThreadCountAndConcurrentQueries) {
+TEST(MeshClosestPoint, IdenticalForEveryThreadCountOneByOneOrInABatch) {
   const CompactMesh mesh = kxtest::makeRandomMesh(300, 600, 2);
   const Octree octree = kxtest::vertexOctree(mesh);
   const std::vector<Point> pts = queryPoints(mesh, 9);
@@ -188,19 +187,6 @@ TEST(MeshClosestPoint, IdenticalForEveryThreadCountAndConcurrentQueries) {
     }
   }
   kxUtil::ThreadPool::setNumThreads(0);
-  // Four threads, one search object each, over one octree and one list.
-  kxGeom::OctreeTris tris;
-  kxGeom::computeOctreeTris(mesh, octree, tris);
-  std::vector<std::vector<double>> results(4);
-  std::vector<std::thread> workers;
-  for (auto& r : results) {
-    workers.emplace_back([&, out = &r] {
-      kxGeom::MeshClosestPoint search(mesh, octree, tris);
-      for (const Point& p : pts) out->push_back(search.compute(p, nullptr));
-    });
-  }
-  for (auto& w : workers) w.join();
-  for (const auto& r : results) EXPECT_EQ(r, reference);
 }
 
 TEST(VertexOctreeSearch, ExactNearTheSurfaceAndBoundedFarAway) {
