@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <numeric>
 #include <random>
-#include <regex>
 #include <set>
 #include <utility>
 #include <vector>
@@ -95,38 +93,24 @@ Sets bruteTriAdjTris(const CompactMesh& m) {
   return out;
 }
 
-// The boundary walk computed from the triangle list alone; `part` < 0 means
-// the whole mesh, otherwise only triangles with parts[t] == part count.
+// The boundary walk computed from the triangle list alone.
 struct BruteWalk {
   const CompactMesh& m;
-  std::vector<int> parts;
-  int part;
   Sets trisOf, neighboursOf;
 
-  explicit BruteWalk(const CompactMesh& mesh, std::vector<int> p = {}, int onePart = -1)
-      : m(mesh),
-        parts(std::move(p)),
-        part(onePart),
-        trisOf(bruteAdjTris(mesh)),
-        neighboursOf(bruteAdjVertices(mesh)) {}
+  explicit BruteWalk(const CompactMesh& mesh)
+      : m(mesh), trisOf(bruteAdjTris(mesh)), neighboursOf(bruteAdjVertices(mesh)) {}
 
-  bool uses(int t) const { return part < 0 || parts[t] == part; }
   int after(int v, int t) const {
     const MeshTriangle& tri = m.getTriangles()[t];
     return tri[0] == v ? tri[1] : tri[1] == v ? tri[2] : tri[0];
   }
-  bool seam(int w) const {
-    std::set<int> own;
-    for (int t : trisOf[w]) own.insert(part < 0 ? 0 : parts[t]);
-    return own.size() >= 2;
-  }
   bool step(int v, int& next) const {
     for (int t : trisOf[v]) {
-      if (!uses(t)) continue;
       const int w = next = after(v, t);
       bool reverse = false;
-      for (int u : trisOf[w]) reverse |= uses(u) && after(w, u) == v;
-      const bool irregular = seam(w) || neighboursOf[w].size() != trisOf[w].size();
+      for (int u : trisOf[w]) reverse |= after(w, u) == v;
+      const bool irregular = neighboursOf[w].size() != trisOf[w].size();
       if (irregular && !reverse) return true;
     }
     return false;
@@ -176,13 +160,12 @@ std::vector<int> iota(int n) {
   return v;
 }
 
-// Directed edges a->b of the (part's) triangles with no triangle b->a.
+// Directed edges a->b of the triangles with no triangle b->a.
 std::multiset<std::pair<int, int>> boundaryEdges(const BruteWalk& w) {
   std::multiset<std::pair<int, int>> directed, out;
   for (int t = 0; t < w.m.getNumTriangles(); ++t) {
     for (int e = 0; e < 3; ++e) {
-      if (w.uses(t))
-        directed.insert({w.m.getTriangles()[t][e], w.m.getTriangles()[t][(e + 1) % 3]});
+      directed.insert({w.m.getTriangles()[t][e], w.m.getTriangles()[t][(e + 1) % 3]});
     }
   }
   for (const auto& d : directed) {
