@@ -182,6 +182,13 @@ TEST(CompactMeshModel, DroppingNormalsForgetsTheyWereComputed) {
   EXPECT_FALSE(mesh.getNormalsComputed());
 }
 
+TEST(CompactMeshModel, SizeCountsTheTrianglesAndTheirSelectionWords) {
+  const std::vector<MeshVertex> v(3, MeshVertex{0, 0, 0});
+  const CompactMesh a = kxtest::meshFrom(v, std::vector<int>(3 * 32, 0));
+  const CompactMesh b = kxtest::meshFrom(v, std::vector<int>(3 * 64, 0));
+  EXPECT_EQ(b.getSizeInBytes() - a.getSizeInBytes(), 32 * sizeof(MeshTriangle) + 4);
+}
+
 TEST(LinearModel, LinePlaneIntersectionJudgesParallelLinesByAngleAtAnyLength) {
   const kxLinear::Plane ground(kxLinear::Point(0, 0, 0), kxLinear::Vector(0, 0, 2));
   const kxLinear::Point origin(1, 2, 3);

@@ -96,6 +96,17 @@ TEST(HoleFill, EveryQualityClosesEveryHoleCleanly) {
     }
     EXPECT_LT(patchLongest, 2.5 * longest) << quality;
     if (quality < 2) continue;
+    // Faired: every new vertex is the mean of its ring (the umbrella system).
+    double residual = 0;
+    for (int v = vertices; v < m.getNumVertices(); ++v) {
+      kxLinear::Vector sum;
+      const int k = after.adjVertices.numAdjVertices(v);
+      for (int j = 0; j < k; ++j)
+        sum += m.getVertices()[after.adjVertices.adjVertices(v)[j]].asPoint() - kxLinear::Point();
+      residual = std::max(residual,
+                          (m.getVertices()[v].asPoint() - (kxLinear::Point() + sum / k)).length());
+    }
+    EXPECT_LT(residual, 1e-5);
     // The faired patches lie within 0.14 of the unit sphere: the membrane
     // spans the north rim (30 degrees from the pole) as the flat disk does,
     // 0.134 from the sphere at its centre.
