@@ -118,3 +118,17 @@ TEST(TopoMesh, PolygonsFanIntoTrianglesAndNonManifoldEdgesPairOnce) {
 }
 
 }  // namespace
+
+TEST(TopoMesh, DeletedFacesLeaveEveryVertexALiveOutgoingHalfEdgeOrNone) {
+  kxGeom::TopoMesh mesh;
+  mesh.assign(kxtest::makeGrid(3, 3));
+  for (int f : {0, 5, 7, 1}) {
+    mesh.deleteFace(kxGeom::TopoMeshFace(f));
+    for (int v = 0; v < mesh.vertexSlots(); ++v) {
+      const kxGeom::TopoMeshHalfEdge h = mesh.getHalfEdge(kxGeom::TopoMeshVertex(v));
+      if (!h.isValid()) continue;
+      EXPECT_TRUE(mesh.isLive(h)) << "vertex " << v << " after face " << f;
+      EXPECT_EQ(mesh.origin(h).index, v);
+    }
+  }
+}
