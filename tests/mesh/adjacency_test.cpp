@@ -231,6 +231,13 @@ TEST(AdjacencyTables, RepeatedTriangleListsItsCopyOncePerEdge) {
   EXPECT_TRUE(getSharedEdgeAdjacentTriangle(0, 0, m.getTriangles(), adj, other, edge));
   EXPECT_EQ(other, 1);
   EXPECT_EQ(edge, 2);  // corner of vertex 1 in (2, 0, 1)
+  // Vertex 0's triangles copied as they are and through a map, nothing past them.
+  int out[3] = {-7, -7, -7};
+  const int map[2] = {5, 9};
+  adj.copyTriangles(0, out, map);
+  EXPECT_EQ(std::vector<int>(out, out + 3), (std::vector<int>{5, 9, -7}));
+  adj.copyTriangles(0, out, nullptr);
+  EXPECT_EQ(std::vector<int>(out, out + 3), (std::vector<int>{0, 1, -7}));
 }
 
 // 46342 triangles on one edge would need 46342 * 46341 > 2^31 - 1 entries.
