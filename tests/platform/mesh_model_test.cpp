@@ -189,6 +189,21 @@ TEST(CompactMeshModel, SizeCountsTheTrianglesAndTheirSelectionWords) {
   EXPECT_EQ(b.getSizeInBytes() - a.getSizeInBytes(), 32 * sizeof(MeshTriangle) + 4);
 }
 
+TEST(ArrayOfSetsModel, InverseListsEveryHoldingSetInOrder) {
+  const int pairs[] = {0, 2, 1, 0, 0, 0, 2, 2};  // set 0: {2, 0}, set 1: {0}, set 2: {2}
+  ArrayOfSets sets, inverse;
+  sets.assignFromPairs(3, 4, pairs);
+  inverse.assignInverse(4, sets);
+  ASSERT_EQ(inverse.getNumSets(), 4);
+  const auto set = [&](int i) {
+    return std::vector<int>(inverse.getSet(i), inverse.getSet(i) + inverse.getSetSize(i));
+  };
+  EXPECT_EQ(set(0), (std::vector<int>{0, 1}));
+  EXPECT_TRUE(set(1).empty());
+  EXPECT_EQ(set(2), (std::vector<int>{0, 2}));
+  EXPECT_TRUE(set(3).empty());
+}
+
 TEST(LinearModel, LinePlaneIntersectionJudgesParallelLinesByAngleAtAnyLength) {
   const kxLinear::Plane ground(kxLinear::Point(0, 0, 0), kxLinear::Vector(0, 0, 2));
   const kxLinear::Point origin(1, 2, 3);
