@@ -1,5 +1,5 @@
-// The threaded-pass pattern: range rule, combination order, determinism
-// across thread counts, nested runs, and the parallel stable sort.
+// The threaded-pass pattern: nested runs, determinism across thread counts,
+// the parallel stable sort, and progress phases and cancellation.
 #include <gtest/gtest.h>
 
 #include <algorithm>

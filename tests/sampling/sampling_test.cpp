@@ -1,6 +1,5 @@
-// Low-discrepancy sequences, sphere mappings and the rand48 directions,
-// against hand-computed values, independent formulas and distribution
-// statistics.
+// Low-discrepancy permutation tables, sphere mappings and the rand48
+// generator, against hand-computed values and independent formulas.
 #include <gtest/gtest.h>
 
 #include <algorithm>

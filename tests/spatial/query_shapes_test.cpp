@@ -1,6 +1,6 @@
-// Query shapes against independent geometry: slab clipping in double for the
-// ray, the axis frame for pick frustums, and clip-space coordinates for
-// frustums built from a projection.
+// Query shapes: rays against boxes behind and around their origin, refused
+// pick frustums, and frustums built from a projection against clip-space
+// coordinates.
 #include <kxgeom/predicates.h>
 #include <kxgeom/query_shapes.h>
 
