@@ -162,20 +162,29 @@ void BM_PointInside(benchmark::State& state) {
 BENCHMARK(BM_PointInside)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 // The batch entry points on the shared pool, sized per row; wall time, so
-// the two-thread rows show what the second core gives.
-std::string batchName(const char* what, int threads) {
-  return std::string(what) + " " + std::to_string(threads) +
-         (threads == 1 ? " thread" : " threads");
+// the two-thread rows show what the second core gives. Each thread builds one
+// searcher per batch, so the rows also run the query set ten times over,
+// where that set-up weighs a tenth as much.
+std::string batchName(const char* what, int threads, int copies = 1) {
+  return std::string(what) + (copies > 1 ? " x" + std::to_string(copies) : "") + " " +
+         std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+}
+
+std::vector<Point> repeated(const std::vector<Point>& points, int copies) {
+  std::vector<Point> out;
+  for (int c = 0; c < copies; ++c) out.insert(out.end(), points.begin(), points.end());
+  return out;
 }
 
 void BM_ClosestPointsBatch(benchmark::State& state) {
   const int threads = int(state.range(0));
   kxUtil::ThreadPool::setNumThreads(threads);
-  const std::vector<Point>& points = queryPoints(true);
+  const int copies = int(state.range(1));
+  const std::vector<Point> points = repeated(queryPoints(true), copies);
   std::vector<double> distances(points.size());
   std::vector<kxGeom::MeshCoord> coords(points.size());
   kxbench::timeIterations(
-      state, batchName("kxgeom meshClosestPoints near surface", threads), [] { return 0; },
+      state, batchName("kxgeom meshClosestPoints near surface", threads, copies), [] { return 0; },
       [&](int) {
         kxGeom::meshClosestPoints(model(), index().octree, index().tris, points.data(),
                                   int(points.size()), distances.data(), coords.data());
@@ -183,8 +192,10 @@ void BM_ClosestPointsBatch(benchmark::State& state) {
   kxUtil::ThreadPool::setNumThreads(1);
 }
 BENCHMARK(BM_ClosestPointsBatch)
-    ->Arg(1)
-    ->Arg(2)
+    ->Args({1, 1})
+    ->Args({2, 1})
+    ->Args({1, 10})
+    ->Args({2, 10})
     ->UseManualTime()
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
@@ -192,10 +203,11 @@ BENCHMARK(BM_ClosestPointsBatch)
 void BM_PointsInsideBatch(benchmark::State& state) {
   const int threads = int(state.range(0));
   kxUtil::ThreadPool::setNumThreads(threads);
-  const std::vector<Point>& points = queryPoints(false);
+  const int copies = int(state.range(1));
+  const std::vector<Point> points = repeated(queryPoints(false), copies);
   std::vector<kxGeom::MeshPtInside::Result> results(points.size());
   kxbench::timeIterations(
-      state, batchName("kxgeom meshPointsInside in box", threads), [] { return 0; },
+      state, batchName("kxgeom meshPointsInside in box", threads, copies), [] { return 0; },
       [&](int) {
         kxGeom::meshPointsInside(model(), index().octree, index().tris, 1e-6, points.data(),
                                  int(points.size()), results.data());
@@ -203,8 +215,10 @@ void BM_PointsInsideBatch(benchmark::State& state) {
   kxUtil::ThreadPool::setNumThreads(1);
 }
 BENCHMARK(BM_PointsInsideBatch)
-    ->Arg(1)
-    ->Arg(2)
+    ->Args({1, 1})
+    ->Args({2, 1})
+    ->Args({1, 10})
+    ->Args({2, 10})
     ->UseManualTime()
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
@@ -383,7 +397,9 @@ int main(int argc, char** argv) {
   pairs.push_back({"CGAL Side_of_triangle_mesh in box", "kxgeom MeshPtInside in box"});
   for (const char* batch :
        {"kxgeom meshClosestPoints near surface", "kxgeom meshPointsInside in box"}) {
-    pairs.push_back({batchName(batch, 1), batchName(batch, 2)});
+    for (int copies : {1, 10}) {
+      pairs.push_back({batchName(batch, 1, copies), batchName(batch, 2, copies)});
+    }
   }
   pairs.push_back({variant("Embree rtcPointQuery", true),
                    batchName("kxgeom meshClosestPoints near surface", 2)});
