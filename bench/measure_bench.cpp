@@ -13,6 +13,7 @@
 #include <cstdio>
 
 #include "support/bench_meshes.h"
+#include "support/peer_mesh.h"
 #include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -88,19 +89,7 @@ using Kernel = CGAL::Exact_predicates_inexact_constructions_kernel;
 using SurfaceMesh = CGAL::Surface_mesh<Kernel::Point_3>;
 namespace PMP = CGAL::Polygon_mesh_processing;
 
-SurfaceMesh surfaceOf(const CompactMesh& m) {
-  SurfaceMesh sm;
-  for (int v = 0; v < m.getNumVertices(); ++v) {
-    const kxGeom::MeshVertex& p = m.getVertices()[v];
-    sm.add_vertex(Kernel::Point_3(p.x, p.y, p.z));
-  }
-  for (int t = 0; t < m.getNumTriangles(); ++t) {
-    const kxGeom::MeshTriangle& c = m.getTriangles()[t];
-    sm.add_face(SurfaceMesh::Vertex_index(c[0]), SurfaceMesh::Vertex_index(c[1]),
-                SurfaceMesh::Vertex_index(c[2]));
-  }
-  return sm;
-}
+SurfaceMesh surfaceOf(const CompactMesh& m) { return kxbench::toPeerMesh<SurfaceMesh>(m); }
 
 void BM_CgalHausdorff(benchmark::State& state, bool sampled) {
   const SurfaceMesh a = surfaceOf(noisy()), b = surfaceOf(smoothed());

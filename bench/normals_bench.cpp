@@ -4,6 +4,7 @@
 #include <kxgeom/normals.h>
 
 #include "support/bench_meshes.h"
+#include "support/peer_mesh.h"
 #include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -51,17 +52,7 @@ using OMesh = OpenMesh::TriMesh_ArrayKernelT<>;
 OMesh& openMeshSphere() {
   static OMesh mesh = [] {
     const CompactMesh& s = sphere();
-    OMesh m;
-    std::vector<OMesh::VertexHandle> handles;
-    handles.reserve(s.getNumVertices());
-    for (int i = 0; i < s.getNumVertices(); ++i) {
-      const kxGeom::MeshVertex& p = s.getVertices()[i];
-      handles.push_back(m.add_vertex(OMesh::Point(p.x, p.y, p.z)));
-    }
-    for (int t = 0; t < s.getNumTriangles(); ++t) {
-      const kxGeom::MeshTriangle& tri = s.getTriangles()[t];
-      m.add_face(handles[tri[0]], handles[tri[1]], handles[tri[2]]);
-    }
+    OMesh m = kxbench::toPeerMesh<OMesh>(s);
     m.request_vertex_normals();
     m.request_face_normals();
     return m;

@@ -311,7 +311,7 @@ using Primitive = CGAL::AABB_face_graph_triangle_primitive<SurfaceMesh>;
 using Tree = CGAL::AABB_tree<CGAL::AABB_traits<Kernel, Primitive>>;
 
 const SurfaceMesh& cgalMesh() {
-  static const SurfaceMesh mesh = kxbench::toCgalSurfaceMesh(model().mesh);
+  static const SurfaceMesh mesh = kxbench::toPeerMesh<SurfaceMesh>(model().mesh);
   return mesh;
 }
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/bench_meshes.h"
+#include "support/peer_mesh.h"
 #include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -115,19 +116,7 @@ BENCHMARK(BM_KxgeomEndpoint)->Unit(benchmark::kMillisecond)->UseManualTime()->It
 using Kernel = CGAL::Simple_cartesian<double>;
 using SurfaceMesh = CGAL::Surface_mesh<Kernel::Point_3>;
 
-SurfaceMesh toSurfaceMesh() {
-  SurfaceMesh sm;
-  std::vector<SurfaceMesh::Vertex_index> handles;
-  for (int v = 0; v < input().getNumVertices(); ++v) {
-    const kxGeom::MeshVertex& p = input().getVertices()[v];
-    handles.push_back(sm.add_vertex(Kernel::Point_3(p.x, p.y, p.z)));
-  }
-  for (int t = 0; t < input().getNumTriangles(); ++t) {
-    const kxGeom::MeshTriangle& c = input().getTriangles()[t];
-    sm.add_face(handles[c[0]], handles[c[1]], handles[c[2]]);
-  }
-  return sm;
-}
+SurfaceMesh toSurfaceMesh() { return kxbench::toPeerMesh<SurfaceMesh>(input()); }
 
 void BM_CgalGarlandHeckbert(benchmark::State& state) {
   namespace SMS = CGAL::Surface_mesh_simplification;
@@ -160,19 +149,7 @@ BENCHMARK(BM_CgalGarlandHeckbert)->Unit(benchmark::kMillisecond)->UseManualTime(
 #ifdef KXGEOM_BENCH_OPENMESH
 using OMesh = OpenMesh::TriMesh_ArrayKernelT<>;
 
-OMesh toOpenMesh() {
-  OMesh om;
-  std::vector<OMesh::VertexHandle> handles;
-  for (int v = 0; v < input().getNumVertices(); ++v) {
-    const kxGeom::MeshVertex& p = input().getVertices()[v];
-    handles.push_back(om.add_vertex(OMesh::Point(p.x, p.y, p.z)));
-  }
-  for (int t = 0; t < input().getNumTriangles(); ++t) {
-    const kxGeom::MeshTriangle& c = input().getTriangles()[t];
-    om.add_face(handles[c[0]], handles[c[1]], handles[c[2]]);
-  }
-  return om;
-}
+OMesh toOpenMesh() { return kxbench::toPeerMesh<OMesh>(input()); }
 
 void BM_OpenMeshDecimater(benchmark::State& state) {
   std::vector<float> positions;

@@ -17,6 +17,7 @@
 #include <kxgeom/smoothing.h>
 
 #include "support/bench_meshes.h"
+#include "support/peer_mesh.h"
 #include "support/timed_ratio.h"
 
 #ifdef KXGEOM_BENCH_PEERS
@@ -109,16 +110,7 @@ BENCHMARK(BM_PlainNeighbourAverage)->Unit(benchmark::kMillisecond)->UseManualTim
 void BM_OpenMeshJacobiLaplace(benchmark::State& state) {
   using OMesh = OpenMesh::TriMesh_ArrayKernelT<>;
   const CompactMesh mesh = makeMesh();
-  OMesh om;
-  std::vector<OMesh::VertexHandle> handles;
-  for (int v = 0; v < mesh.getNumVertices(); ++v) {
-    const MeshVertex& p = mesh.getVertices()[v];
-    handles.push_back(om.add_vertex(OMesh::Point(p.x, p.y, p.z)));
-  }
-  for (int t = 0; t < mesh.getNumTriangles(); ++t) {
-    const MeshTriangle& tri = mesh.getTriangles()[t];
-    om.add_face(handles[tri[0]], handles[tri[1]], handles[tri[2]]);
-  }
+  OMesh om = kxbench::toPeerMesh<OMesh>(mesh);
   om.request_vertex_normals();
   om.request_face_normals();
   OpenMesh::Smoother::JacobiLaplaceSmootherT<OMesh> smoother(om);

@@ -176,20 +176,29 @@ std::vector<Point> repeated(const std::vector<Point>& points, int copies) {
   return out;
 }
 
-void BM_ClosestPointsBatch(benchmark::State& state) {
-  const int threads = int(state.range(0));
+// Times one batch call over the query set; the row's arguments are the
+// thread count and how many times over the set is run. The outputs are sized
+// on the first (slowest, so never the best) iteration.
+template <class Batch>
+void timeBatch(benchmark::State& state, const char* what, bool nearSurface, Batch batch) {
+  const int threads = int(state.range(0)), copies = int(state.range(1));
   kxUtil::ThreadPool::setNumThreads(threads);
-  const int copies = int(state.range(1));
-  const std::vector<Point> points = repeated(queryPoints(true), copies);
-  std::vector<double> distances(points.size());
-  std::vector<kxGeom::MeshCoord> coords(points.size());
+  const std::vector<Point> points = repeated(queryPoints(nearSurface), copies);
   kxbench::timeIterations(
-      state, batchName("kxgeom meshClosestPoints near surface", threads, copies), [] { return 0; },
-      [&](int) {
-        kxGeom::meshClosestPoints(model(), index().octree, index().tris, points.data(),
-                                  int(points.size()), distances.data(), coords.data());
-      });
+      state, batchName(what, threads, copies), [] { return 0; }, [&](int) { batch(points); });
   kxUtil::ThreadPool::setNumThreads(1);
+}
+
+void BM_ClosestPointsBatch(benchmark::State& state) {
+  std::vector<double> distances;
+  std::vector<kxGeom::MeshCoord> coords;
+  timeBatch(state, "kxgeom meshClosestPoints near surface", true,
+            [&](const std::vector<Point>& points) {
+              distances.resize(points.size());
+              coords.resize(points.size());
+              kxGeom::meshClosestPoints(model(), index().octree, index().tris, points.data(),
+                                        int(points.size()), distances.data(), coords.data());
+            });
 }
 BENCHMARK(BM_ClosestPointsBatch)
     ->Args({1, 1})
@@ -201,18 +210,12 @@ BENCHMARK(BM_ClosestPointsBatch)
     ->Unit(benchmark::kMillisecond);
 
 void BM_PointsInsideBatch(benchmark::State& state) {
-  const int threads = int(state.range(0));
-  kxUtil::ThreadPool::setNumThreads(threads);
-  const int copies = int(state.range(1));
-  const std::vector<Point> points = repeated(queryPoints(false), copies);
-  std::vector<kxGeom::MeshPtInside::Result> results(points.size());
-  kxbench::timeIterations(
-      state, batchName("kxgeom meshPointsInside in box", threads, copies), [] { return 0; },
-      [&](int) {
-        kxGeom::meshPointsInside(model(), index().octree, index().tris, 1e-6, points.data(),
-                                 int(points.size()), results.data());
-      });
-  kxUtil::ThreadPool::setNumThreads(1);
+  std::vector<kxGeom::MeshPtInside::Result> results;
+  timeBatch(state, "kxgeom meshPointsInside in box", false, [&](const std::vector<Point>& points) {
+    results.resize(points.size());
+    kxGeom::meshPointsInside(model(), index().octree, index().tris, 1e-6, points.data(),
+                             int(points.size()), results.data());
+  });
 }
 BENCHMARK(BM_PointsInsideBatch)
     ->Args({1, 1})
@@ -317,7 +320,7 @@ using Primitive = CGAL::AABB_face_graph_triangle_primitive<SurfaceMesh>;
 using Tree = CGAL::AABB_tree<CGAL::AABB_traits<Kernel, Primitive>>;
 
 const SurfaceMesh& cgalMesh() {
-  static const SurfaceMesh mesh = kxbench::toCgalSurfaceMesh(model());
+  static const SurfaceMesh mesh = kxbench::toPeerMesh<SurfaceMesh>(model());
   return mesh;
 }
 
