@@ -77,12 +77,13 @@ class KXGEOM_API OctreeClosestIt {
 /// then single triangles are skipped by the distance to their boxes before
 /// any is measured, and no triangle is measured twice in a query.
 ///
-/// Built once per mesh and octree, it reuses its search context (the set of
-/// triangles measured in a query, the walk's heap, the node bounds and a
-/// copy of the corners of every listed triangle in list order, 36 bytes per
-/// list entry) across queries, and shares the lists' layout. The mesh,
-/// octree and lists must outlive it, unchanged. Thread safety: not safe for
-/// concurrent `compute` calls; use one object per thread.
+/// Built once per mesh and octree, it prepares what every query reads (the
+/// node bounds and a copy of the corners of every listed triangle in list
+/// order, 36 bytes per list entry; the lists' layout is shared with them) and
+/// keeps its own scratch (the set of triangles measured in a query, the
+/// walk's heap). The mesh, octree and lists must outlive it, unchanged.
+/// Thread safety: not safe for concurrent `compute` calls on one object;
+/// copies share the prepared data and may run on threads of their own.
 class KXGEOM_API MeshClosestPoint {
  public:
   /// [in] mesh    the mesh.  [in] octree  the octree.
@@ -92,7 +93,9 @@ class KXGEOM_API MeshClosestPoint {
   /// their orienting normals (128 bytes a node); plus the layout's cost when
   /// the lists carry none.
   MeshClosestPoint(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris);
-  MeshClosestPoint(const MeshClosestPoint&) = delete;
+  /// A searcher over the same mesh sharing `other`'s prepared data, with
+  /// scratch of its own. Cost O(octree depth).
+  MeshClosestPoint(const MeshClosestPoint& other);
   MeshClosestPoint& operator=(const MeshClosestPoint&) = delete;
   virtual ~MeshClosestPoint();
 
@@ -168,7 +171,8 @@ KXGEOM_API double meshClosestVertex2(const CompactMesh& mesh, const Octree& vert
                                      const kxLinear::Point& p);
 
 /// Classifies points against a closed mesh with outward normals from one
-/// closest-point query each. Thread safety: as `MeshClosestPoint`.
+/// closest-point query each. Thread safety: as `MeshClosestPoint` (copies
+/// share its prepared data).
 ///
 /// The answer is the side of the nearest surface point, which a ray's hit
 /// count cannot give (it disagrees where interpolated normals do, and on
@@ -229,8 +233,9 @@ class KXGEOM_API MeshPtInside {
 /// [in,out] progress  when not null, receives the fraction of points answered
 ///                  and is polled for cancellation.
 /// Returns false, with the outputs partly written, when cancelled.
-/// Cost O(count x one query / threads) plus one `MeshClosestPoint` set-up per
-/// thread. Thread safety: the inputs must not change during the call.
+/// Cost O(count x one query / threads) plus one `MeshClosestPoint` set-up,
+/// shared by the threads. Thread safety: the inputs must not change during
+/// the call.
 KXGEOM_API bool meshClosestPoints(const CompactMesh& mesh, const Octree& octree,
                                   const OctreeTris& tris, const kxLinear::Point* points, int count,
                                   double* distances, MeshCoord* coords,
@@ -243,8 +248,8 @@ KXGEOM_API bool meshClosestPoints(const CompactMesh& mesh, const Octree& octree,
 /// [in]  points   `count` query points.  [out] results  `count` answers.
 /// [in,out] progress  as `meshClosestPoints`.
 /// Returns false, with the results partly written, when cancelled.
-/// Cost O(count x one evaluation / threads) plus one `MeshPtInside` set-up
-/// per thread. Thread safety: as `meshClosestPoints`.
+/// Cost O(count x one evaluation / threads) plus one `MeshPtInside` set-up,
+/// shared by the threads. Thread safety: as `meshClosestPoints`.
 KXGEOM_API bool meshPointsInside(const CompactMesh& mesh, const Octree& octree,
                                  const OctreeTris& tris, double tolerance,
                                  const kxLinear::Point* points, int count,

@@ -421,50 +421,55 @@ kx::vector<NodeBound> nodeBounds(const CompactMesh& mesh, const Octree& octree,
   return bounds;
 }
 
-// Answers chunks of query points with one searcher per thread, made on the
-// thread's first chunk: a searcher's set-up is the expensive part, and no
-// point needs a particular thread.
+// Answers the chunks of points [first, first + count) with one searcher per
+// thread, copied from a prototype on the thread's first chunk: the copies
+// share the prototype's prepared data, and no point needs a particular
+// thread.
 template <class Searcher>
-class BatchQuery : public kxUtil::ThreadedChunkAlg<char> {
+class BatchSlice : public kxUtil::ThreadedChunkAlg<char> {
  public:
-  BatchQuery(int count, std::function<std::unique_ptr<Searcher>()> make,
-             std::function<void(Searcher&, int)> answer)
-      : ThreadedChunkAlg<char>(count, 256), make_(std::move(make)), answer_(std::move(answer)) {}
-  void initialize(int numThreads) override {
-    ThreadedChunkAlg<char>::initialize(numThreads);
-    searchers_.clear();
-    searchers_.resize(std::size_t(numThreads));
-    done_.store(0);
-  }
+  using Answer = std::function<void(Searcher&, int)>;
+  BatchSlice(int first, int count, const Searcher& prototype,
+             std::vector<std::unique_ptr<Searcher>>& searchers, const Answer& answer)
+      : ThreadedChunkAlg<char>(count, 256),
+        first_(first),
+        prototype_(prototype),
+        searchers_(searchers),
+        answer_(answer) {}
 
  protected:
   void process(int thread, int begin, int end, char&) override {
     std::unique_ptr<Searcher>& searcher = searchers_[std::size_t(thread)];
-    if (!searcher) searcher = make_();
-    for (int i = begin; i < end; ++i) answer_(*searcher, i);
-    const int done = done_.fetch_add(end - begin) + (end - begin);
-    updateProgress(thread, double(done) / n_);
+    if (!searcher) searcher = std::make_unique<Searcher>(prototype_);
+    for (int i = first_ + begin; i < first_ + end; ++i) answer_(*searcher, i);
   }
 
  private:
-  std::function<std::unique_ptr<Searcher>()> make_;
-  std::function<void(Searcher&, int)> answer_;
-  std::vector<std::unique_ptr<Searcher>> searchers_;
-  std::atomic<int> done_{0};
+  int first_;
+  const Searcher& prototype_;
+  std::vector<std::unique_ptr<Searcher>>& searchers_;
+  const Answer& answer_;
 };
 
-// Runs a batch on the shared pool; false when it was cancelled.
+// Answers points [0, count) on the shared pool slice by slice, reporting the
+// points answered and polling for cancellation between slices, as the other
+// chunked passes do; false when cancelled.
 template <class Searcher>
-bool runBatch(BatchQuery<Searcher>& batch, kxUtil::Progress* progress) {
-  batch.setProgress(progress);
-  kxUtil::ThreadPool::get().run(batch);
-  // Each thread reports the shared count and the pool publishes thread 0's
-  // view, which can stop short of the end: a finished batch is whole.
-  const bool finished = !(progress && progress->cancelled());
-  if (finished) {
-    if (progress) progress->set(1.0);
+bool runBatch(int count, const Searcher& prototype,
+              const typename BatchSlice<Searcher>::Answer& answer, kxUtil::Progress* progress) {
+  constexpr int kSlice = 1 << 14;  // points between progress reports
+  kxUtil::ThreadPool& pool = kxUtil::ThreadPool::get();
+  std::vector<std::unique_ptr<Searcher>> searchers(std::size_t(pool.numThreads()));
+  for (int first = 0; first < count; first += kSlice) {
+    if (progress && progress->cancelled()) return false;
+    const int n = std::min(kSlice, count - first);
+    BatchSlice<Searcher> slice(first, n, prototype, searchers, answer);
+    slice.setProgress(progress);
+    pool.run(slice);
+    if (progress && progress->cancelled()) return false;
+    if (progress) progress->set(double(first + n) / count);
   }
-  return finished;
+  return true;
 }
 
 }  // namespace
@@ -711,14 +716,26 @@ class BoundWalk {
   kx::vector<Entry> heap_;
 };
 
+// What a search reads and never writes, built once per mesh and octree and
+// shared by copies of the searcher.
+struct PreparedSearch {
+  PreparedSearch(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
+      : bounds(nodeBounds(mesh, octree, tris)),
+        corners(listedCorners(mesh, tris)),
+        layout(layoutOf(mesh, octree, tris)) {}
+  kx::vector<NodeBound> bounds;
+  kx::vector<float> corners;
+  std::shared_ptr<const OctreeTrisLayout> layout;
+};
+
 class ClosestPointContext {
  public:
-  ClosestPointContext(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris)
-      : bounds_(nodeBounds(mesh, octree, tris)),
-        corners_(listedCorners(mesh, tris)),
-        layout_(layoutOf(mesh, octree, tris)),
-        walk_(octree, bounds_, *layout_) {}
+  ClosestPointContext(const Octree& octree, std::shared_ptr<const PreparedSearch> prepared)
+      : prepared_(std::move(prepared)),
+        bounds_(prepared_->bounds),
+        walk_(octree, bounds_, *prepared_->layout) {}
   virtual ~ClosestPointContext() = default;
+  const std::shared_ptr<const PreparedSearch>& prepared() const { return prepared_; }
 
   // True the first time triangle t is seen in the current query.
   bool visit(int t) { return seen_.insert(t); }
@@ -755,14 +772,13 @@ class ClosestPointContext {
     return cell;
   }
   // The corners of the triangle at position i of the concatenated lists.
-  const float* cornersAt(std::size_t i) const { return corners_.data() + 9 * i; }
-  const OctreeTrisLayout& layout() const { return *layout_; }
+  const float* cornersAt(std::size_t i) const { return prepared_->corners.data() + 9 * i; }
+  const OctreeTrisLayout& layout() const { return *prepared_->layout; }
 
  private:
+  std::shared_ptr<const PreparedSearch> prepared_;
+  const kx::vector<NodeBound>& bounds_;
   SeenTriangles seen_;
-  kx::vector<NodeBound> bounds_;
-  kx::vector<float> corners_;
-  std::shared_ptr<const OctreeTrisLayout> layout_;
   BoundWalk walk_;
 };
 
@@ -771,7 +787,14 @@ MeshClosestPoint::MeshClosestPoint(const CompactMesh& mesh, const Octree& octree
     : mesh_(mesh),
       octree_(octree),
       tris_(tris),
-      context_(new ClosestPointContext(mesh, octree, tris)) {}
+      context_(new ClosestPointContext(
+          octree, std::make_shared<const PreparedSearch>(mesh, octree, tris))) {}
+
+MeshClosestPoint::MeshClosestPoint(const MeshClosestPoint& other)
+    : mesh_(other.mesh_),
+      octree_(other.octree_),
+      tris_(other.tris_),
+      context_(new ClosestPointContext(other.octree_, other.context_->prepared())) {}
 
 MeshClosestPoint::~MeshClosestPoint() { delete context_; }
 
@@ -993,23 +1016,22 @@ double meshLongestEdge(const CompactMesh& mesh) {
 bool meshClosestPoints(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris,
                        const kxLinear::Point* points, int count, double* distances,
                        MeshCoord* coords, kxUtil::Progress* progress) {
-  BatchQuery<MeshClosestPoint> batch(
-      count, [&] { return std::make_unique<MeshClosestPoint>(mesh, octree, tris); },
+  return runBatch<MeshClosestPoint>(
+      count, MeshClosestPoint(mesh, octree, tris),
       [&](MeshClosestPoint& search, int i) {
         MeshCoord found;
         distances[i] = search.compute(points[i], &found);
         if (coords) coords[i] = found;
-      });
-  return runBatch(batch, progress);
+      },
+      progress);
 }
 
 bool meshPointsInside(const CompactMesh& mesh, const Octree& octree, const OctreeTris& tris,
                       double tolerance, const kxLinear::Point* points, int count,
                       MeshPtInside::Result* results, kxUtil::Progress* progress) {
-  BatchQuery<MeshPtInside> batch(
-      count, [&] { return std::make_unique<MeshPtInside>(mesh, octree, tris, tolerance); },
-      [&](MeshPtInside& inside, int i) { results[i] = inside.evaluate(points[i]); });
-  return runBatch(batch, progress);
+  return runBatch<MeshPtInside>(
+      count, MeshPtInside(mesh, octree, tris, tolerance),
+      [&](MeshPtInside& inside, int i) { results[i] = inside.evaluate(points[i]); }, progress);
 }
 
 }  // namespace kxGeom
