@@ -51,23 +51,6 @@ TEST(MeshBox, EmptyMeshKeepsTheSentinels) {
   EXPECT_TRUE(kxtest::matchesLogLine(log.lines()[0], "meshBoundingBox: 0 vertices  ", " s\n"));
 }
 
-TEST(MeshBox, MatchesSerialScanForEverySizeAndThreadCount) {
-  kxtest::forEachThreadCount([](int threads) {
-    for (int n : {1, 2, 3, 4, 5, 7, 8, 9, 13, 1000, 4099}) {
-      const CompactMesh mesh = kxtest::makeRandomMesh(n, 0, unsigned(n));
-      BoundingBox box;
-      kxGeom::meshBoundingBox(mesh, box);
-      EXPECT_EQ(bruteForceBox(mesh, [](int) { return true; }), box) << n << " " << threads;
-      double lo[3], hi[3];
-      kxGeom::meshBoundingBox(mesh, lo, hi);
-      for (int k = 0; k < 3; ++k) {
-        EXPECT_EQ(double(box[k]), lo[k]);
-        EXPECT_EQ(double(box[k + 3]), hi[k]);
-      }
-    }
-  });
-}
-
 TEST(MeshBox, FilteredBoxesMatchSerialScan) {
   std::mt19937 rng(71);
   const CompactMesh mesh = kxtest::makeRandomMesh(3000, 0, 73);

@@ -128,23 +128,4 @@ TEST(Normalize, UnitVectorsAndFallbackForTinyOrInvalid) {
   EXPECT_NEAR(-1.0 / 3, v[17], 1e-6);
 }
 
-TEST(Normals, IdenticalForEveryThreadCount) {
-  const CompactMesh source = kxtest::makeRandomMesh(2000, 9000, 67);
-  std::vector<float> reference, referenceTri;
-  kxtest::forEachThreadCount([&](int threads) {
-    CompactMesh mesh = source;
-    kxGeom::meshComputeNormals(mesh);
-    kxGeom::meshComputeTriangleNormals(mesh);
-    const std::vector<float> got(mesh.getNormalsRaw(), mesh.getNormalsRaw() + 3 * 2000);
-    const std::vector<float> gotTri(mesh.getTriangleNormalsRaw(),
-                                    mesh.getTriangleNormalsRaw() + 3 * 9000);
-    if (reference.empty()) {
-      reference = got;
-      referenceTri = gotTri;
-    }
-    EXPECT_EQ(reference, got) << threads;
-    EXPECT_EQ(referenceTri, gotTri) << threads;
-  });
-}
-
 }  // namespace

@@ -46,30 +46,6 @@ TEST(ThreadPool, NestedRunsExecuteSeriallyWithoutDeadlock) {
   EXPECT_EQ(inner, std::vector<int>(4, 100));
 }
 
-TEST(ThreadPool, ChunkResultsAreIndependentOfThreadCount) {
-  struct SumChunks : kxUtil::ThreadedChunkAlg<float> {
-    explicit SumChunks(const std::vector<float>& v) : ThreadedChunkAlg(int(v.size()), 37), v_(v) {}
-    void process(int, int b, int e, float& s) override {
-      for (int i = b; i < e; ++i) s += v_[i];
-    }
-    const std::vector<float>& v_;
-  };
-  std::mt19937 rng(5);
-  std::uniform_real_distribution<float> u(-1e6f, 1e6f);
-  std::vector<float> v(5000);
-  for (float& x : v) x = u(rng);
-  float reference = 0;
-  for (int threads : {1, 2, 3, 8}) {
-    ThreadPool pool(threads);
-    SumChunks alg(v);
-    pool.run(alg);
-    float total = 0;
-    for (float s : alg.results()) total += s;
-    if (threads == 1) reference = total;
-    EXPECT_EQ(total, reference) << threads;
-  }
-}
-
 TEST(SMPSortMerge, IsStableAndIdenticalForEveryThreadCount) {
   std::mt19937 rng(7);
   std::vector<std::pair<int, int>> input(20000);

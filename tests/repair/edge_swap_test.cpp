@@ -53,29 +53,6 @@ kx::vector<TopoMeshHalfEdge> interiorEdges(const TopoMesh& mesh) {
   return edges;
 }
 
-TEST(EdgeSwap, RelaxedGridIsDelaunayWithConsistentTwins) {
-  TopoMesh mesh = jitteredGrid(12, 3);
-  const int faces = mesh.getNumFaces();
-  MeshEdgeSwapper swapper(mesh);
-  swapper.setVeto(&MeshEdgeSwapper::minimizeOppositeAngleSum);
-  kx::vector<TopoMeshHalfEdge> edges = interiorEdges(mesh);
-  const std::size_t numEdges = edges.size();
-  EXPECT_GT(meshSwapEdgesRepeatedly(swapper, edges), 20);
-  EXPECT_EQ(mesh.getNumFaces(), faces);
-  const kx::vector<TopoMeshHalfEdge> after = interiorEdges(mesh);
-  EXPECT_EQ(after.size(), numEdges);
-  for (TopoMeshHalfEdge h : after) {
-    const TopoMeshHalfEdge g = mesh.twin(h);
-    ASSERT_EQ(mesh.twin(g), h);
-    ASSERT_EQ(mesh.origin(g), mesh.target(h));
-    const auto p = [&](TopoMeshVertex v) { return mesh.getPoint(v); };
-    const double opposite =
-        angleAt(p(mesh.origin(h)), p(mesh.origin(mesh.prev(h))), p(mesh.target(h))) +
-        angleAt(p(mesh.origin(g)), p(mesh.origin(mesh.prev(g))), p(mesh.target(g)));
-    EXPECT_LE(opposite, 3.14159265358979 + 1e-9);
-  }
-}
-
 TEST(EdgeSwap, VetoesBoundariesAndExistingDiagonalsStopSwaps) {
   TopoMesh mesh = jitteredGrid(3, 5);
   MeshEdgeSwapper swapper(mesh);

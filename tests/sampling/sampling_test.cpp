@@ -93,22 +93,6 @@ TEST(SphereMappings, PolesUnitLengthUniformCapsAndInverse) {
   EXPECT_LT(worstInverse, 1e-4);
 }
 
-TEST(SphereMappings, CapIsTheSphereMappingLimitedInHeight) {
-  // cap = 2 is the sphere mapping with v mirrored; cap = 1 runs z from 1 to 0.
-  for (int i = 0; i <= 16; ++i) {
-    for (int j = 0; j <= 16; ++j) {
-      const float u = i / 16.0f, v = j / 16.0f;
-      VectorFlt cap, sphere, half;
-      kxGeom::mapSphericalCapToUniformCartesian(u, v, 2.0f, cap);
-      kxGeom::mapSphericalToUniformCartesian(u, 1.0f - v, sphere);
-      EXPECT_LT((cap - sphere).length(), 2e-3) << u << " " << v;  // acos near the poles
-      kxGeom::mapSphericalCapToUniformCartesian(u, v, 1.0f, half);
-      EXPECT_NEAR(half.length(), 1.0, 1e-6);
-      EXPECT_NEAR(half.z, 1.0f - v, 1e-7);
-    }
-  }
-}
-
 TEST(Rand48, MatchesTheGeneratorComputedByHand) {
   kxUtil::srand48(0);
   EXPECT_NEAR(kxUtil::drand48(), 0.170828036106, 1e-12);  // (0x5DEECE66D * 0x330E + 0xB) / 2^48

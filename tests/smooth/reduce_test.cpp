@@ -329,16 +329,6 @@ TEST(MeshReduceTest, ProgressIsTheShareOfTheTrianglesToRemove) {
   EXPECT_EQ(seen.back(), 1.0);
 }
 
-TEST(MeshReduceTest, SameResultForEveryThreadCount) {
-  CompactMesh reference;
-  kxtest::forEachThreadCount([&](int threads) {
-    CompactMesh mesh = makeTorus(64, 24, 0.03f);
-    reduce(mesh, MeshReduceOptions());
-    if (threads == 1) reference = mesh;
-    EXPECT_TRUE(identical(mesh, reference)) << threads;
-  });
-}
-
 TEST(MeshReduceTest, DefectsAreKeptAndNotMultiplied) {
   // A fin on one edge (three triangles), a NaN vertex, a repeated-corner
   // triangle; and a random soup.

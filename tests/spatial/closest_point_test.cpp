@@ -297,50 +297,6 @@ TEST(LongestEdge, MatchesBruteForce) {
   EXPECT_EQ(kxGeom::meshLongestEdge(CompactMesh{}), 0.0);
 }
 
-TEST(PointInside, ClassifiesAgainstTheAnalyticSphere) {
-  CompactMesh sphere = kxtest::makeLatLongSphere(30, 60, 2.0, Point(1, -1, 0.5));
-  kxGeom::MeshNormal* normals = sphere.allocNormalArray();
-  for (int v = 0; v < sphere.getNumVertices(); ++v) {
-    const kxLinear::Vector n =
-        kxLinear::normalized(sphere.getVertices()[v].asPoint() - Point(1, -1, 0.5));
-    normals[v].set(float(n.x), float(n.y), float(n.z));
-  }
-  Searchable s(sphere);
-  kxGeom::MeshPtInside inside(s.mesh, s.octree, s.tris, 1e-3);
-  // The chord error of this tessellation is below 0.012: points farther than
-  // 0.02 from the analytic sphere are classified by their radius.
-  int counted[3] = {0, 0, 0};
-  for (const Point& p : kxtest::randomPoints(3000, boxOf(s.mesh), 1.3, 7)) {
-    const double r = (p - Point(1, -1, 0.5)).length();
-    const auto result = inside.evaluate(p);
-    ++counted[result];
-    if (std::fabs(r - 2.0) < 0.02) continue;
-    ASSERT_EQ(result, r < 2.0 ? kxGeom::MeshPtInside::Inside : kxGeom::MeshPtInside::Outside) << r;
-  }
-  EXPECT_GT(counted[kxGeom::MeshPtInside::Inside], 500);
-  // The batch form gives the same answers, and stops when cancelled.
-  const std::vector<Point> batchPoints = kxtest::randomPoints(700, boxOf(s.mesh), 1.3, 8);
-  std::vector<kxGeom::MeshPtInside::Result> answers(batchPoints.size());
-  ASSERT_TRUE(kxGeom::meshPointsInside(s.mesh, s.octree, s.tris, 1e-3, batchPoints.data(),
-                                       int(batchPoints.size()), answers.data()));
-  for (std::size_t i = 0; i < batchPoints.size(); ++i) {
-    ASSERT_EQ(answers[i], inside.evaluate(batchPoints[i])) << i;
-  }
-  kxUtil::Progress stop;
-  stop.cancel();
-  EXPECT_FALSE(kxGeom::meshPointsInside(s.mesh, s.octree, s.tris, 1e-3, batchPoints.data(),
-                                        int(batchPoints.size()), answers.data(), &stop));
-  // On a vertex: on the surface. Just outside the box but within tolerance: outside.
-  EXPECT_EQ(inside.evaluate(s.mesh.getVertices()[7].asPoint()), kxGeom::MeshPtInside::OnSurface);
-  EXPECT_EQ(inside.evaluate(Point(1, -1, 2.5 + 1e-4)), kxGeom::MeshPtInside::Outside);
-  // Without normals the triangles' own normals orient the test.
-  CompactMesh bare(s.mesh.getNumVertices(), s.mesh.getVertices(), nullptr, nullptr, nullptr);
-  bare.copyTriangles(s.mesh.getNumTriangles(), s.mesh.getTrianglesRaw());
-  kxGeom::MeshPtInside noNormals(bare, s.octree, s.tris, 1e-3);
-  EXPECT_EQ(noNormals.evaluate(Point(1, -1, 0.5)), kxGeom::MeshPtInside::Inside);
-  EXPECT_EQ(noNormals.evaluate(Point(2.5, 0.5, 2.0)), kxGeom::MeshPtInside::Outside);
-}
-
 TEST(ClosestIterator, LeavesInNonDecreasingDistanceCoveringAll) {
   const CompactMesh mesh = kxtest::makeRandomMesh(2000, 1, 12);
   const Octree octree = kxtest::vertexOctree(mesh);

@@ -208,13 +208,3 @@ void reverseLeaves(OctreeIterator cell, std::vector<int>& out) {
     reverseLeaves(child, out);
   }
 }
-
-TEST(Octree, SharedThroughReferences) {
-  const auto xyz = randomCloud(100, 9, false);
-  kx::Reference<Octree> a(new Octree(100, xyz.data(), boxOf(xyz), true, 16));
-  kx::Reference<Octree> b = a;
-  EXPECT_EQ(a->referenceCount(), 2);
-  a = kx::Reference<Octree>();
-  EXPECT_EQ(b->referenceCount(), 1);
-  EXPECT_GT(b->numLeaves, 1);
-}

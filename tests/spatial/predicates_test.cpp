@@ -459,28 +459,6 @@ TEST(BoxPlane, SideMatchesCornerExtremes) {
   for (int c : counts) EXPECT_GT(c, 1000);
 }
 
-TEST(BoxSphere, AgreesWithClampedDistance) {
-  std::mt19937 rng(37);
-  std::uniform_real_distribution<double> coord(-2.0, 2.0), radius(0.0, 1.0);
-  int hits = 0;
-  for (int iter = 0; iter < 10000; ++iter) {
-    const BoundingBox box = randomBox(rng);
-    const kxGeom::Sphere s({coord(rng), coord(rng), coord(rng)}, radius(rng));
-    double d2 = 0;
-    for (int k = 0; k < 3; ++k) {
-      const double excess = std::max({box[k] - s.center[k], s.center[k] - box[k + 3], 0.0});
-      d2 += excess * excess;
-    }
-    const double d = std::sqrt(d2);
-    if (std::fabs(d - s.radius) < 1e-5) continue;
-    ASSERT_EQ(d < s.radius, kxGeom::intersects(box, s)) << iter;
-    hits += d < s.radius;
-  }
-  EXPECT_GT(hits, 300);
-  const BoundingBox unit(0.0f, 0.0f, 0.0f, 1.0f, 1.0f, 1.0f);
-  EXPECT_TRUE(kxGeom::intersects(unit, kxGeom::Sphere({2, 0.5, 0.5}, 1.0)));  // touching
-}
-
 TEST(BoxFrustum, NeverMissesAnOverlapAndRejectsSeparatedBoxes) {
   std::mt19937 rng(41);
   std::uniform_real_distribution<double> coord(-1.5, 1.5), unit(0.0, 1.0);

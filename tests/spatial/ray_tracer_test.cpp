@@ -11,7 +11,6 @@
 #include <cmath>
 #include <functional>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -31,16 +30,6 @@ const double kMinT = kxLinear::epsilonTol;
 struct CullDistanceGuard {
   ~CullDistanceGuard() { kxGeom::setBackfaceCullDistance(1e-6); }
 };
-
-struct TracedRay {
-  PointFlt origin;
-  Vector direction;
-};
-
-TracedRay randomRay(const BoundingBox& box, bool inside, std::mt19937& rng) {
-  const PointFlt o = kxtest::randomOrigin(box, inside, rng);
-  return {o, Vector(kxtest::randomPointInBox(box, 1.25f, rng) - o)};
-}
 
 TEST(RayTracer, MissesResetTheHitRecord) {
   const IndexedMesh m(kxtest::makeLatLongSphere(16, 32));
@@ -92,36 +81,6 @@ TEST(RayTracer, BackFacesFromInsideASphereObeyTheCullDistance) {
     } else if (cull > 1.4) {
       EXPECT_EQ(hits, 0);
     }
-  }
-}
-
-TEST(RayTracer, ThreadsTracingOneMeshGetTheSerialResults) {
-  std::mt19937 rng(89);
-  const IndexedMesh m(kxtest::makeRandomMesh(2000, 4000, 97));
-  std::vector<TracedRay> rays;
-  for (int i = 0; i < 3000; ++i) rays.push_back(randomRay(m.box, i % 4 == 0, rng));
-  auto traceAll = [&m, &rays](std::vector<double>& distances, std::vector<int>& triangles) {
-    RayTracer tracer(m.octree, m.tris, &m.mesh);
-    for (const TracedRay& r : rays) {
-      tracer.intersect(r.origin, r.direction);
-      distances.push_back(tracer.intersectionDist());
-      triangles.push_back(tracer.intersectionTriangle());
-    }
-  };
-  std::vector<double> serialDistances;
-  std::vector<int> serialTriangles;
-  traceAll(serialDistances, serialTriangles);
-  constexpr int kThreads = 4;
-  std::vector<std::vector<double>> distances(kThreads);
-  std::vector<std::vector<int>> triangles(kThreads);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back(traceAll, std::ref(distances[std::size_t(t)]),
-                         std::ref(triangles[std::size_t(t)]));
-  for (std::thread& th : threads) th.join();
-  for (int t = 0; t < kThreads; ++t) {
-    EXPECT_EQ(distances[std::size_t(t)], serialDistances);
-    EXPECT_EQ(triangles[std::size_t(t)], serialTriangles);
   }
 }
 
