@@ -288,21 +288,23 @@ CompactMesh hub(int n, bool fan) {
   return meshFrom(fan ? n + 2 : 2 * n + 1, c);
 }
 
-TEST(LocalQueries, LargeFansOrderAsThePlainScanDoes) {
-  // A fan of 300 triangles around vertex 0, with reversed, repeated and
-  // degenerate members, shuffled.
-  std::vector<int> c;
-  for (int i = 1; i <= 300; ++i) c.insert(c.end(), {0, i, i % 300 + 1});
-  c.insert(c.end(), {0, 5, 4, 0, 7, 8, 0, 0, 9, 9, 0, 0, 0, 40, 41});
-  const CompactMesh fan = meshFrom(302, c);
-  std::vector<int> in(std::size_t(fan.getNumTriangles()));
-  std::iota(in.begin(), in.end(), 0);
-  std::mt19937 rng(11);
-  kx::vector<int> out;
-  for (int round = 0; round < 3; ++round) {
-    std::shuffle(in.begin(), in.end(), rng);
-    sortAdjTris(0, int(in.size()), in.data(), fan.getTriangles(), out);
-    EXPECT_EQ(std::vector<int>(out.begin(), out.end()), plainFanOrder(0, in, fan.getTriangles()));
+TEST(LocalQueries, SmallAndLargeFansOrderAsThePlainScanDoes) {
+  // Fans of 20 and 300 triangles around vertex 0, with reversed, repeated
+  // and degenerate members, shuffled.
+  for (int size : {20, 300}) {
+    std::vector<int> c;
+    for (int i = 1; i <= size; ++i) c.insert(c.end(), {0, i, i % size + 1});
+    c.insert(c.end(), {0, 5, 4, 0, 7, 8, 0, 0, 9, 9, 0, 0, 0, 10, 11});
+    const CompactMesh fan = meshFrom(size + 2, c);
+    std::vector<int> in(std::size_t(fan.getNumTriangles()));
+    std::iota(in.begin(), in.end(), 0);
+    std::mt19937 rng(11);
+    kx::vector<int> out;
+    for (int round = 0; round < 3; ++round) {
+      std::shuffle(in.begin(), in.end(), rng);
+      sortAdjTris(0, int(in.size()), in.data(), fan.getTriangles(), out);
+      EXPECT_EQ(std::vector<int>(out.begin(), out.end()), plainFanOrder(0, in, fan.getTriangles()));
+    }
   }
 }
 

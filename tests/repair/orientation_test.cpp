@@ -111,6 +111,7 @@ TEST(Manifold, PinchedVerticesSplitOneNewVertexPerExtraFan) {
   std::vector<MeshVertex> v;
   for (int i = 0; i < 8; ++i) v.push_back({float(i), float(i * i % 5), 0});
   CompactMesh m = kxtest::meshFrom(v, {0, 1, 2, 0, 4, 5, 0, 2, 3, 0, 6, 7});
+  std::fill_n(m.allocUVArray(), 8, kxGeom::MeshUV{7, 7});
   MeshAdjTris adj = adjacencyOf(m);
   MeshManifoldResult result;
   meshManifold(m, adj, result);
@@ -121,7 +122,8 @@ TEST(Manifold, PinchedVerticesSplitOneNewVertexPerExtraFan) {
   ASSERT_EQ(m.getNumVertices(), 10);
   EXPECT_EQ(cornersOf(m), (std::vector<int>{0, 1, 2, 8, 4, 5, 0, 2, 3, 9, 6, 7}));
   EXPECT_EQ(m.getVertices()[9].x, 0.0f);
-  meshMakeManifold(m);  // already clean: no change
+  EXPECT_TRUE(m.getUVs()[8].u == 0 && m.getUVs()[9].v == 0);  // split copies start blank
+  meshMakeManifold(m);                                        // already clean: no change
   EXPECT_EQ(m.getNumVertices(), 10);
   // A star of many triangles sharing only their hub splits completely.
   std::vector<int> star;
