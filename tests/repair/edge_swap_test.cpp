@@ -65,6 +65,13 @@ TEST(EdgeSwap, VetoesBoundariesAndExistingDiagonalsStopSwaps) {
       EXPECT_FALSE(swapper.swap(TopoMeshHalfEdge(h)));
     }
   }
+  // A grid of squares is cocircular everywhere: no swap gains anything.
+  TopoMesh squares;
+  squares.assign(kxtest::makeGrid(3, 3));
+  MeshEdgeSwapper squareSwapper(squares);
+  squareSwapper.setVeto(MeshEdgeSwapper::minimizeOppositeAngleSum);
+  kx::vector<TopoMeshHalfEdge> squareEdges = interiorEdges(squares);
+  EXPECT_EQ(meshSwapEdgesRepeatedly(squareSwapper, squareEdges), 0);
   // Without a veto a swap always happens where it can, and twice restores
   // the edge.
   const TopoMeshHalfEdge e = edges.front();
